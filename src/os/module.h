@@ -1,0 +1,36 @@
+#pragma once
+// Loading shared libraries (DLLs / shared objects) at run time.
+#include <string>
+
+namespace os {
+
+using ModuleHandle = void*;
+
+// "log" -> "log.dll" on Windows, "liblog.so" on Linux.
+std::wstring SharedLibraryFileName(const std::wstring& stem);
+
+// Loads the library at `path` (never searched for elsewhere); null on failure.
+ModuleHandle LoadModule(const std::wstring& path) noexcept;
+
+// The already loaded library whose file name is `fileName`, with its reference
+// count raised (release it with ReleaseModule); null when it is not loaded.
+ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept;
+
+// Address of an exported symbol, or null.
+void* FindSymbol(ModuleHandle module, const char* name) noexcept;
+
+void ReleaseModule(ModuleHandle module) noexcept;
+
+// Full path of the binary (executable or library) that contains `address`.
+std::wstring ModulePathOf(const void* address);
+
+// Base address (instance handle) of the binary that contains `address`.
+void* ModuleBaseOf(const void* address) noexcept;
+
+// `path` without its last component and separator ("" when there is none).
+std::wstring DirectoryOf(const std::wstring& path);
+
+// `directory` joined with `name` by the platform's separator.
+std::wstring JoinPath(const std::wstring& directory, const std::wstring& name);
+
+}  // namespace os

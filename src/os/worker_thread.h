@@ -1,0 +1,34 @@
+#pragma once
+// A thread that runs one body until its stop event is set.
+#include <functional>
+#include <thread>
+
+#include "os/event.h"
+
+namespace os {
+
+// Owner thread rule: Start and Stop are called by the owner only, never from
+// the body itself. The destructor stops a running thread.
+class WorkerThread {
+public:
+    // The body should return soon after `stop` is signalled.
+    using Body = std::function<void(AutoResetEvent& stop)>;
+
+    WorkerThread() = default;
+    ~WorkerThread() { Stop(); }
+    WorkerThread(const WorkerThread&) = delete;
+    WorkerThread& operator=(const WorkerThread&) = delete;
+
+    // False when a thread is already running or could not be created.
+    bool Start(Body body);
+    // Signals the stop event and waits for the body to return.
+    void Stop();
+    bool Running() const noexcept { return thread_.joinable(); }
+    AutoResetEvent& stop_event() noexcept { return stop_; }
+
+private:
+    AutoResetEvent stop_;
+    std::thread thread_;
+};
+
+}  // namespace os
