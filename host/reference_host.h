@@ -1,0 +1,48 @@
+#pragma once
+// The reference host as one object: the services a plug-in finds through its
+// IServMain, wired together. Tests create one per test; the host program one
+// per run. Services added later are registered with `components()` by name.
+#include <memory>
+
+#include "host/agent_manager.h"
+#include "host/clock.h"
+#include "host/component_manager.h"
+#include "host/event_queue_service.h"
+
+namespace host {
+
+class ReferenceHost {
+public:
+    static constexpr const wchar_t* kAgentManagerName = L"EndpointIntegration.Manager";
+
+    // With `manualClock` the queues follow a ManualClock that the caller
+    // advances; otherwise they follow the system's steady clock.
+    explicit ReferenceHost(bool manualClock = true)
+        : manualClock_(manualClock ? std::make_unique<ManualClock>() : nullptr),
+          systemClock_(manualClock ? nullptr : std::make_unique<SystemClock>()),
+          queues_(clock()),
+          main_(components_) {
+        components_.SetEventQueueFactory(&queues_);
+        components_.Register(kAgentManagerName, &agents_);
+    }
+    ~ReferenceHost() { components_.SetEventQueueFactory(nullptr); }
+    ReferenceHost(const ReferenceHost&) = delete;
+    ReferenceHost& operator=(const ReferenceHost&) = delete;
+
+    Clock& clock() { return manualClock_ ? static_cast<Clock&>(*manualClock_) : *systemClock_; }
+    ManualClock* manualClock() { return manualClock_.get(); }
+    ComponentManager& components() { return components_; }
+    IServMain* main() { return &main_; }
+    AgentManager& agents() { return agents_; }
+    EventQueueService& queues() { return queues_; }
+
+private:
+    std::unique_ptr<ManualClock> manualClock_;
+    std::unique_ptr<SystemClock> systemClock_;
+    ComponentManager components_;
+    AgentManager agents_;
+    EventQueueService queues_;
+    ServMain main_;
+};
+
+}  // namespace host

@@ -1,0 +1,14 @@
+// The module's exported objects. All declarations live in this one file so
+// that they register in a fixed order while static objects are constructed:
+//   "Product.ConditionalRunner" + ".Agent"        the agent (singleton)
+//   "Product.ConditionalRunner"                   the runner (one per request)
+//   "Product.ConditionalRunner.ConditionManager"  the condition manager (singleton)
+//   "Product.ConditionalRunner.NetworkProvider"   the network provider (singleton)
+// Each class adds its declaration here, in that order, as it is written.
+#include "plugin/exported_objects.h"
+#include "plugin/module_names.h"
+
+namespace qv {
+namespace {
+}  // namespace
+}  // namespace qv
