@@ -91,6 +91,10 @@ TempDir::~TempDir() {
 
 std::wstring TempDir::File(const std::wstring& name) const { return os::JoinPath(path_, name); }
 
+bool FileContains(const std::wstring& path, const std::wstring& text) {
+    return ReadAll(path).find(os::WideToUtf8Lossy(text)) != std::string::npos;
+}
+
 std::wstring ProgramDirectory() {
     static const int anchor = 0;
     return os::DirectoryOf(os::ModulePathOf(&anchor));

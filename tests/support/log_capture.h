@@ -46,6 +46,9 @@ private:
     std::wstring path_;
 };
 
+// Whether the UTF-8 file at `path` contains `text`.
+bool FileContains(const std::wstring& path, const std::wstring& text);
+
 // Folder of the running test program (where the module and log library are built).
 std::wstring ProgramDirectory();
 

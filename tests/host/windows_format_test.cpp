@@ -1,0 +1,38 @@
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+
+#include "host/log/windows_format.h"
+
+namespace {
+std::wstring Format(const wchar_t* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::wstring text = host::FormatWindowsStyle(format, args);
+    va_end(args);
+    return text;
+}
+}  // namespace
+
+TEST(WindowsFormat, StringsFollowTheWindowsConvention) {
+    EXPECT_EQ(Format(L"[%s] [%ws] [%ls]", L"wide", L"ws", L"ls"), L"[wide] [ws] [ls]");
+    EXPECT_EQ(Format(L"[%S] [%hs]", "narrow", "hs"), L"[narrow] [hs]");
+    EXPECT_EQ(Format(L"%s|%S", static_cast<const wchar_t*>(nullptr), static_cast<const char*>(nullptr)),
+              L"(null)|(null)");
+    EXPECT_EQ(Format(L"[%-6s][%6s][%.2s]", L"ab", L"ab", L"abcdef"), L"[ab    ][    ab][ab]");
+    EXPECT_EQ(Format(L"%S", "\xF0\x9F\x98\x80"), L"\U0001F600");
+}
+
+TEST(WindowsFormat, IntegersCharactersAndPercent) {
+    EXPECT_EQ(Format(L"%d %i %u %x %X %%", -5, 42, 4000000000u, 255u, 255u), L"-5 42 4000000000 ff FF %");
+    EXPECT_EQ(Format(L"%05d|%-4d|%+d", 42, 7, 3), L"00042|7   |+3");
+    EXPECT_EQ(Format(L"%lld %I64d %zu", -1LL, 1LL << 40, static_cast<size_t>(12)), L"-1 1099511627776 12");
+    EXPECT_EQ(Format(L"%c%C", L'w', 'n'), L"wn");
+    EXPECT_EQ(Format(L"%*d", 4, 1), L"   1");
+}
+
+TEST(WindowsFormat, UnknownConversionsAndTruncatedFormatsAreCopied) {
+    EXPECT_EQ(Format(L"a %q b"), L"a %q b");
+    EXPECT_EQ(Format(L"end %"), L"end %");
+    EXPECT_EQ(Format(nullptr), L"");
+}

@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include "host/agent_manager.h"
+#include "host/component_manager.h"
+#include "plugin/agent_base.h"
+#include "plugin/serv_plugin.h"
+#include "support/log_capture.h"
+
+namespace {
+
+// A plug-in interface that the test agent fronts.
+struct IFronted : IQvBaseInterface {
+    static constexpr GUID iid = qv::MakeGuid(0xA1B2C3D4, 0x0001, 0x0002, 0x0003, 0x000000000004);
+};
+
+class Fronted final : public IFronted {
+public:
+    void* QueryInterface(const GUID& iid) override {
+        return qv::GuidEquals(iid, IFronted::iid) || qv::GuidEquals(iid, IQvBaseInterface::iid) ? this : nullptr;
+    }
+};
+
+}  // namespace
+
+template <>
+struct qv::InterfaceName<IFronted> {
+    static constexpr const wchar_t* value = L"struct IFronted";
+};
+
+namespace {
+
+class TestAgent final : public EnterpriseIntegration::Agent<IFronted> {
+public:
+    TestAgent() : Agent(L"Test.Agent", L"Test.Fronted") {}
+    int32_t Configure() override { return 0; }
+    void RunPolicyMethod(IMethodCall*) override {}
+    bool IsReady() override { return plugin().get() != nullptr; }
+};
+
+// Host pieces without the event queues: the agent needs only these two services.
+struct MiniHost {
+    host::ComponentManager components;
+    host::ServMain main{components};
+    host::AgentManager agents;
+    Fronted fronted;
+    MiniHost(bool withManager, bool withFronted) {
+        if (withManager) components.Register(L"EndpointIntegration.Manager", &agents);
+        if (withFronted) components.Register(L"Test.Fronted", &fronted);
+    }
+};
+
+}  // namespace
+
+
+TEST(ServPlugin, LogsANullManagerAndAMissingPlugin) {
+    testing_support::LogCapture capture;
+    qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"EndpointIntegration.Manager");
+    EXPECT_EQ(plugin.GetPlugin(nullptr), nullptr);
+    EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
+                                 L"Null component manager"));
+
+    host::ComponentManager empty;
+    EXPECT_EQ(plugin.GetPlugin(&empty), nullptr);
+    EXPECT_TRUE(capture.Contains(logging::kWarning, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
+                                 L"Error 1168 getting plugin \"EndpointIntegration.Manager\""));
+}
+
+TEST(ServPlugin, HoldsOneReferenceAndGivesItBackByName) {
+    MiniHost host(true, false);
+    {
+        qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"EndpointIntegration.Manager");
+        ASSERT_EQ(plugin.GetPlugin(&host.components), &host.agents);
+        // A second lookup first gives back the reference it held.
+        ASSERT_EQ(plugin.GetPlugin(&host.components), &host.agents);
+        EXPECT_EQ(host.components.References(L"EndpointIntegration.Manager"), 1);
+    }
+    EXPECT_EQ(host.components.References(L"EndpointIntegration.Manager"), 0);
+}
+
+TEST(ServPlugin, WrongInterfaceIsAFailedLookup) {
+    MiniHost host(false, true);
+    qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"Test.Fronted");
+    EXPECT_EQ(plugin.GetPlugin(&host.components), nullptr);
+    EXPECT_EQ(host.components.TotalReferences(), 0);
+}
+
+TEST(AgentBase, InitNeedsTheAgentManagerAndTheFrontedPlugin) {
+    for (auto [withManager, withFronted] : {std::pair{false, true}, std::pair{true, false}, std::pair{false, false}}) {
+        MiniHost host(withManager, withFronted);
+        TestAgent agent;
+        EXPECT_EQ(agent.Init(&host.main), 5002);
+        EXPECT_EQ(host.components.TotalReferences(), 0) << "whatever was acquired is given back";
+        EXPECT_FALSE(agent.IsReady());
+    }
+    TestAgent agent;
+    EXPECT_EQ(agent.Init(nullptr), 5002);
+}
+
+TEST(AgentBase, StartRegistersStopAndUninitUndoEverything) {
+    MiniHost host(true, true);
+    TestAgent agent;
+    ASSERT_EQ(agent.Init(&host.main), 0);
+    EXPECT_TRUE(agent.IsReady());
+    EXPECT_EQ(host.components.TotalReferences(), 2);
+
+    ASSERT_EQ(agent.Start(), 0);
+    EXPECT_TRUE(agent.registered());
+    EXPECT_EQ(host.agents.FindAgent(L"Test.Agent"), &agent);
+    agent.Stop();
+    EXPECT_FALSE(agent.registered());
+    EXPECT_EQ(host.agents.GetAgentCount(), 0u);
+
+    ASSERT_EQ(agent.Start(), 0);
+    agent.Uninit();  // unregisters as well
+    EXPECT_EQ(host.agents.GetAgentCount(), 0u);
+    EXPECT_EQ(host.components.TotalReferences(), 0);
+}
+
+TEST(AgentBase, RefusedRegistrationFailsStart) {
+    MiniHost host(true, true);
+    host.agents.SetRefuseRegistration(true);
+    TestAgent agent;
+    ASSERT_EQ(agent.Init(&host.main), 0);
+    EXPECT_EQ(agent.Start(), 1627);
+    EXPECT_FALSE(agent.registered());
+    agent.Uninit();
+}
+
+TEST(AgentBase, AnswersItsInterfacesAndName) {
+    TestAgent agent;
+    EXPECT_NE(agent.QueryInterface(IQvBaseInterface::iid), nullptr);
+    EXPECT_NE(agent.QueryInterface(IServPlugin::iid), nullptr);
+    EXPECT_NE(agent.QueryInterface(EnterpriseIntegration::IAgent::iid), nullptr);
+    EXPECT_EQ(agent.QueryInterface(EnterpriseIntegration::IManager::iid), nullptr);
+    std::wstring name;
+    EXPECT_EQ(agent.GetNameInto(name), L"Test.Agent");
+}

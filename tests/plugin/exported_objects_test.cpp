@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "plugin/exported_objects.h"
+#include "plugin/module_exports.h"
+#include "plugin/status.h"
+#include "qv/serv_plugin.h"
+
+namespace {
+
+// A plug-in object that counts its live instances.
+template <int Tag>
+class CountedPlugin : public IServPlugin {
+public:
+    static inline std::atomic<int> live{0};
+    CountedPlugin() { ++live; }
+    virtual ~CountedPlugin() { --live; }
+    void* QueryInterface(const GUID& iid) override {
+        if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IServPlugin::iid))
+            return static_cast<IServPlugin*>(this);
+        return nullptr;
+    }
+    int32_t Init(IServMain*) override { return 0; }
+    int32_t Uninit() override { return 0; }
+    int32_t Start() override { return 0; }
+    int32_t Stop() override { return 0; }
+};
+
+using SingletonPlugin = CountedPlugin<1>;
+using PerRequestPlugin = CountedPlugin<2>;
+using OtherPlugin = CountedPlugin<3>;
+
+qv::ExportedSingletonDeclaration<SingletonPlugin> singletonDeclaration(L"Test.Exports.Singleton");
+qv::ExportedObjectDeclaration<PerRequestPlugin> perRequestDeclaration(L"Test.Exports.PerRequest");
+qv::ExportedObjectDeclaration<OtherPlugin> duplicateDeclaration(L"Test.Exports.Singleton");
+
+constexpr GUID kUnknownIid = qv::MakeGuid(0x12345678, 0x1234, 0x1234, 0x1234, 0x123456789ABC);
+
+}  // namespace
+
+TEST(ExportedObjects, SingletonIsSharedAndCountedUntilTheLastGiveBack) {
+    void* first = nullptr;
+    void* second = nullptr;
+    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &first), 0);
+    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &second), 0);
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(singletonDeclaration.count(), 2);
+    EXPECT_TRUE(singletonDeclaration.HasInstances());
+
+    QvDestroyObject(L"Test.Exports.Singleton", first);
+    EXPECT_EQ(SingletonPlugin::live, 1);
+    QvDestroyObject(L"Test.Exports.Singleton", second);
+    EXPECT_EQ(SingletonPlugin::live, 0);
+    EXPECT_FALSE(singletonDeclaration.HasInstances());
+}
+
+TEST(ExportedObjects, NamesAreExactAndCaseSensitive) {
+    void* object = reinterpret_cast<void*>(1);
+    EXPECT_EQ(QvCreateObject(L"test.exports.singleton", &IServPlugin::iid, &object), qv::status::kNotFound);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(QvCreateObject(L"Test.Exports.Singleto", &IServPlugin::iid, &object), qv::status::kNotFound);
+    EXPECT_EQ(SingletonPlugin::live, 0);
+}
+
+TEST(ExportedObjects, MissingInterfaceGivesNotFoundAndLeavesTheCountUnchanged) {
+    void* held = nullptr;
+    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IQvBaseInterface::iid, &held), 0);
+    void* object = reinterpret_cast<void*>(1);
+    EXPECT_EQ(QvCreateObject(L"Test.Exports.Singleton", &kUnknownIid, &object), qv::status::kNotFound);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(singletonDeclaration.count(), 1);
+    EXPECT_EQ(SingletonPlugin::live, 1);
+    QvDestroyObject(L"Test.Exports.Singleton", held);
+    EXPECT_EQ(SingletonPlugin::live, 0);
+
+    // Without an earlier holder the object made for the failed request is deleted at once.
+    EXPECT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &kUnknownIid, &object), qv::status::kNotFound);
+    EXPECT_EQ(PerRequestPlugin::live, 0);
+}
+
+TEST(ExportedObjects, PerRequestDeclarationMakesAFreshObjectEachTime) {
+    void* a = nullptr;
+    void* b = nullptr;
+    ASSERT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &a), 0);
+    ASSERT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &b), 0);
+    EXPECT_NE(a, b);
+    EXPECT_EQ(PerRequestPlugin::live, 2);
+    EXPECT_FALSE(perRequestDeclaration.HasInstances());
+
+    // An object of another class is ignored by the per-request declaration.
+    OtherPlugin stranger;
+    QvDestroyObject(L"Test.Exports.PerRequest", static_cast<IQvBaseInterface*>(&stranger));
+    EXPECT_EQ(OtherPlugin::live, 1);
+
+    QvDestroyObject(L"Test.Exports.PerRequest", a);
+    QvDestroyObject(L"Test.Exports.PerRequest", b);
+    EXPECT_EQ(PerRequestPlugin::live, 0);
+}
+
+TEST(ExportedObjects, SecondRegistrationOfANameIsRefusedAndTheFirstStays) {
+    EXPECT_EQ(singletonDeclaration.registration(), 0);
+    EXPECT_EQ(duplicateDeclaration.registration(), qv::status::kAlreadyExists);
+    EXPECT_EQ(qv::ExportedObjectRegistry::Instance().Register(L"Test.Exports.PerRequest", &singletonDeclaration),
+              qv::status::kAlreadyExists);
+
+    void* object = nullptr;
+    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &object), 0);
+    EXPECT_EQ(SingletonPlugin::live, 1);
+    EXPECT_EQ(OtherPlugin::live, 0);
+    QvDestroyObject(L"Test.Exports.Singleton", object);
+}
+
+TEST(ExportedObjects, UnknownNamesAndNullArgumentsAreHandled) {
+    QvDestroyObject(L"Test.Exports.Nobody", nullptr);
+    QvDestroyObject(nullptr, nullptr);
+    void* object = reinterpret_cast<void*>(1);
+    EXPECT_EQ(QvCreateObject(nullptr, &IServPlugin::iid, &object), qv::status::kNotFound);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(QvCreateObject(L"Test.Exports.Singleton", nullptr, &object), qv::status::kNotFound);
+    EXPECT_NE(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, nullptr), 0);
+    EXPECT_EQ(SingletonPlugin::live, 0);
+}
+
+TEST(ExportedObjects, LoggingIsAvailableWhileAnExportedObjectLives) {
+    ASSERT_FALSE(logging::CLogDLL::Exists());
+    void* object = nullptr;
+    ASSERT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &object), 0);
+    EXPECT_TRUE(logging::CLogDLL::Exists());
+    QvDestroyObject(L"Test.Exports.PerRequest", object);
+    EXPECT_FALSE(logging::CLogDLL::Exists());
+}
+
+TEST(ExportedObjects, ConcurrentSingletonRequestsShareOneInstance) {
+    constexpr int kThreads = 4, kRounds = 200;
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                void* object = nullptr;
+                if (QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &object) != 0) ++failures;
+                if (SingletonPlugin::live != 1) ++failures;
+                QvDestroyObject(L"Test.Exports.Singleton", object);
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(SingletonPlugin::live, 0);
+}
