@@ -1,0 +1,40 @@
+#include <gtest/gtest.h>
+
+#include "os/environment.h"
+#include "os/module.h"
+#include "support/log_capture.h"
+
+TEST(Module, LoadsALibraryByPathAndFindsItsExports) {
+    const std::wstring name = os::SharedLibraryFileName(L"logwrite_only");
+    os::ModuleHandle module = os::LoadModule(os::JoinPath(testing_support::ProgramDirectory(), name));
+    ASSERT_NE(module, nullptr);
+    EXPECT_NE(os::FindSymbol(module, "LogWrite"), nullptr);
+    EXPECT_EQ(os::FindSymbol(module, "LogInit"), nullptr);
+
+    os::ModuleHandle again = os::FindLoadedModule(name);
+    EXPECT_EQ(again, module) << "the loaded copy is found by file name";
+    os::ReleaseModule(again);
+    os::ReleaseModule(module);
+}
+
+TEST(Module, NeverSearchesForABareNameAndReportsMissingFiles) {
+    EXPECT_EQ(os::FindLoadedModule(os::SharedLibraryFileName(L"cr_never_built")), nullptr);
+    testing_support::TempDir empty;
+    EXPECT_EQ(os::LoadModule(empty.File(os::SharedLibraryFileName(L"logwrite_only"))), nullptr);
+    EXPECT_EQ(os::LoadModule(L""), nullptr);
+}
+
+TEST(Module, KnowsWhereTheRunningBinaryLives) {
+    static const int anchor = 0;
+    const std::wstring path = os::ModulePathOf(&anchor);
+    EXPECT_NE(path.find(L"test_os"), std::wstring::npos);
+    EXPECT_NE(os::ModuleBaseOf(&anchor), nullptr);
+    EXPECT_EQ(os::DirectoryOf(os::JoinPath(L"dir", L"file")), L"dir");
+}
+
+TEST(Environment, SetAndRemoveVariables) {
+    os::SetEnv(L"CR_TEST_VARIABLE", std::wstring(L"value \u00E9"));
+    EXPECT_EQ(os::GetEnv(L"CR_TEST_VARIABLE"), std::wstring(L"value \u00E9"));
+    os::SetEnv(L"CR_TEST_VARIABLE", std::nullopt);
+    EXPECT_FALSE(os::GetEnv(L"CR_TEST_VARIABLE"));
+}
