@@ -1,7 +1,13 @@
 # jsoncpp and GoogleTest come from Debian: the installed packages for the
 # native build, their source trees compiled with the cross compiler for Windows.
 if(WIN32)
-  set(CR_JSONCPP_SOURCE_DIR "" CACHE PATH "jsoncpp source tree (Debian source package) for the Windows build")
+  # The environment variable wins; otherwise the tree scripts/bootstrap unpacks.
+  set(CR_JSONCPP_SOURCE_DIR "${PROJECT_SOURCE_DIR}/third_party/jsoncpp/src"
+      CACHE PATH "jsoncpp source tree (Debian source package) for the Windows build")
+  if(NOT "$ENV{CR_JSONCPP_SOURCE_DIR}" STREQUAL "")
+    set(CR_JSONCPP_SOURCE_DIR "$ENV{CR_JSONCPP_SOURCE_DIR}" CACHE PATH
+        "jsoncpp source tree (Debian source package) for the Windows build" FORCE)
+  endif()
   if(NOT EXISTS "${CR_JSONCPP_SOURCE_DIR}/CMakeLists.txt")
     message(FATAL_ERROR "CR_JSONCPP_SOURCE_DIR must name a jsoncpp source tree (scripts/bootstrap fetches one)")
   endif()
@@ -29,8 +35,11 @@ if(CR_BUILD_TESTS)
     set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
     set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
     add_subdirectory(${CR_GOOGLETEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/third_party/googletest EXCLUDE_FROM_ALL)
-    add_library(GTest::gtest ALIAS gtest)
-    add_library(GTest::gtest_main ALIAS gtest_main)
+    # GoogleTest 1.12 names its own targets GTest::*; older trees do not.
+    if(NOT TARGET GTest::gtest)
+      add_library(GTest::gtest ALIAS gtest)
+      add_library(GTest::gtest_main ALIAS gtest_main)
+    endif()
   else()
     find_package(GTest REQUIRED)
   endif()

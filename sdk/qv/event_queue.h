@@ -29,10 +29,12 @@ struct IEventQueue {
     virtual int32_t ReleaseGroup(EqGroupHandle group) = 0;
     // Removes one pending item; 1168 when it already ran or is unknown.
     virtual int32_t Cancel(EqItemId id) = 0;
-    // Queues `item` on the worker named `queueName`. `delayMs` postpones it;
-    // `expireMs` (kEqNoValue: never) drops it, unrun, when it could not start
-    // within that many milliseconds after becoming due. Takes ownership of `item`
-    // in every case (released at once on failure).
+    // Queues `item` on the worker named `queueName` (the handle's own name).
+    // `delayMs` postpones it; `expireMs` (kEqNoValue: never) drops it, unrun,
+    // when it could not start within that many milliseconds after becoming due.
+    // `group` is one of this handle's groups, or 0 for none; *id (if given)
+    // receives an identifier for Cancel. Takes ownership of `item` in every
+    // case (released at once on failure).
     virtual int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs,
                          EqWorkItem* item, EqGroupHandle group, EqItemId* id) = 0;
 

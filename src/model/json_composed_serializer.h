@@ -26,8 +26,17 @@ class JsonComposedSerializer {
 public:
     // Read-mode navigation; null when the path is absent or malformed.
     static const Json::Value* Find(const Json::Value& root, std::wstring_view path);
-    // Create-mode navigation; null only when the path is malformed.
+    // Create-mode navigation; null only when the path is malformed. Indexes
+    // of kMaxIndex and above count as malformed, so that a stray path cannot
+    // grow an array without bound.
     static Json::Value* FindOrCreate(Json::Value& root, std::wstring_view path);
+    static constexpr uint32_t kMaxIndex = 1'000'000;
+
+    // Find that logs "Failed to load subnode %s" with `path` (as Load does)
+    // when the path is absent.
+    static const Json::Value* LoadNode(const Json::Value& root, const std::wstring& path);
+    // The readers' failure line, for callers that check a node themselves.
+    static void LogMissing(const std::wstring& path);
 
     // Readers: false when the path is absent or holds another JSON type; a
     // failure logs "Failed to load subnode %s" with `path` at level 16 from
@@ -40,6 +49,10 @@ public:
 
     // Writers (create mode); false only when the path cannot be created.
     static bool Store(Json::Value& root, const std::wstring& path, const std::wstring& value);
+    // Keeps a wide literal from converting to bool.
+    static bool Store(Json::Value& root, const std::wstring& path, const wchar_t* value) {
+        return Store(root, path, std::wstring(value ? value : L""));
+    }
     static bool Store(Json::Value& root, const std::wstring& path, int32_t value);
     static bool Store(Json::Value& root, const std::wstring& path, uint32_t value);
     static bool Store(Json::Value& root, const std::wstring& path, bool value);

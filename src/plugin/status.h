@@ -5,6 +5,7 @@
 namespace qv::status {
 constexpr int32_t kSuccess = 0;
 constexpr int32_t kPathNotFound = 3;            // ERROR_PATH_NOT_FOUND
+constexpr int32_t kNotEnoughMemory = 8;         // ERROR_NOT_ENOUGH_MEMORY
 constexpr int32_t kNotReady = 21;               // ERROR_NOT_READY
 constexpr int32_t kNotSupported = 50;           // ERROR_NOT_SUPPORTED
 constexpr int32_t kInvalidParameter = 87;       // ERROR_INVALID_PARAMETER

@@ -1,0 +1,53 @@
+#pragma once
+// Stand-in network provider for the reference host, registered under
+// "Product.ConditionalRunner.NetworkProvider" so that the condition manager,
+// which requires a provider to start, can run before the module's own provider
+// exists. It watches nothing: its state is always the empty record, and it
+// notifies only when a test calls NotifySubscribers. Its bookkeeping is real:
+// counted start and stop, and a subscriber list with the interface's statuses.
+// Once the module exports its own provider, hosts register that one instead.
+//
+// Thread rule: every operation may be called from any thread. Notifications
+// run on the caller of NotifySubscribers under the subscriber lock, so
+// Unsubscribe waits for a notification in progress.
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "src/network/network_provider_interface.h"
+
+namespace host {
+
+class NetworkProviderStandIn final : public Product::Integration::INetworkProvider {
+public:
+    static constexpr const wchar_t* kName = L"Product.ConditionalRunner.NetworkProvider";
+
+    NetworkProviderStandIn() = default;
+    ~NetworkProviderStandIn() = default;
+    NetworkProviderStandIn(const NetworkProviderStandIn&) = delete;
+    NetworkProviderStandIn& operator=(const NetworkProviderStandIn&) = delete;
+
+    void* QueryInterface(const GUID& iid) override;
+    int32_t Start() override;
+    // 1627 when there is no Start to balance.
+    int32_t Stop() override;
+    // Leaves `out` as it is: the caller's freshly made record is the empty state.
+    int32_t GetState(Product::Integration::NetworkState& out) override;
+    // 0; 1627 when already subscribed; 87 for null.
+    int32_t Subscribe(IEvents* subscriber) override;
+    int32_t Unsubscribe(IEvents* subscriber) override;
+
+    // Calls every subscriber's change notification in subscription order on
+    // the calling thread; returns the number called.
+    size_t NotifySubscribers();
+    size_t SubscriberCount() const;
+    int StartCount() const;
+
+private:
+    mutable std::recursive_mutex mutex_;  // a subscriber may read the state while notified
+    std::vector<IEvents*> subscribers_;
+    int starts_ = 0;
+};
+
+}  // namespace host

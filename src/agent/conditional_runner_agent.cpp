@@ -1,0 +1,109 @@
+#include "agent/conditional_runner_agent.h"
+
+#include <exception>
+#include <string>
+
+#include "plugin/call_trace.h"
+#include "plugin/log.h"
+#include "plugin/module_names.h"
+#include "plugin/status.h"
+
+namespace Product::Integration::ConditionalRunner {
+namespace {
+constexpr const wchar_t* kRunPolicyMethod = L"ConditionalRunnerAgent::RunPolicyMethod";
+constexpr const wchar_t* kStart = L"ConditionalRunnerAgent::Start";
+}  // namespace
+
+// Searched in this order; names match exactly and case-sensitively.
+const ConditionalRunnerAgent::Command ConditionalRunnerAgent::kCommands[13] = {
+    {L"SetRules", &ConditionalRunnerAgent::SetRules},
+    {L"SetMethodSet", &ConditionalRunnerAgent::SetMethodSet},
+    {L"GetMethodSet", &ConditionalRunnerAgent::GetMethodSet},
+    {L"DeleteMethodSet", &ConditionalRunnerAgent::DeleteMethodSet},
+    {L"DeleteAllMethodSets", &ConditionalRunnerAgent::DeleteAllMethodSets},
+    {L"GetMethodSetIds", &ConditionalRunnerAgent::GetMethodSetIds},
+    {L"GetRules", &ConditionalRunnerAgent::GetRules},
+    {L"GetSettings", &ConditionalRunnerAgent::GetSettings},
+    {L"SetSettings", &ConditionalRunnerAgent::SetSettings},
+    {L"UpdateRulesAndMethods", &ConditionalRunnerAgent::UpdateRulesAndMethods},
+    {L"UpdateMethods", &ConditionalRunnerAgent::UpdateMethods},
+    {L"SetEnabled", &ConditionalRunnerAgent::SetEnabled},
+    {L"IsEnabled", &ConditionalRunnerAgent::IsEnabled},
+};
+
+ConditionalRunnerAgent::ConditionalRunnerAgent() : Agent(qv::names::AgentName(), qv::names::kModule) {}
+
+ConditionalRunnerAgent::~ConditionalRunnerAgent() { Uninit(); }
+
+int32_t ConditionalRunnerAgent::Start() {
+    logging::CallTrace trace(kStart);
+    if (!plugin()) return qv::status::kNotAllAssigned;
+    if (!agentManager() || !agentManager()->RegisterAgent(this)) {
+        logging::Log(logging::kError, kStart, L"Cannot start plugin. [error = %d]", qv::status::kFunctionFailed);
+        return qv::status::kFunctionFailed;
+    }
+    set_registered(true);
+    subscribed_ = plugin()->Subscribe(static_cast<IEvents*>(this), 0) == 0;
+    return 0;
+}
+
+int32_t ConditionalRunnerAgent::Stop() {
+    if (subscribed_ && plugin()) plugin()->Unsubscribe(static_cast<IEvents*>(this), 0);
+    subscribed_ = false;
+    return AgentBase::Stop();
+}
+
+int32_t ConditionalRunnerAgent::Uninit() {
+    Stop();
+    return Agent::Uninit();
+}
+
+bool ConditionalRunnerAgent::IsReady() {
+    if (!plugin()) return false;
+    IConditionalRunner::Settings settings;
+    const int32_t status = plugin()->GetSettings(settings);
+    return status != qv::status::kConnectionInvalid && status != qv::status::kNotConnected;
+}
+
+void ConditionalRunnerAgent::GetNames(INameCollector* names) {
+    if (names) names->Add(qv::names::kModule);
+}
+
+void ConditionalRunnerAgent::RunPolicyMethod(IMethodCall* call) {
+    logging::CallTrace trace(kRunPolicyMethod);
+    if (!call) return;
+    if (!plugin()) {
+        logging::Log(logging::kError, kRunPolicyMethod, L"not ready");
+        call->SetResult(qv::status::kNotReady);
+        return;
+    }
+    const wchar_t* rawName = call->GetMethodName();
+    const std::wstring name = rawName ? rawName : L"";
+    logging::Log(logging::kTrace, kRunPolicyMethod, L"method name is %s", name.c_str());
+    if (name.empty()) {
+        logging::Log(logging::kError, kRunPolicyMethod, L"empty method name");
+        call->SetResult(qv::status::kInvalidParameter);
+        return;
+    }
+    for (const Command& command : kCommands) {
+        if (name != command.name) continue;
+        bool accepted = false;
+        try {
+            accepted = (this->*command.handler)(call);
+        } catch (const std::exception& e) {
+            // Nothing may escape to the host; the handlers themselves do not throw.
+            logging::Log(logging::kError, kRunPolicyMethod, L"%s - failed with exception %S", name.c_str(), e.what());
+            call->SetResult(qv::status::kFunctionFailed);
+            return;
+        }
+        if (!accepted) {
+            logging::Log(logging::kWarning, kRunPolicyMethod, L"%s - input validation failed", name.c_str());
+            call->SetResult(qv::status::kBadArguments);
+        }
+        return;
+    }
+    logging::Log(logging::kTrace, kRunPolicyMethod, L"Method not found [name = %s]", name.c_str());
+    call->SetResult(qv::status::kNotSupported);
+}
+
+}  // namespace Product::Integration::ConditionalRunner

@@ -1,0 +1,135 @@
+#include "conditions/boolean_and_or.h"
+
+#include "model/json_composed_serializer.h"
+#include "plugin/call_trace.h"
+#include "plugin/log.h"
+#include "plugin/status.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+constexpr const wchar_t* kAggregateInit = L"Product::Integration::ConditionManager::ConditionAggregate::Init";
+constexpr const wchar_t* kCreateChildren =
+    L"Product::Integration::ConditionManager::ConditionAggregate::CreateChildren";
+constexpr const wchar_t* kGetState = L"Product::Integration::ConditionManager::ConditionBooleanAndOr::GetState";
+constexpr const wchar_t* kUpdateState = L"Product::Integration::ConditionManager::ConditionBooleanAndOr::UpdateState";
+}  // namespace
+
+int ConditionAggregate::Accept(IConditionVisitor& visitor) {
+    visitor.Visit(*this);
+    for (ConditionPtr& child : children_) child->Accept(visitor);
+    return 0;
+}
+
+void ConditionAggregate::Inject(const GUID& iid, void* object) {
+    InjectDependency(iid, object);
+    if (qv::GuidEquals(iid, EvQueueWithName::iid) && object) {
+        queueName_ = kQueueName;
+        queue().Open(queueName_);
+        if (queueType_.empty()) queueType_ = ConditionQueue::kType;
+    }
+}
+
+int ConditionAggregate::CreateChildren(const Json::Value& json, IManager* manager) {
+    Json::Value conditions;
+    if (!qv::JsonComposedSerializer::Load(DataOf(json), L"conditions", conditions) || !conditions.isArray() ||
+        conditions.empty())
+        return qv::status::kInvalidParameter;
+    children_.reserve(conditions.size());
+    int error = 0;
+    for (Json::ArrayIndex i = 0; i < conditions.size(); ++i) {
+        ConditionPtr child = manager->CreateCondition(conditions[i], &error, i);
+        if (!child) {
+            logging::Log(logging::kError, kCreateChildren, L"Failed to create child condition");
+            DestroyChildren();
+            return error;
+        }
+        children_.push_back(std::move(child));
+    }
+    for (ConditionPtr& child : children_) child->Subscribe(this);
+    return 0;
+}
+
+void ConditionAggregate::DestroyChildren() {
+    for (ConditionPtr& child : children_) child->Unsubscribe(this);
+    children_.clear();
+}
+
+ConditionBooleanAndOr::~ConditionBooleanAndOr() { ConditionBooleanAndOr::Uninit(); }
+
+int ConditionBooleanAndOr::Init(const InitData& data) {
+    IManager* manager = Dependency<IManager>();
+    if (!manager) {
+        logging::Log(logging::kError, kAggregateInit, L"cannot found manager");
+        return qv::status::kDependencyNotFound;
+    }
+    ConditionBase::Init(data);
+    if (!queue().IsOpen()) {
+        logging::Log(logging::kError, kAggregateInit, L"cannot create event queue [%s]", kQueueName);
+        return qv::status::kDependencyNotFound;
+    }
+    // The children are complete before the first subscription, so a child
+    // notification that arrives before the count below only recomputes
+    // early (for nobody: the owner subscribes after Init).
+    if (const int status = CreateChildren(data.json, manager); status != 0) return status;
+    std::lock_guard lock(lock_);
+    threshold_ = requireAll_ == 1 ? children_.size() : 1;
+    trueCount_ = 0;
+    for (ConditionPtr& child : children_) {
+        bool value = false;
+        if (child->GetState(&value, true) == 0 && value) ++trueCount_;
+    }
+    state_ = trueCount_ >= threshold_;
+    return 0;
+}
+
+void ConditionBooleanAndOr::Uninit() {
+    for (ConditionPtr& child : children_) child->Unsubscribe(this);
+    queue().Close();
+    queue().SetFactory(nullptr);
+    std::vector<ConditionPtr> children;
+    {
+        std::lock_guard lock(lock_);
+        children.swap(children_);
+    }
+    // Destroyed outside the critical section: each child waits for its own
+    // work to end.
+    children.clear();
+}
+
+int ConditionBooleanAndOr::GetState(bool* state, bool recompute) {
+    logging::CallTrace trace(kGetState);
+    if (!state) return qv::status::kInvalidParameter;
+    std::lock_guard lock(lock_);
+    if (recompute) {
+        size_t count = 0;
+        for (ConditionPtr& child : children_) {
+            bool value = false;
+            if (const int status = child->GetState(&value, true); status != 0) return status;
+            if (value) ++count;
+        }
+        trueCount_ = count;
+        state_ = trueCount_ >= threshold_;
+    }
+    *state = state_;
+    return 0;
+}
+
+int ConditionBooleanAndOr::OnStateChanged(bool, size_t) {
+    const uint64_t generation = ++generation_;
+    queue().Post([this, generation] { UpdateState(generation); }, 0);
+    return 0;
+}
+
+void ConditionBooleanAndOr::UpdateState(uint64_t expectedGeneration) {
+    logging::CallTrace trace(kUpdateState);
+    if (expectedGeneration != generation_.load()) {
+        logging::Log(logging::kDetail, kUpdateState, L"another update is scheduled");
+        return;
+    }
+    std::lock_guard lock(lock_);
+    const bool before = state_;
+    bool now = false;
+    if (GetState(&now, true) == 0 && now != before) NotifyChanged(now);
+}
+
+}  // namespace Product::Integration::ConditionManager

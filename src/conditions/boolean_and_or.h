@@ -1,0 +1,96 @@
+#pragma once
+// "boolean.AND" and "boolean.OR": a threshold over the number of true
+// children. "data"."conditions" is an array of at least one condition object;
+// child i reports the identifier i.
+//
+// Child notifications are coalesced: each one only bumps a generation counter
+// and posts a recomputation to the aggregate's own queue ("CondAggregate");
+// a posted recomputation that finds a newer one pending does nothing, so a
+// burst of child changes gives one recomputation and at most one notification
+// of the parent, which only happens when the result flips.
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "conditions/condition_base.h"
+#include "conditions/dependencies.h"
+
+namespace Product::Integration::ConditionManager {
+
+// Owns the children of a combinator and its event queue.
+class ConditionAggregate : public ConditionBaseWithDepends<ConditionBase, IManager, EvQueueWithName>,
+                           public IConditionEvent {
+public:
+    static constexpr const wchar_t* kQueueName = L"CondAggregate";
+
+    // Visits this condition, then each child's tree in order.
+    int Accept(IConditionVisitor& visitor) override;
+    // Takes the manager; for the queue factory also names and creates the
+    // aggregate's queue.
+    void Inject(const GUID& iid, void* object) override;
+
+protected:
+    // Builds the children from "data"."conditions" through `manager` and
+    // subscribes to each. 87 when the member is absent, not an array or
+    // empty; a child's error when it cannot be built (children built so far
+    // are destroyed).
+    int CreateChildren(const Json::Value& json, IManager* manager);
+    // Unsubscribes from and destroys every child.
+    void DestroyChildren();
+    ConditionQueue& queue() noexcept { return Slot<EvQueueWithName>().queue(); }
+
+    std::vector<ConditionPtr> children_;
+    std::wstring queueName_;
+    std::wstring queueType_;
+};
+
+// Thread rules: OnStateChanged may come from any thread and touches only the
+// generation counter and the queue. Recomputation runs on the queue's thread.
+// The recursive critical section serialises GetState, the initial count in
+// Init and UpdateState, including the notification of the parent, which thus
+// runs with this aggregate's critical section held.
+class ConditionBooleanAndOr : public ConditionAggregate {
+public:
+    // `requireAll` 1: all children must be true (AND); 0: one suffices (OR).
+    explicit ConditionBooleanAndOr(int requireAll) : requireAll_(requireAll) {}
+    ~ConditionBooleanAndOr() override;
+
+    int Init(const InitData& data) override;
+    // Unsubscribes from the children, closes the queue (waiting for a
+    // recomputation in progress) and destroys the children. Idempotent.
+    void Uninit() override;
+    // With `recompute` asks every child for a fresh value; the first child
+    // error is returned and leaves the cached values untouched.
+    int GetState(bool* state, bool recompute) override;
+    // Posts a recomputation; returns 0 at once.
+    int OnStateChanged(bool state, size_t conditionId) override;
+
+private:
+    // On the queue's thread: recomputes unless a newer update is pending, and
+    // notifies the parent when the result flipped.
+    void UpdateState(uint64_t expectedGeneration);
+
+    std::recursive_mutex lock_;
+    size_t trueCount_ = 0;
+    size_t threshold_ = 0;
+    bool state_ = false;
+    const int requireAll_;
+    std::atomic<uint64_t> generation_{0};
+};
+
+class ConditionBooleanAnd final : public ConditionBooleanAndOr {
+public:
+    static constexpr const wchar_t* kType = L"boolean.AND";
+    ConditionBooleanAnd() : ConditionBooleanAndOr(1) {}
+};
+
+class ConditionBooleanOr final : public ConditionBooleanAndOr {
+public:
+    static constexpr const wchar_t* kType = L"boolean.OR";
+    ConditionBooleanOr() : ConditionBooleanAndOr(0) {}
+};
+
+}  // namespace Product::Integration::ConditionManager

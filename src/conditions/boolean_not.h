@@ -1,0 +1,41 @@
+#pragma once
+// "boolean.NOT": the negation of one child ("data"."condition", reported as
+// identifier 0). It follows its child synchronously: every child notification
+// is forwarded at once, on the child's thread, without comparing with the
+// previous value (the child notifies only on change).
+#include <atomic>
+#include <cstddef>
+
+#include "conditions/condition_base.h"
+#include "conditions/dependencies.h"
+
+namespace Product::Integration::ConditionManager {
+
+// Thread rules: no lock of its own; the cached state is atomic. Its Uninit is
+// the base's; the destructor unsubscribes from the child and destroys it.
+class ConditionBooleanNot final : public ConditionBaseWithDepends<ConditionBase, IManager>, public IConditionEvent {
+public:
+    static constexpr const wchar_t* kType = L"boolean.NOT";
+
+    ~ConditionBooleanNot() override;
+
+    int Init(const InitData& data) override;
+    // With `recompute` asks the child; its status is returned, and the cached
+    // value only changes when the child answered.
+    int GetState(bool* state, bool recompute) override;
+    // Visits this condition, then the child's tree.
+    int Accept(IConditionVisitor& visitor) override;
+    // Stores the negation and notifies at once; returns the notification's status.
+    int OnStateChanged(bool state, size_t conditionId) override;
+
+private:
+    // Builds and subscribes to the child from "data"."condition". 87 when it
+    // is absent; the child's error; or the subscription's status.
+    int CreateChild(const Json::Value& json, IManager* manager);
+    void ReleaseChild();
+
+    ConditionPtr child_;
+    std::atomic<bool> state_{false};
+};
+
+}  // namespace Product::Integration::ConditionManager

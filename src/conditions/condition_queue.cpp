@@ -1,0 +1,43 @@
+#include "conditions/condition_queue.h"
+
+#include <utility>
+
+#include "plugin/status.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
+}
+
+int ConditionQueue::Open(const std::wstring& name) {
+    Close();
+    name_ = name;
+    if (!factory_) return qv::status::kDependencyNotFound;
+    IEventQueue* queue = nullptr;
+    int32_t status = factory_->CreateQueue(name.c_str(), &queue);
+    if (status != 0 || !queue) return status != 0 ? status : qv::status::kFunctionFailed;
+    status = client_.Init(queue, name);
+    if (status != 0) {
+        factory_->ReleaseQueue(queue);
+        return status;
+    }
+    queue_ = queue;
+    openedWith_ = factory_;
+    return 0;
+}
+
+int ConditionQueue::Post(std::function<void()> work, uint32_t delayMs) {
+    return client_.Post(std::move(work), delayMs);
+}
+
+void ConditionQueue::Close() {
+    if (!queue_) return;
+    IEventQueue* queue = std::exchange(queue_, nullptr);
+    IEventQueueFactory* factory = std::exchange(openedWith_, nullptr);
+    factory->StopQueue(queue);
+    factory->WaitQueue(queue, kNoTimeLimit);
+    client_.Shutdown();
+    factory->ReleaseQueue(queue);
+}
+
+}  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,55 @@
+#pragma once
+// A condition's own named event queue: a handle on one of the host's queues,
+// created through the host's queue factory, with the module's queue client on
+// top. Work posted here runs later on the queue's thread.
+//
+// Thread rules: SetFactory, Open and Close are called by the owning condition
+// (injection, Init, Uninit, destructor). Post may be called from any thread,
+// including from inside posted work and while Close runs (it then fails).
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "plugin/easy_event_queue.h"
+#include "qv/event_queue.h"
+
+namespace Product::Integration::ConditionManager {
+
+class ConditionQueue {
+public:
+    static constexpr const wchar_t* kType = L"qv::EasyEventQueue";
+
+    ConditionQueue() = default;
+    ~ConditionQueue() { Close(); }
+    ConditionQueue(const ConditionQueue&) = delete;
+    ConditionQueue& operator=(const ConditionQueue&) = delete;
+
+    // The factory the queue is created through (not owned); may be null.
+    void SetFactory(IEventQueueFactory* factory) noexcept { factory_ = factory; }
+    IEventQueueFactory* factory() const noexcept { return factory_; }
+
+    // Creates the queue `name` through the factory, closing any earlier one.
+    // 0; 5002 without a factory; otherwise the host's status.
+    int Open(const std::wstring& name);
+    // Runs `work` on the queue's thread after `delayMs`. 0 or the host's
+    // status (21 when the queue is not open or closing).
+    int Post(std::function<void()> work, uint32_t delayMs);
+    // Stops the queue (pending work is dropped unrun), waits without a time
+    // limit for work that is running, and gives the queue back. Afterwards no
+    // posted work runs any more. Idempotent. Not from inside posted work.
+    void Close();
+
+    bool IsOpen() const noexcept { return queue_ != nullptr; }
+    const std::wstring& name() const noexcept { return name_; }
+    // Work posted and neither started nor dropped yet.
+    size_t PendingCount() const { return client_.PendingCount(); }
+
+private:
+    IEventQueueFactory* factory_ = nullptr;
+    IEventQueue* queue_ = nullptr;             // owner's thread only
+    IEventQueueFactory* openedWith_ = nullptr;  // the factory queue_ came from
+    std::wstring name_;
+    qv::EasyEventQueue client_;
+};
+
+}  // namespace Product::Integration::ConditionManager

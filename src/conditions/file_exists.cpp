@@ -1,0 +1,46 @@
+#include "conditions/file_exists.h"
+
+#include "model/json_composed_serializer.h"
+#include "os/file_system.h"
+#include "plugin/status.h"
+
+namespace Product::Integration::ConditionManager {
+
+ConditionFileExists::~ConditionFileExists() { ConditionFileExists::Uninit(); }
+
+int ConditionFileExists::Init(const InitData& data) {
+    ConditionBase::Init(data);
+    thread_.Stop();
+    filePath_.clear();
+    const bool loaded = qv::JsonComposedSerializer::Load(DataOf(data.json), L"filePath", filePath_);
+    {
+        std::lock_guard lock(lock_);
+        exists_ = os::PathExists(filePath_);
+    }
+    if (!thread_.Start([this](os::AutoResetEvent& stop) { Poll(stop); })) return qv::status::kFunctionFailed;
+    return loaded && !filePath_.empty() ? 0 : qv::status::kInvalidParameter;
+}
+
+void ConditionFileExists::Uninit() { thread_.Stop(); }
+
+int ConditionFileExists::GetState(bool* state, bool recompute) {
+    if (!state) return qv::status::kInvalidParameter;
+    std::lock_guard lock(lock_);
+    if (recompute) exists_ = os::PathExists(filePath_);
+    *state = exists_;
+    return 0;
+}
+
+void ConditionFileExists::Poll(os::AutoResetEvent& stop) {
+    // A failed wait counts as a time-out: only the stop signal ends the loop.
+    while (!stop.Wait(kPollIntervalMs)) {
+        const bool now = os::PathExists(filePath_);
+        std::lock_guard lock(lock_);
+        if (now != exists_) {
+            exists_ = now;
+            NotifyChanged(now);
+        }
+    }
+}
+
+}  // namespace Product::Integration::ConditionManager

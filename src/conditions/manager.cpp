@@ -1,0 +1,204 @@
+#include "conditions/manager.h"
+
+#include <exception>
+
+#include "conditions/boolean_and_or.h"
+#include "conditions/boolean_constant.h"
+#include "conditions/boolean_not.h"
+#include "conditions/file_exists.h"
+#include "conditions/ovra_connected.h"
+#include "model/json_composed_serializer.h"
+#include "plugin/call_trace.h"
+#include "plugin/log.h"
+#include "plugin/module_names.h"
+#include "plugin/status.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+
+constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::Manager::Init";
+constexpr const wchar_t* kInitDependencies = L"Product::Integration::ConditionManager::Manager::InitDependencies";
+constexpr const wchar_t* kCreateCondition = L"Product::Integration::ConditionManager::Manager::CreateCondition";
+
+// Conditions being built on this thread: the nesting of the tree so far.
+thread_local size_t buildDepth = 0;
+
+class DepthScope {
+public:
+    DepthScope() { ++buildDepth; }
+    ~DepthScope() { --buildDepth; }
+    DepthScope(const DepthScope&) = delete;
+    DepthScope& operator=(const DepthScope&) = delete;
+};
+
+}  // namespace
+
+Manager::Manager() : networkProvider_(qv::names::kNetworkProvider), name_(qv::names::kConditionManager) {}
+
+Manager::~Manager() { Uninit(); }
+
+void* Manager::QueryInterface(const GUID& iid) {
+    if (qv::GuidEquals(iid, IQvBaseInterface::iid)) return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
+    if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
+    if (qv::GuidEquals(iid, IManager::iid)) return static_cast<IManager*>(this);
+    return nullptr;
+}
+
+int32_t Manager::Init(IServMain* main) {
+    logging::CallTrace trace(kInit);
+    std::lock_guard lock(mutex_);
+    networkProvider_.Release();
+    ReleaseDependencies();
+    host_ = main;
+    if (const int32_t status = InitFactory(); status != 0) return status;
+    IComponentManager* components = main ? main->GetComponentManager() : nullptr;
+    if (const int32_t status = InitDependencies(components); status != 0) {
+        logging::Log(logging::kError, kInit, L"failed to init dependencies");
+        return status;
+    }
+    if (!networkProvider_.GetPlugin(components)) {
+        logging::Log(logging::kError, kInit, L"failed to get network provider");
+        ReleaseDependencies();
+        return qv::status::kDependencyNotFound;
+    }
+    return 0;
+}
+
+int32_t Manager::Uninit() {
+    std::lock_guard lock(mutex_);
+    networkProvider_.Release();
+    ReleaseDependencies();
+    return 0;
+}
+
+int32_t Manager::InitFactory() {
+    factory_.clear();
+    // Types without dependencies.
+    AddFactoryEntry(ConditionBooleanConstant<true>::kType,
+                    FactoryEntry{[] {
+                                     return std::unique_ptr<ConditionBase, ConditionDeleter>(
+                                         new ConditionBooleanConstant<true>(),
+                                         &DestroyCondition<ConditionBooleanConstant<true>>);
+                                 },
+                                 {}});
+    AddFactoryEntry(ConditionBooleanConstant<false>::kType,
+                    FactoryEntry{[] {
+                                     return std::unique_ptr<ConditionBase, ConditionDeleter>(
+                                         new ConditionBooleanConstant<false>(),
+                                         &DestroyCondition<ConditionBooleanConstant<false>>);
+                                 },
+                                 {}});
+    AddFactoryEntry(ConditionFileExists::kType,
+                    FactoryEntry{[] {
+                                     return std::unique_ptr<ConditionBase, ConditionDeleter>(
+                                         new ConditionFileExists(), &DestroyCondition<ConditionFileExists>);
+                                 },
+                                 {}});
+    // Types that declare what they need.
+    AddToFactory<ConditionBooleanAnd>();
+    AddToFactory<ConditionBooleanOr>();
+    AddToFactory<ConditionBooleanNot>();
+    AddToFactory<ConditionisOvraConnected>();
+    return 0;
+}
+
+int32_t Manager::InitDependencies(IComponentManager* components) {
+    logging::CallTrace trace(kInitDependencies);
+    if (!components) return qv::status::kInvalidParameter;
+    ReleaseDependencies();
+    components_ = components;
+    for (auto& [keyword, entry] : factory_) {
+        for (DependencyRecord& record : entry.dependencies) {
+            logging::Log(logging::kTrace, kInitDependencies, L"creating dependency [%s]", record.name.c_str());
+            record.object = nullptr;
+            switch (record.source) {
+            case DependencySource::kManager:
+                record.object = static_cast<IManager*>(this);
+                break;
+            case DependencySource::kQueueFactory:
+                record.object = components->GetEventQueueFactory();
+                break;
+            case DependencySource::kHost: {
+                void* object = nullptr;
+                if (components->GetPlugin(record.name.c_str(), record.iid, &object) == 0) record.object = object;
+                break;
+            }
+            }
+            if (!record.object) logging::Log(logging::kWarning, kInitDependencies, L"failed to create dependency");
+        }
+    }
+    return 0;
+}
+
+void Manager::ReleaseDependencies() {
+    for (auto& [keyword, entry] : factory_) {
+        for (DependencyRecord& record : entry.dependencies) {
+            if (record.source == DependencySource::kHost && record.object && components_)
+                components_->ReleasePlugin(record.name.c_str());
+            record.object = nullptr;
+        }
+    }
+    components_ = nullptr;
+}
+
+ConditionPtr Manager::CreateCondition(const Json::Value& json, int* error, size_t id) {
+    logging::CallTrace trace(kCreateCondition);
+    int ignored = 0;
+    if (!error) error = &ignored;
+    *error = 0;
+    DepthScope depth;
+    if (buildDepth > kMaxConditionDepth) {
+        logging::Log(logging::kError, kCreateCondition, L"Condition tree nested deeper than %d levels",
+                     static_cast<int>(kMaxConditionDepth));
+        *error = qv::status::kInvalidParameter;
+        return nullptr;
+    }
+    try {
+        return Build(json, error, id);
+    } catch (const std::exception& e) {
+        // Nothing is thrown across the interface; whatever was built is gone.
+        logging::Log(logging::kError, kCreateCondition, L"Failed to create condition: %S", e.what());
+        *error = qv::status::kFunctionFailed;
+        return nullptr;
+    }
+}
+
+ConditionPtr Manager::Build(const Json::Value& json, int* error, size_t id) {
+    std::wstring type;
+    if (!qv::JsonComposedSerializer::Load(json, L"type", type)) {
+        logging::Log(logging::kError, kCreateCondition, L"Failed to find type for condition. Invalid Json");
+        *error = qv::status::kInvalidParameter;
+        return nullptr;
+    }
+    logging::Log(logging::kDetail, kCreateCondition, L"Creating condition of type[%s]", type.c_str());
+    auto found = factory_.find(type);
+    if (found == factory_.end()) {
+        *error = qv::status::kCallNotImplemented;
+        return nullptr;
+    }
+    const FactoryEntry& entry = found->second;
+    if (!entry.create) {
+        logging::Log(logging::kError, kCreateCondition, L"Invalid factory function for type [%s]", type.c_str());
+        *error = qv::status::kInvalidParameter;
+        return nullptr;
+    }
+    std::unique_ptr<ConditionBase, ConditionDeleter> condition = entry.create();
+    if (!condition) {
+        *error = qv::status::kFunctionFailed;
+        return nullptr;
+    }
+    for (const DependencyRecord& record : entry.dependencies) condition->Inject(record.iid, record.object);
+    ConditionBase::InitData data;
+    data.json = json;
+    data.id = id;
+    data.host = host_;
+    if (const int status = condition->Init(data); status != 0) {
+        logging::Log(logging::kError, kCreateCondition, L"Condition of type [%s] error = [%d]", type.c_str(), status);
+        *error = status;
+        return nullptr;  // `condition` is destroyed through its deleter
+    }
+    logging::Log(logging::kDetail, kCreateCondition, L"Condition of type [%s] successfully created", type.c_str());
+    return ConditionPtr(std::move(condition));
+}
+
+}  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,136 @@
+#pragma once
+// The condition manager: the table of condition types and the builder of
+// condition trees from their JSON form. Exported to the host as the singleton
+// "Product.ConditionalRunner.ConditionManager".
+//
+// Lifecycle: the host calls Init once (which fills the type table and
+// resolves every declared dependency once), then any number of
+// CreateCondition calls, then Uninit. Trees must be destroyed before Uninit:
+// their conditions keep the resolved dependencies as plain pointers.
+//
+// Thread rules: Init and Uninit on the host's thread. CreateCondition from any
+// thread without a lock: it only reads the table, which Init filled; it is
+// re-entrant, the combinators calling it for their children on the caller's
+// thread.
+//
+// Nesting bound: a tree nested deeper than kMaxConditionDepth conditions is
+// refused with 87, so that a hostile or broken console cannot exhaust the
+// stack of the service process. 64 levels is far beyond any real rule.
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "conditions/condition_base.h"
+#include "conditions/dependencies.h"
+#include "conditions/manager_interface.h"
+#include "network/network_provider_lookup.h"
+#include "plugin/serv_plugin.h"
+#include "qv/serv_plugin.h"
+
+namespace Product::Integration::ConditionManager {
+
+class Manager : public IManager, public IServPlugin {
+public:
+    static constexpr size_t kMaxConditionDepth = 64;
+
+    Manager();
+    ~Manager() override;
+    Manager(const Manager&) = delete;
+    Manager& operator=(const Manager&) = delete;
+
+    // IQvBaseInterface: the base, plug-in and manager identifiers.
+    void* QueryInterface(const GUID& iid) override;
+
+    // Fills the type table, resolves the dependencies through the host's
+    // component manager and obtains the network provider. 5002 when there is
+    // no network provider; the status of InitDependencies when it fails. On
+    // failure nothing stays acquired.
+    int32_t Init(IServMain* main) override;
+    // Gives back every plug-in that Init obtained.
+    int32_t Uninit() override;
+    int32_t Start() override { return 0; }
+    int32_t Stop() override { return 0; }
+
+    // Builds one condition tree (see IManager). Failures: 87 for a missing or
+    // non-string "type" or a tree nested too deeply; 120 for an unknown type
+    // keyword; otherwise the failing condition's Init status (the condition is
+    // destroyed through its deleter).
+    ConditionPtr CreateCondition(const Json::Value& json, int* error, size_t id) override;
+
+    // Resolves every dependency record of every type once: the manager itself,
+    // the host's queue factory, or the host plug-in of that name. A record
+    // that cannot be resolved is logged and left null (the condition that
+    // needs it fails in its own Init). 87 for a null component manager.
+    int32_t InitDependencies(IComponentManager* components);
+
+protected:
+    // One dependency record of a type.
+    struct DependencyRecord {
+        GUID iid{};
+        std::wstring name;
+        DependencySource source = DependencySource::kHost;
+        void* object = nullptr;  // filled by InitDependencies
+    };
+    using Creator = std::function<std::unique_ptr<ConditionBase, ConditionDeleter>()>;
+    struct FactoryEntry {
+        Creator create;
+        std::vector<DependencyRecord> dependencies;
+    };
+
+    // Fills the table with every type this module builds; 0. Tests that need
+    // a type of their own override it and add theirs with AddToFactory.
+    virtual int32_t InitFactory();
+
+    // Registers `T` (a ConditionBase with a static `kType` keyword and its
+    // declared Dependencies) under its keyword, replacing an earlier entry.
+    template <class T>
+    void AddToFactory() {
+        static_assert(std::is_base_of_v<ConditionBase, T>, "conditions derive from ConditionBase");
+        FactoryEntry entry;
+        entry.create = [] {
+            return std::unique_ptr<ConditionBase, ConditionDeleter>(new T(), &DestroyCondition<T>);
+        };
+        AppendRecords(entry.dependencies, typename T::Dependencies{});
+        factory_[T::kType] = std::move(entry);
+    }
+
+    // Adds an entry by hand (an empty `create` is refused by CreateCondition).
+    void AddFactoryEntry(const std::wstring& keyword, FactoryEntry entry) { factory_[keyword] = std::move(entry); }
+
+private:
+    // The deleter handed out with every condition: Uninit, then free. It
+    // always calls Uninit, also after a failed Init, so that a condition's
+    // threads and queues are stopped before its memory is freed.
+    template <class T>
+    static void DestroyCondition(ICondition* condition) {
+        T* typed = static_cast<T*>(condition);
+        typed->Uninit();
+        delete typed;
+    }
+
+    template <class... D>
+    static void AppendRecords(std::vector<DependencyRecord>& records, DependencyList<D...>) {
+        (records.push_back(DependencyRecord{DependencyTraits<D>::Iid(), DependencyTraits<D>::name,
+                                            DependencyTraits<D>::source, nullptr}),
+         ...);
+    }
+
+    ConditionPtr Build(const Json::Value& json, int* error, size_t id);
+    // Gives back the host plug-ins held by the dependency records.
+    void ReleaseDependencies();
+
+    std::map<std::wstring, FactoryEntry> factory_;
+    IServMain* host_ = nullptr;
+    IComponentManager* components_ = nullptr;  // where the records' plug-ins came from
+    qv::ServPlugin<Product::Integration::INetworkProvider> networkProvider_;
+    std::mutex mutex_;  // serialises Init and Uninit
+    std::wstring name_;
+};
+
+}  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,35 @@
+#pragma once
+// The condition manager as its users see it: builds a live condition tree
+// from its JSON form.
+//
+// Condition-tree JSON: every condition is an object with a string "type" (one
+// keyword of the manager's table, exact and case-sensitive) and, for types
+// that take parameters, a "data" object (for the combinators, the children).
+#include <cstddef>
+
+#include <json/value.h>
+
+#include "conditions/condition.h"
+#include "plugin/serv_plugin.h"
+
+namespace Product::Integration::ConditionManager {
+
+class IManager {
+public:
+    // Identifier for lookup through the host and for injection into conditions.
+    static constexpr GUID iid = qv::MakeGuid(0x5B2F0C8E, 0x7D41, 0x4C96, 0xA3E5, 0x12D9B7F4608C);
+
+    // Builds one condition with its whole subtree. On success sets *error to 0
+    // and returns the condition, initialised and owned by the caller; on
+    // failure returns null with the reason in *error. `id` is what the
+    // condition reports in its notifications. Any thread; re-entrant.
+    virtual ConditionPtr CreateCondition(const Json::Value& json, int* error, size_t id) = 0;
+    virtual ~IManager() = default;
+};
+
+}  // namespace Product::Integration::ConditionManager
+
+template <>
+struct qv::InterfaceName<Product::Integration::ConditionManager::IManager> {
+    static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IManager";
+};

@@ -1,0 +1,85 @@
+#include "conditions/ovra_connected.h"
+
+#include "model/json_composed_serializer.h"
+#include "plugin/call_trace.h"
+#include "plugin/log.h"
+#include "plugin/status.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::ConditionisOvraConnected::Init";
+constexpr const wchar_t* kOnEcsConnected =
+    L"Product::Integration::ConditionManager::ConditionisOvraConnected::OnEcsConnected";
+constexpr const wchar_t* kDoNotify = L"Product::Integration::ConditionManager::ConditionisOvraConnected::DoNotify";
+using Client = Endpoint::Ovra::Notifications::IOvraClientWithNotifications;
+}  // namespace
+
+ConditionisOvraConnected::~ConditionisOvraConnected() { ConditionisOvraConnected::Uninit(); }
+
+bool ConditionisOvraConnected::StateFor(std::optional<bool> connected) const noexcept {
+    const bool isConnected = connected.value_or(false);
+    return wantConnected_ ? isConnected : !isConnected;
+}
+
+int ConditionisOvraConnected::Init(const InitData& data) {
+    ConditionBase::Init(data);
+    Client* client = Dependency<Client>();
+    if (!client) {
+        logging::Log(logging::kError, kInit, L"ovra client notification dependency not found");
+        return qv::status::kDependencyNotFound;
+    }
+    queueName_ = kQueueName;
+    if (queueType_.empty()) queueType_ = ConditionQueue::kType;
+    if (Slot<EvQueueWithName>().queue().Open(queueName_) != 0) {
+        logging::Log(logging::kError, kInit, L"cannot create event queue [%s]", kQueueName);
+        return qv::status::kDependencyNotFound;
+    }
+    if (!qv::JsonComposedSerializer::Load(DataOf(data.json), L"connected", wantConnected_))
+        return qv::status::kInvalidParameter;
+    initTime_ = std::chrono::steady_clock::now();
+    const bool state = StateFor(client->GetEcsConnectionState());
+    pendingState_ = state;
+    deliveredState_ = state;
+    logging::Log(logging::kTrace, kInit, L"Condition isOvraConnected initial state %d", state ? 1 : 0);
+    if (const int status = client->RegisterEcsNotifications(this); status != 0) {
+        logging::Log(logging::kError, kInit, L"failed to register for connection reports [%d]", status);
+        return status;
+    }
+    return 0;
+}
+
+void ConditionisOvraConnected::Uninit() {
+    if (Client* client = Dependency<Client>()) {
+        client->UnregisterEcsNotifications(this);
+        Slot<Client>().reset();
+    }
+    Slot<EvQueueWithName>().queue().Close();
+}
+
+int ConditionisOvraConnected::GetState(bool* state, bool recompute) {
+    if (!state) return qv::status::kInvalidParameter;
+    *state = recompute ? pendingState_.load() : deliveredState_.load();
+    return 0;
+}
+
+void ConditionisOvraConnected::OnEcsConnected(std::optional<bool> connected) {
+    logging::CallTrace trace(kOnEcsConnected);
+    std::lock_guard lock(lock_);
+    const bool state = StateFor(connected);
+    logging::Log(logging::kTrace, kOnEcsConnected, L"state [%d]", state ? 1 : 0);
+    const uint64_t generation = ++generation_;
+    pendingState_ = state;
+    Slot<EvQueueWithName>().queue().Post([this, generation] { DoNotify(generation); }, kQuietPeriodMs);
+}
+
+void ConditionisOvraConnected::DoNotify(uint64_t expectedGeneration) {
+    logging::CallTrace trace(kDoNotify);
+    std::lock_guard lock(lock_);
+    if (expectedGeneration != generation_) return;  // a newer report is pending
+    const bool state = pendingState_.load();
+    deliveredState_ = state;
+    logging::Log(logging::kTrace, kDoNotify, L"20s passed since last notification. new status [%d]", state ? 1 : 0);
+    NotifyChanged(state);
+}
+
+}  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,65 @@
+#pragma once
+// "qv.isOvraConnected": true while the agent's connection to its server is in
+// the wanted state ("data"."connected": true for connected, false for not
+// connected). Connection reports flap, so changes are debounced: each report
+// restarts a 20-second wait (a delayed item on the condition's own queue,
+// "Cond.IsOvraConn", superseded through a generation counter), and only the
+// last report of a burst is delivered, 20 seconds after it. A delivery is
+// made even when it repeats the value delivered before.
+//
+// GetState is deliberately asymmetric: without `recompute` it gives the value
+// last delivered, with `recompute` the value of the latest report.
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "conditions/condition_base.h"
+#include "conditions/dependencies.h"
+#include "qv/ovra_notifications.h"
+
+namespace Product::Integration::ConditionManager {
+
+// Thread rules: OnEcsConnected runs on the host's notification thread,
+// DoNotify on the condition's queue thread; `lock_` serialises them, and the
+// subscribers are called on the queue thread with it held. GetState reads
+// atomics only. Uninit unregisters from the client, then closes the queue
+// (waiting for a delivery in progress).
+class ConditionisOvraConnected final
+    : public ConditionBaseWithDepends<ConditionBase, Endpoint::Ovra::Notifications::IOvraClientWithNotifications,
+                                      EvQueueWithName>,
+      public Endpoint::Ovra::Notifications::IEcsNotifications {
+public:
+    static constexpr const wchar_t* kType = L"qv.isOvraConnected";
+    static constexpr const wchar_t* kQueueName = L"Cond.IsOvraConn";
+    static constexpr uint32_t kQuietPeriodMs = 20000;
+
+    ~ConditionisOvraConnected() override;
+
+    // 5002 without the agent client (or without a queue); 87 when
+    // "connected" is absent or not a boolean; the client's status when it
+    // refuses the registration. The initial state comes from the client's
+    // current state (unknown counts as not connected) and is not notified.
+    int Init(const InitData& data) override;
+    // Unregisters from the client and closes the queue. Idempotent.
+    void Uninit() override;
+    int GetState(bool* state, bool recompute) override;
+    void OnEcsConnected(std::optional<bool> connected) override;
+
+private:
+    bool StateFor(std::optional<bool> connected) const noexcept;
+    void DoNotify(uint64_t expectedGeneration);
+
+    bool wantConnected_ = true;
+    std::atomic<bool> deliveredState_{false};
+    std::atomic<bool> pendingState_{false};
+    uint64_t generation_ = 0;  // guarded by lock_
+    std::chrono::steady_clock::time_point initTime_;
+    std::mutex lock_;
+    std::wstring queueName_;
+    std::wstring queueType_;
+};
+
+}  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,291 @@
+// Boolean combinators built from JSON and driven through real notifications
+// of their leaves.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "condition_test_support.h"
+#include "plugin/easy_event_queue.h"
+#include "support/log_capture.h"
+
+namespace condition_testing {
+namespace {
+
+using testing_support::LogCapture;
+
+std::string Switch(const std::string& name) { return R"({"type":"test.Switch","data":{"name":")" + name + "\"}}"; }
+
+std::string Combine(const std::string& type, const std::vector<std::string>& children) {
+    std::string json = R"({"type":")" + type + R"(","data":{"conditions":[)";
+    for (size_t i = 0; i < children.size(); ++i) json += (i ? "," : "") + children[i];
+    return json + "]}}";
+}
+
+std::string Not(const std::string& child) { return R"({"type":"boolean.NOT","data":{"condition":)" + child + "}}"; }
+
+// Names of the conditions of a tree in visiting order.
+class TypeCollector final : public IConditionVisitor {
+public:
+    void Visit(ICondition& condition) override { types.push_back(condition.GetType()); }
+    std::vector<std::wstring> types;
+};
+
+TEST(BooleanAnd, FollowsItsChildrenWithOneNotificationPerChange) {
+    Bench bench;
+    bench.board.Set(L"and.a", true);
+    ConditionPtr tree = bench.Create(Combine("boolean.AND", {Switch("and.a"), Switch("and.b")}));
+    ASSERT_NE(tree, nullptr);
+    EXPECT_FALSE(StateOf(*tree));
+    Recorder recorder;
+    ASSERT_EQ(tree->Subscribe(&recorder), 0);
+
+    bench.board.Set(L"and.b", true);
+    bench.Settle();
+    EXPECT_EQ(recorder.States(), std::vector<bool>{true});
+    EXPECT_TRUE(StateOf(*tree));
+
+    // A child change that leaves the result as it is notifies nobody.
+    bench.board.Set(L"and.a", false);
+    bench.Settle();
+    bench.board.Set(L"and.b", false);
+    bench.Settle();
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
+    EXPECT_EQ(recorder.Notifications()[0].id, 0u);
+    tree->Unsubscribe(&recorder);
+}
+
+TEST(BooleanOr, TurnsTrueOnceWhenAnyChildIs) {
+    Bench bench;
+    ConditionPtr tree = bench.Create(Combine("boolean.OR", {Switch("or.a"), Switch("or.b")}), nullptr, 3);
+    ASSERT_NE(tree, nullptr);
+    EXPECT_FALSE(StateOf(*tree));
+    Recorder recorder;
+    tree->Subscribe(&recorder);
+
+    bench.board.Set(L"or.a", true);
+    bench.Settle();
+    bench.board.Set(L"or.b", true);
+    bench.Settle();
+    bench.board.Set(L"or.a", false);
+    bench.Settle();
+    ASSERT_EQ(recorder.Count(), 1u);
+    EXPECT_TRUE(recorder.Notifications()[0].state);
+    EXPECT_EQ(recorder.Notifications()[0].id, 3u);
+
+    bench.board.Set(L"or.b", false);
+    bench.Settle();
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
+    tree->Unsubscribe(&recorder);
+}
+
+TEST(BooleanNot, ForwardsEveryChildNotificationAtOnce) {
+    Bench bench;
+    ConditionPtr tree = bench.Create(Not(Switch("not.a")));
+    ASSERT_NE(tree, nullptr);
+    EXPECT_TRUE(StateOf(*tree));
+    Recorder recorder;
+    tree->Subscribe(&recorder);
+    // Synchronous: the notification has arrived when Set returns.
+    bench.board.Set(L"not.a", true);
+    EXPECT_EQ(recorder.States(), std::vector<bool>{false});
+    EXPECT_FALSE(StateOf(*tree));
+    bench.board.Set(L"not.a", false);
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{false, true}));
+    tree->Unsubscribe(&recorder);
+}
+
+TEST(BooleanNot, OverAConstantIsItsNegationAndNeverNotifies) {
+    Bench bench;
+    ConditionPtr notTrue = bench.Create(Not(R"({"type":"boolean.TRUE"})"));
+    ConditionPtr notFalse = bench.Create(Not(R"({"type":"boolean.FALSE"})"));
+    ASSERT_NE(notTrue, nullptr);
+    ASSERT_NE(notFalse, nullptr);
+    EXPECT_FALSE(StateOf(*notTrue, false));
+    EXPECT_FALSE(StateOf(*notTrue, true));
+    EXPECT_TRUE(StateOf(*notFalse, true));
+}
+
+TEST(BooleanTree, NestedCombinatorsCarryAChangeToTheRoot) {
+    LogCapture capture;
+    Bench bench;
+    // OR( AND(a, NOT(b)), c )
+    ConditionPtr tree = bench.Create(
+        Combine("boolean.OR", {Combine("boolean.AND", {Switch("t.a"), Not(Switch("t.b"))}), Switch("t.c")}));
+    ASSERT_NE(tree, nullptr);
+    EXPECT_FALSE(StateOf(*tree));
+    Recorder recorder;
+    tree->Subscribe(&recorder);
+
+    bench.board.Set(L"t.a", true);  // AND turns true, so does OR
+    bench.Settle();
+    EXPECT_EQ(recorder.States(), std::vector<bool>{true});
+    bench.board.Set(L"t.c", true);  // OR stays true
+    bench.Settle();
+    bench.board.Set(L"t.b", true);  // AND turns false; OR stays true through c
+    bench.Settle();
+    EXPECT_EQ(recorder.Count(), 1u);
+    bench.board.Set(L"t.c", false);
+    bench.Settle();
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
+    EXPECT_TRUE(capture.Contains(logging::kTrace,
+                                 L"Product::Integration::ConditionManager::ConditionBase::NotifyChanged",
+                                 L"Condition [boolean.OR] notify [FALSE]"));
+
+    TypeCollector types;
+    EXPECT_EQ(tree->Accept(types), 0);
+    EXPECT_EQ(types.types, (std::vector<std::wstring>{L"boolean.OR", L"boolean.AND", L"test.Switch", L"boolean.NOT",
+                                                      L"test.Switch", L"test.Switch"}));
+    tree->Unsubscribe(&recorder);
+}
+
+TEST(BooleanAndOr, ABurstOfChildNotificationsGivesOneRecomputation) {
+    LogCapture capture;
+    Bench bench;
+    ConditionPtr tree = bench.Create(Combine("boolean.AND", {Switch("burst.a"), Switch("burst.b")}));
+    ASSERT_NE(tree, nullptr);
+    Recorder recorder;
+    tree->Subscribe(&recorder);
+    const int recomputesBefore = bench.board.Recomputes(L"burst.a");
+
+    // Hold the aggregates' queue with an item of our own, so that both child
+    // notifications are posted before the queue runs the first of them.
+    IEventQueue* handle = nullptr;
+    ASSERT_EQ(bench.host.queues().CreateQueue(L"CondAggregate", &handle), 0);
+    qv::EasyEventQueue blocker;
+    ASSERT_EQ(blocker.Init(handle, L"CondAggregate"), 0);
+    std::mutex gate;
+    std::unique_lock closed(gate);
+    ASSERT_EQ(blocker.Post([&gate] { std::lock_guard wait(gate); }, 0), 0);
+
+    bench.board.Set(L"burst.a", true);
+    bench.board.Set(L"burst.b", true);
+    closed.unlock();
+    bench.Settle();
+
+    EXPECT_EQ(recorder.States(), std::vector<bool>{true});
+    EXPECT_EQ(bench.board.Recomputes(L"burst.a") - recomputesBefore, 1);
+    const auto scheduled = capture.Messages(logging::kDetail);
+    EXPECT_EQ(std::count(scheduled.begin(), scheduled.end(), L"another update is scheduled"), 1);
+    EXPECT_TRUE(capture.Contains(logging::kDetail,
+                                 L"Product::Integration::ConditionManager::ConditionBooleanAndOr::UpdateState",
+                                 L"another update is scheduled"));
+
+    blocker.Shutdown();
+    bench.host.queues().ReleaseQueue(handle);
+    tree->Unsubscribe(&recorder);
+}
+
+TEST(BooleanAndOr, NeedAtLeastOneChild) {
+    LogCapture capture;
+    Bench bench;
+    int error = 0;
+    for (const char* json : {R"({"type":"boolean.AND","data":{"conditions":[]}})",
+                             R"({"type":"boolean.OR","data":{"conditions":[]}})",
+                             R"({"type":"boolean.OR","data":{"conditions":{"type":"boolean.TRUE"}}})",
+                             R"({"type":"boolean.AND"})"}) {
+        EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
+        EXPECT_EQ(error, 87) << json;
+    }
+    EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode conditions"));
+    EXPECT_EQ(bench.Create(R"({"type":"boolean.NOT","data":{}})", &error), nullptr);
+    EXPECT_EQ(error, 87);
+    EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode condition"));
+}
+
+TEST(BooleanTree, AChildThatFailsFailsTheWholeTreeWithItsError) {
+    LogCapture capture;
+    Bench bench;
+    int error = 0;
+    EXPECT_EQ(bench.Create(Combine("boolean.AND", {Switch("f.a"), R"({"type":"boolean.XOR"})"}), &error), nullptr);
+    EXPECT_EQ(error, 120);
+    EXPECT_TRUE(capture.Contains(logging::kError,
+                                 L"Product::Integration::ConditionManager::ConditionAggregate::CreateChildren",
+                                 L"Failed to create child condition"));
+    EXPECT_EQ(bench.Create(Not(Combine("boolean.OR", {R"({"type":"test.Switch","data":{}})"})), &error), nullptr);
+    EXPECT_EQ(error, 87);
+    EXPECT_TRUE(capture.Contains(logging::kError,
+                                 L"Product::Integration::ConditionManager::ConditionBooleanNot::CreateChild",
+                                 L"Failed to create child condition"));
+    // The children built before the failure are gone, with their queues.
+    EXPECT_EQ(ConditionTestSwitch::live, 0);
+    EXPECT_EQ(bench.board.AttachedLeaves(), 0u);
+    EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
+}
+
+TEST(BooleanAndOr, AChildErrorDuringRecomputeKeepsTheCachedValueAndNotifiesNobody) {
+    Bench bench;
+    bench.board.Set(L"err.a", true);
+    ConditionPtr tree = bench.Create(Combine("boolean.AND", {Switch("err.a"), Switch("err.b")}));
+    ASSERT_NE(tree, nullptr);
+    Recorder recorder;
+    tree->Subscribe(&recorder);
+
+    bench.board.SetError(L"err.b", 1234);
+    bool state = true;
+    EXPECT_EQ(tree->GetState(&state, true), 1234);
+    EXPECT_FALSE(StateOf(*tree, false));
+    bench.board.Set(L"err.b", true);  // the recomputation fails: no notification
+    bench.Settle();
+    EXPECT_EQ(recorder.Count(), 0u);
+    EXPECT_FALSE(StateOf(*tree, false));
+
+    bench.board.SetError(L"err.b", 0);
+    bench.board.Set(L"err.a", false);
+    bench.board.Set(L"err.a", true);
+    bench.Settle();
+    EXPECT_EQ(recorder.States(), std::vector<bool>{true});
+    tree->Unsubscribe(&recorder);
+}
+
+TEST(ConditionBase, SubscriberBookkeepingAndTheLastStatusRule) {
+    LogCapture capture;
+    Bench bench;
+    ConditionPtr leaf = bench.Create(Switch("base.a"));
+    ASSERT_NE(leaf, nullptr);
+    Recorder first(5), second(7);
+    // Without subscribers a change notifies nobody and yields 0.
+    EXPECT_EQ(bench.board.Set(L"base.a", true), 0);
+    EXPECT_EQ(leaf->Subscribe(&first), 0);
+    EXPECT_EQ(leaf->Subscribe(&first), 1627);
+    EXPECT_EQ(leaf->Subscribe(&second), 0);
+    Recorder stranger;
+    EXPECT_EQ(leaf->Unsubscribe(&stranger), 1627);
+    // The second subscriber's status wins although the first one failed too.
+    EXPECT_EQ(bench.board.Set(L"base.a", false), 7);
+    EXPECT_EQ(first.Count(), 1u);
+    EXPECT_EQ(second.Count(), 1u);
+    EXPECT_EQ(leaf->Unsubscribe(&second), 0);
+    EXPECT_EQ(leaf->Unsubscribe(&second), 1627);
+    EXPECT_EQ(bench.board.Set(L"base.a", true), 5);
+    EXPECT_EQ(first.Count(), 2u);
+    EXPECT_EQ(second.Count(), 1u);
+    EXPECT_TRUE(capture.Contains(logging::kTrace,
+                                 L"Product::Integration::ConditionManager::ConditionBase::NotifyChanged",
+                                 L"Condition [test.Switch] notify [TRUE]"));
+    leaf->Unsubscribe(&first);
+}
+
+TEST(ConditionBase, AConditionWithoutTypeHasAnEmptyKeyword) {
+    LogCapture capture;
+    host::ReferenceHost host;
+    SwitchBoard board;
+    ConditionTestSwitch leaf;
+    leaf.Inject(ISwitchBoard::iid, static_cast<ISwitchBoard*>(&board));
+    ConditionBase::InitData data;
+    data.json = ParseJson(R"({"data":{"name":"untyped"}})");
+    data.id = 4;
+    ASSERT_EQ(leaf.Init(data), 0);
+    EXPECT_STREQ(leaf.GetType(), L"");
+    Recorder recorder;
+    leaf.Subscribe(&recorder);
+    board.Set(L"untyped", true);
+    ASSERT_EQ(recorder.Count(), 1u);
+    EXPECT_EQ(recorder.Notifications()[0].id, 4u);
+    EXPECT_TRUE(capture.Contains(L"Condition [] notify [TRUE]"));
+    leaf.Unsubscribe(&recorder);
+    leaf.Uninit();
+}
+
+}  // namespace
+}  // namespace condition_testing

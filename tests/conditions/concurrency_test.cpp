@@ -1,0 +1,112 @@
+// Notifications from several threads into one AND/OR tree while other
+// threads query it (run under ThreadSanitizer as well).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "condition_test_support.h"
+
+namespace condition_testing {
+namespace {
+
+TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
+    Bench bench;
+    // OR( AND(a, b), AND(c, NOT(d)), AND(a, c) ): the same leaf names appear twice.
+    const std::string json = R"({"type":"boolean.OR","data":{"conditions":[
+        {"type":"boolean.AND","data":{"conditions":[
+            {"type":"test.Switch","data":{"name":"c.a"}},{"type":"test.Switch","data":{"name":"c.b"}}]}},
+        {"type":"boolean.AND","data":{"conditions":[
+            {"type":"test.Switch","data":{"name":"c.c"}},
+            {"type":"boolean.NOT","data":{"condition":{"type":"test.Switch","data":{"name":"c.d"}}}}]}},
+        {"type":"boolean.AND","data":{"conditions":[
+            {"type":"test.Switch","data":{"name":"c.a"}},{"type":"test.Switch","data":{"name":"c.c"}}]}}]}})";
+    ConditionPtr tree = bench.Create(json);
+    ASSERT_NE(tree, nullptr);
+    Recorder recorder;
+    tree->Subscribe(&recorder);
+
+    const std::vector<std::wstring> names{L"c.a", L"c.b", L"c.c", L"c.d"};
+    constexpr int kFlips = 300;
+    std::atomic<bool> running{true};
+    std::atomic<int> queries{0};
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < names.size(); ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < kFlips; ++n) bench.board.Set(names[i], (n + i) % 2 == 0);
+        });
+    }
+    // Two more writers share one switch.
+    for (int w = 0; w < 2; ++w) {
+        threads.emplace_back([&, w] {
+            for (int n = 0; n < kFlips; ++n) bench.board.Set(L"c.b", (n + w) % 3 == 0);
+        });
+    }
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 2; ++r) {
+        readers.emplace_back([&, r] {
+            while (running) {
+                bool state = false;
+                EXPECT_EQ(tree->GetState(&state, r == 0), 0);
+                ++queries;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+
+    // Final switch values: a, b, c true and d false make the tree true.
+    bench.board.Set(L"c.a", true);
+    bench.board.Set(L"c.b", true);
+    bench.board.Set(L"c.c", true);
+    bench.board.Set(L"c.d", false);
+    bench.Settle();
+    running = false;
+    for (auto& t : readers) t.join();
+
+    EXPECT_GT(queries.load(), 0);
+    EXPECT_TRUE(StateOf(*tree, false));
+    EXPECT_TRUE(StateOf(*tree, true));
+    // Turning one input off is seen exactly once at the root.
+    const size_t before = recorder.Count();
+    bench.board.Set(L"c.a", false);
+    bench.board.Set(L"c.d", true);
+    bench.Settle();
+    ASSERT_EQ(recorder.Count(), before + 1);
+    EXPECT_FALSE(recorder.Notifications().back().state);
+    tree->Unsubscribe(&recorder);
+}
+
+TEST(Concurrency, TreesBuiltAndDestroyedOnSeveralThreadsAtOnce) {
+    Bench bench;
+    const std::string json = R"({"type":"boolean.AND","data":{"conditions":[
+        {"type":"test.Switch","data":{"name":"p.a"}},
+        {"type":"boolean.NOT","data":{"condition":{"type":"test.Switch","data":{"name":"p.b"}}}}]}})";
+    std::atomic<bool> running{true};
+    std::thread flipper([&] {
+        for (bool v = false; running; v = !v) bench.board.Set(L"p.a", v);
+    });
+    std::vector<std::thread> builders;
+    for (int t = 0; t < 3; ++t) {
+        builders.emplace_back([&] {
+            for (int n = 0; n < 100; ++n) {
+                Recorder recorder;
+                ConditionPtr tree = bench.Create(json);
+                ASSERT_NE(tree, nullptr);
+                tree->Subscribe(&recorder);
+                bool state = false;
+                EXPECT_EQ(tree->GetState(&state, true), 0);
+                tree->Unsubscribe(&recorder);
+            }
+        });
+    }
+    for (auto& t : builders) t.join();
+    running = false;
+    flipper.join();
+    bench.Settle();
+    EXPECT_EQ(bench.board.AttachedLeaves(), 0u);
+}
+
+}  // namespace
+}  // namespace condition_testing

@@ -1,0 +1,276 @@
+// The manager: start-up with and without its dependencies, the outcomes of
+// CreateCondition, the nesting bound, and its export.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "condition_test_support.h"
+#include "os/module.h"
+#include "plugin/module_exports.h"
+#include "plugin/module_names.h"
+#include "support/log_capture.h"
+
+namespace condition_testing {
+namespace {
+
+using testing_support::LogCapture;
+
+constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::Manager::Init";
+constexpr const wchar_t* kInitDependencies = L"Product::Integration::ConditionManager::Manager::InitDependencies";
+constexpr const wchar_t* kCreate = L"Product::Integration::ConditionManager::Manager::CreateCondition";
+constexpr const wchar_t* kLoad = L"JsonComposedSerializer::Load";
+
+// Messages below call-trace level logged from `function`.
+std::vector<std::wstring> MessagesFrom(const LogCapture& capture, const std::wstring& function) {
+    std::vector<std::wstring> messages;
+    for (const auto& line : capture.Lines())
+        if (line.function == function && line.level < logging::kTrace) messages.push_back(line.message);
+    return messages;
+}
+
+TEST(ManagerInit, FailsWith5002WithoutNetworkProviderAndGivesEverythingBack) {
+    LogCapture capture;
+    Bench bench(true, false);
+    bench.host.components().Unregister(host::NetworkProviderStandIn::kName);
+    EXPECT_EQ(bench.manager.Init(bench.host.main()), 5002);
+    EXPECT_TRUE(capture.Contains(logging::kError, kInit, L"failed to get network provider"));
+    EXPECT_EQ(bench.host.components().TotalReferences(), 0);
+}
+
+TEST(ManagerInit, FailsWithoutComponentManager) {
+    LogCapture capture;
+    TestManager manager;
+    EXPECT_EQ(manager.Init(nullptr), 87);
+    EXPECT_TRUE(capture.Contains(logging::kError, kInit, L"failed to init dependencies"));
+}
+
+TEST(ManagerInit, MissingHostServicesOnlyFailTheConditionsThatNeedThem) {
+    LogCapture capture;
+    Bench bench(true, false);
+    bench.host.components().Unregister(host::AgentClientNotifications::kName);
+    ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
+    EXPECT_TRUE(capture.Contains(logging::kTrace, kInitDependencies, L"creating dependency [Product.UserManager]"));
+    EXPECT_TRUE(capture.Contains(logging::kTrace, kInitDependencies, L"creating dependency [Ovra.Client.Notifications]"));
+    // One miss for the user manager, one for the agent client.
+    const auto misses = MessagesFrom(capture, kInitDependencies);
+    EXPECT_EQ(std::count(misses.begin(), misses.end(), L"failed to create dependency"), 2);
+
+    int error = 0;
+    EXPECT_EQ(bench.Create(R"({"type":"test.NeedsUserManager"})", &error), nullptr);
+    EXPECT_EQ(error, 5002);
+    EXPECT_EQ(bench.Create(R"({"type":"qv.isOvraConnected","data":{"connected":true}})", &error), nullptr);
+    EXPECT_EQ(error, 5002);
+    EXPECT_TRUE(capture.Contains(logging::kError,
+                                 L"Product::Integration::ConditionManager::ConditionisOvraConnected::Init",
+                                 L"ovra client notification dependency not found"));
+    // Conditions that need neither still build.
+    EXPECT_NE(bench.Create(R"({"type":"boolean.TRUE"})"), nullptr);
+}
+
+TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
+    Bench bench(true, false);
+    FakeUserManager users;
+    bench.host.components().Register(L"Product.UserManager", &users);
+    ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
+    EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
+    EXPECT_EQ(bench.host.components().References(host::NetworkProviderStandIn::kName), 1);
+    int error = -1;
+    {
+        ConditionPtr condition = bench.Create(R"({"type":"test.NeedsUserManager"})", &error);
+        EXPECT_NE(condition, nullptr);
+        EXPECT_EQ(error, 0);
+    }
+    // Building conditions takes no further references.
+    EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
+    bench.manager.Uninit();
+    EXPECT_EQ(bench.host.components().TotalReferences(), 0);
+}
+
+TEST(ManagerInit, HostIdentifierTextsParseToTheHostsIdentifiers) {
+    const auto user = ParseGuid(Product::UserManager::IUserManager::iidText);
+    ASSERT_TRUE(user.has_value());
+    EXPECT_TRUE(qv::GuidEquals(*user, Product::UserManager::IUserManager::iid));
+    // Nine digits in the first group: narrowed to 32 bits.
+    const auto computer = ParseGuid(Product::ComputerManager::IComputerManager::iidText);
+    ASSERT_TRUE(computer.has_value());
+    EXPECT_TRUE(qv::GuidEquals(*computer, Product::ComputerManager::IComputerManager::iid));
+    EXPECT_EQ(computer->Data1, 0x472AB675u);
+    EXPECT_FALSE(ParseGuid(L"7B045FC4-1F00-4FD2-BBAA-4788DDFB0E44").has_value());
+    EXPECT_FALSE(ParseGuid(L"{7B045FC4-1F00}").has_value());
+    EXPECT_FALSE(ParseGuid(nullptr).has_value());
+}
+
+TEST(CreateCondition, BuildsAConstantWithoutDataAndLogsItsProgress) {
+    LogCapture capture;
+    Bench bench;
+    int error = -1;
+    ConditionPtr condition = bench.Create(R"({"type":"boolean.TRUE"})", &error);
+    ASSERT_NE(condition, nullptr);
+    EXPECT_EQ(error, 0);
+    EXPECT_TRUE(StateOf(*condition, false));
+    EXPECT_TRUE(StateOf(*condition, true));
+    EXPECT_STREQ(condition->GetType(), L"boolean.TRUE");
+    EXPECT_EQ(MessagesFrom(capture, kCreate),
+              (std::vector<std::wstring>{L"Creating condition of type[boolean.TRUE]",
+                                         L"Condition of type [boolean.TRUE] successfully created"}));
+}
+
+TEST(CreateCondition, RefusesJsonWithoutAStringType) {
+    Bench bench;
+    for (const char* json : {R"({"data":{}})", R"({"type":5})", R"({"type":null})", R"(["boolean.TRUE"])",
+                             R"("boolean.TRUE")"}) {
+        LogCapture capture;
+        int error = 0;
+        EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
+        EXPECT_EQ(error, 87) << json;
+        EXPECT_TRUE(capture.Contains(logging::kDetail, kLoad, L"Failed to load subnode type")) << json;
+        EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Failed to find type for condition. Invalid Json"))
+            << json;
+    }
+}
+
+TEST(CreateCondition, UnknownKeywordsGive120WithNoFurtherMessage) {
+    Bench bench;
+    // Matching is exact; the network and directory types are not built yet.
+    for (const char* type : {"boolean.true", "Boolean.TRUE", "boolean.XOR", "", "network.IP", "network.IPRange",
+                             "network.canResolveHost", "ad.User", "ad.ComputerGroup.OU"}) {
+        LogCapture capture;
+        int error = 0;
+        EXPECT_EQ(bench.Create(std::string(R"({"type":")") + type + "\"}", &error), nullptr) << type;
+        EXPECT_EQ(error, 120) << type;
+        const auto messages = MessagesFrom(capture, kCreate);
+        ASSERT_EQ(messages.size(), 1u) << type;
+        EXPECT_EQ(messages[0].rfind(L"Creating condition of type[", 0), 0u);
+    }
+}
+
+TEST(CreateCondition, AnEntryWithoutFactoryFunctionGives87) {
+    LogCapture capture;
+    Bench bench;
+    int error = 0;
+    EXPECT_EQ(bench.Create(R"({"type":"test.NoFactory"})", &error), nullptr);
+    EXPECT_EQ(error, 87);
+    EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Invalid factory function for type [test.NoFactory]"));
+}
+
+TEST(CreateCondition, AFailedInitReturnsItsStatusAndDestroysTheConditionThroughItsDeleter) {
+    LogCapture capture;
+    Bench bench;
+    const int uninitsBefore = ConditionTestSwitch::uninits;
+    int error = 0;
+    EXPECT_EQ(bench.Create(R"({"type":"test.Switch","data":{"name":"a","failWith":1234}})", &error), nullptr);
+    EXPECT_EQ(error, 1234);
+    EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition of type [test.Switch] error = [1234]"));
+    EXPECT_EQ(ConditionTestSwitch::live, 0);
+    EXPECT_EQ(ConditionTestSwitch::uninits, uninitsBefore + 1);
+
+    EXPECT_EQ(bench.Create(R"({"type":"boolean.AND","data":{"conditions":[]}})", &error), nullptr);
+    EXPECT_EQ(error, 87);
+    EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition of type [boolean.AND] error = [87]"));
+}
+
+TEST(CreateCondition, TheRootReportsTheIdentifierItsCallerGave) {
+    Bench bench;
+    ConditionPtr leaf = bench.Create(R"({"type":"test.Switch","data":{"name":"id"}})", nullptr, 7);
+    ASSERT_NE(leaf, nullptr);
+    Recorder recorder;
+    ASSERT_EQ(leaf->Subscribe(&recorder), 0);
+    bench.board.Set(L"id", true);
+    ASSERT_EQ(recorder.Count(), 1u);
+    EXPECT_EQ(recorder.Notifications()[0].id, 7u);
+    EXPECT_TRUE(recorder.Notifications()[0].state);
+    leaf->Unsubscribe(&recorder);
+}
+
+// A chain of `levels` conditions: NOT over NOT ... over boolean.TRUE.
+std::string NotChain(size_t levels) {
+    std::string json = R"({"type":"boolean.TRUE"})";
+    for (size_t i = 1; i < levels; ++i) json = R"({"type":"boolean.NOT","data":{"condition":)" + json + "}}";
+    return json;
+}
+
+TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
+    Bench bench;
+    int error = -1;
+    ConditionPtr deepest = bench.Create(NotChain(Manager::kMaxConditionDepth), &error);
+    ASSERT_NE(deepest, nullptr);
+    EXPECT_EQ(error, 0);
+    // 63 negations of true.
+    EXPECT_FALSE(StateOf(*deepest, true));
+    deepest.reset();
+
+    {
+        LogCapture capture;
+        EXPECT_EQ(bench.Create(NotChain(Manager::kMaxConditionDepth + 1), &error), nullptr);
+        EXPECT_EQ(error, 87);
+        EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition tree nested deeper than 64 levels"));
+    }
+
+    // As deep as the JSON reader lets a console send (each level is three JSON levels).
+    EXPECT_EQ(bench.Create(NotChain(320), &error), nullptr);
+    EXPECT_EQ(error, 87);
+
+    // The bound counts nesting, not size, and is reset after each tree.
+    std::string wide = R"({"type":"boolean.AND","data":{"conditions":[)";
+    for (int i = 0; i < 100; ++i) wide += std::string(i ? "," : "") + NotChain(30);
+    wide += "]}}";
+    ConditionPtr broad = bench.Create(wide, &error);
+    EXPECT_NE(broad, nullptr);
+    EXPECT_EQ(error, 0);
+}
+
+TEST(CreateCondition, TheBoundAlsoHoldsForAndOrNesting) {
+    Bench bench;
+    std::string json = R"({"type":"boolean.FALSE"})";
+    for (size_t i = 1; i <= Manager::kMaxConditionDepth; ++i)
+        json = std::string(R"({"type":")") + (i % 2 ? "boolean.AND" : "boolean.OR") +
+               R"(","data":{"conditions":[{"type":"boolean.TRUE"},)" + json + "]}}";
+    int error = 0;
+    EXPECT_EQ(bench.Create(json, &error), nullptr);
+    EXPECT_EQ(error, 87);
+    // Everything built on the way down was destroyed again.
+    bench.Settle();
+    EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
+}
+
+// Through the built module's exports, as the host reaches it.
+TEST(ManagerExport, TheModuleExportsTheConditionManagerAsASingleton) {
+    const os::ModuleHandle module =
+        os::LoadModule(os::JoinPath(testing_support::ProgramDirectory(), os::SharedLibraryFileName(L"ConditionalRunner")));
+    ASSERT_NE(module, nullptr);
+    auto create = reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(module, "QvCreateObject"));
+    auto destroy = reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(module, "QvDestroyObject"));
+    ASSERT_NE(create, nullptr);
+    ASSERT_NE(destroy, nullptr);
+    {
+        const std::wstring name = qv::names::kConditionManager;
+        void* managerPart = nullptr;
+        void* pluginPart = nullptr;
+        ASSERT_EQ(create(name.c_str(), &IManager::iid, &managerPart), 0);
+        ASSERT_EQ(create(name.c_str(), &IServPlugin::iid, &pluginPart), 0);
+        auto* plugin = static_cast<IServPlugin*>(pluginPart);
+        auto* manager = static_cast<IManager*>(managerPart);
+        // One object behind both requests.
+        EXPECT_EQ(plugin->QueryInterface(IManager::iid), managerPart);
+
+        host::ReferenceHost host;
+        host::NetworkProviderStandIn provider;
+        host.components().Register(host::NetworkProviderStandIn::kName, &provider);
+        ASSERT_EQ(plugin->Init(host.main()), 0);
+        int error = -1;
+        ConditionPtr condition = manager->CreateCondition(ParseJson(R"({"type":"boolean.TRUE"})"), &error, 0);
+        ASSERT_NE(condition, nullptr);
+        EXPECT_EQ(error, 0);
+        EXPECT_TRUE(StateOf(*condition));
+        condition.reset();
+        EXPECT_EQ(plugin->Uninit(), 0);
+        EXPECT_EQ(host.components().TotalReferences(), 0);
+
+        destroy(name.c_str(), plugin->QueryInterface(IQvBaseInterface::iid));
+        destroy(name.c_str(), managerPart);
+    }
+    os::ReleaseModule(module);
+}
+
+}  // namespace
+}  // namespace condition_testing

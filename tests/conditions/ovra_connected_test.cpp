@@ -1,0 +1,152 @@
+// "qv.isOvraConnected": connection reports from the host's agent client,
+// debounced for 20 s on the hand-driven clock of the host's queues.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "condition_test_support.h"
+#include "support/log_capture.h"
+
+namespace condition_testing {
+namespace {
+
+using testing_support::LogCapture;
+
+constexpr const wchar_t* kDoNotify = L"Product::Integration::ConditionManager::ConditionisOvraConnected::DoNotify";
+
+std::string Connected(bool wanted) {
+    return std::string(R"({"type":"qv.isOvraConnected","data":{"connected":)") + (wanted ? "true" : "false") + "}}";
+}
+
+class OvraConnected : public ::testing::Test {
+protected:
+    // Moves the queues' clock and lets everything that became due run.
+    void Advance(int64_t ms) {
+        bench.host.manualClock()->Advance(ms);
+        bench.Settle();
+    }
+
+    LogCapture capture;
+    Bench bench;
+    Recorder recorder;
+};
+
+TEST_F(OvraConnected, StartsFromTheCurrentConnectionWithoutNotifying) {
+    ConditionPtr wantConnected = bench.Create(Connected(true));
+    ConditionPtr wantDisconnected = bench.Create(Connected(false));
+    ASSERT_NE(wantConnected, nullptr);
+    ASSERT_NE(wantDisconnected, nullptr);
+    EXPECT_TRUE(StateOf(*wantConnected));
+    EXPECT_FALSE(StateOf(*wantDisconnected));
+    wantConnected->Subscribe(&recorder);
+    Advance(60000);
+    EXPECT_EQ(recorder.Count(), 0u);
+    EXPECT_TRUE(capture.Contains(logging::kTrace,
+                                 L"Product::Integration::ConditionManager::ConditionisOvraConnected::Init",
+                                 L"Condition isOvraConnected initial state 1"));
+    wantConnected->Unsubscribe(&recorder);
+}
+
+TEST_F(OvraConnected, DeliversAChangeAfterTwentyQuietSecondsAndShowsItAtOnceOnRecompute) {
+    ConditionPtr condition = bench.Create(Connected(true), nullptr, 5);
+    ASSERT_NE(condition, nullptr);
+    condition->Subscribe(&recorder);
+
+    EXPECT_EQ(bench.agentClient.SetConnectionState(false), 1u);
+    EXPECT_FALSE(StateOf(*condition, true));
+    EXPECT_TRUE(StateOf(*condition, false));
+    Advance(19999);
+    EXPECT_EQ(recorder.Count(), 0u);
+    EXPECT_TRUE(StateOf(*condition, false));
+    Advance(1);
+    ASSERT_EQ(recorder.Count(), 1u);
+    EXPECT_FALSE(recorder.Notifications()[0].state);
+    EXPECT_EQ(recorder.Notifications()[0].id, 5u);
+    EXPECT_FALSE(StateOf(*condition, false));
+    EXPECT_TRUE(capture.Contains(logging::kTrace, kDoNotify, L"20s passed since last notification. new status [0]"));
+    condition->Unsubscribe(&recorder);
+}
+
+TEST_F(OvraConnected, EachReportRestartsTheWaitAndTheLastValueIsDeliveredEvenIfUnchanged) {
+    ConditionPtr condition = bench.Create(Connected(true));
+    ASSERT_NE(condition, nullptr);
+    condition->Subscribe(&recorder);
+
+    bench.agentClient.SetConnectionState(false);
+    Advance(10000);
+    bench.agentClient.SetConnectionState(true);
+    Advance(19999);  // 29999 ms after the disconnect, 19999 after the reconnect
+    EXPECT_EQ(recorder.Count(), 0u);
+    Advance(1);
+    // A repeat of the value delivered before (true at start).
+    EXPECT_EQ(recorder.States(), std::vector<bool>{true});
+
+    // A report of an unchanged state is delivered again too.
+    bench.agentClient.Report();
+    Advance(20000);
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, true}));
+    condition->Unsubscribe(&recorder);
+}
+
+TEST_F(OvraConnected, AnUnknownConnectionCountsAsNotConnected) {
+    ConditionPtr wantConnected = bench.Create(Connected(true));
+    ConditionPtr wantDisconnected = bench.Create(Connected(false));
+    ASSERT_NE(wantConnected, nullptr);
+    ASSERT_NE(wantDisconnected, nullptr);
+    bench.agentClient.SetConnectionState(std::nullopt);
+    EXPECT_FALSE(StateOf(*wantConnected, true));
+    EXPECT_TRUE(StateOf(*wantDisconnected, true));
+    Advance(20000);
+    EXPECT_FALSE(StateOf(*wantConnected));
+    EXPECT_TRUE(StateOf(*wantDisconnected));
+
+    // Created while the state is unknown.
+    ConditionPtr late = bench.Create(Connected(false));
+    ASSERT_NE(late, nullptr);
+    EXPECT_TRUE(StateOf(*late));
+}
+
+TEST_F(OvraConnected, ReachesTheRootOfATreeAfterTheQuietPeriod) {
+    ConditionPtr tree = bench.Create(R"({"type":"boolean.NOT","data":{"condition":)" + Connected(true) + "}}");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_FALSE(StateOf(*tree));
+    tree->Subscribe(&recorder);
+    bench.agentClient.SetConnectionState(false);
+    EXPECT_TRUE(StateOf(*tree, true));
+    Advance(19999);
+    EXPECT_EQ(recorder.Count(), 0u);
+    Advance(1);
+    EXPECT_EQ(recorder.States(), std::vector<bool>{true});
+    tree->Unsubscribe(&recorder);
+}
+
+TEST_F(OvraConnected, RequiresABooleanConnectedMember) {
+    int error = 0;
+    for (const char* json : {R"({"type":"qv.isOvraConnected"})", R"({"type":"qv.isOvraConnected","data":{}})",
+                             R"({"type":"qv.isOvraConnected","data":{"connected":"yes"}})"}) {
+        EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
+        EXPECT_EQ(error, 87) << json;
+    }
+    EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode connected"));
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 0u);
+}
+
+TEST_F(OvraConnected, DestroyingTheConditionStopsReportsAndDropsAPendingDelivery) {
+    ConditionPtr condition = bench.Create(Connected(true));
+    ASSERT_NE(condition, nullptr);
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 1u);
+    condition->Subscribe(&recorder);
+    bench.agentClient.SetConnectionState(false);
+    condition->Unsubscribe(&recorder);
+    condition.reset();
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 0u);
+    EXPECT_EQ(bench.agentClient.SetConnectionState(true), 0u);
+    Advance(40000);
+    EXPECT_EQ(recorder.Count(), 0u);
+    EXPECT_EQ(bench.host.queues().PendingCount(), 0u);
+    EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
+}
+
+}  // namespace
+}  // namespace condition_testing
