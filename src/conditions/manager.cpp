@@ -74,26 +74,9 @@ int32_t Manager::Uninit() {
 int32_t Manager::InitFactory() {
     factory_.clear();
     // Types without dependencies.
-    AddFactoryEntry(ConditionBooleanConstant<true>::kType,
-                    FactoryEntry{[] {
-                                     return std::unique_ptr<ConditionBase, ConditionDeleter>(
-                                         new ConditionBooleanConstant<true>(),
-                                         &DestroyCondition<ConditionBooleanConstant<true>>);
-                                 },
-                                 {}});
-    AddFactoryEntry(ConditionBooleanConstant<false>::kType,
-                    FactoryEntry{[] {
-                                     return std::unique_ptr<ConditionBase, ConditionDeleter>(
-                                         new ConditionBooleanConstant<false>(),
-                                         &DestroyCondition<ConditionBooleanConstant<false>>);
-                                 },
-                                 {}});
-    AddFactoryEntry(ConditionFileExists::kType,
-                    FactoryEntry{[] {
-                                     return std::unique_ptr<ConditionBase, ConditionDeleter>(
-                                         new ConditionFileExists(), &DestroyCondition<ConditionFileExists>);
-                                 },
-                                 {}});
+    AddFactoryEntry(ConditionBooleanConstant<true>::kType, {MakeCreator<ConditionBooleanConstant<true>>(), {}});
+    AddFactoryEntry(ConditionBooleanConstant<false>::kType, {MakeCreator<ConditionBooleanConstant<false>>(), {}});
+    AddFactoryEntry(ConditionFileExists::kType, {MakeCreator<ConditionFileExists>(), {}});
     // Types that declare what they need.
     AddToFactory<ConditionBooleanAnd>();
     AddToFactory<ConditionBooleanOr>();

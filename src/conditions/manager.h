@@ -92,12 +92,15 @@ protected:
     template <class T>
     void AddToFactory() {
         static_assert(std::is_base_of_v<ConditionBase, T>, "conditions derive from ConditionBase");
-        FactoryEntry entry;
-        entry.create = [] {
-            return std::unique_ptr<ConditionBase, ConditionDeleter>(new T(), &DestroyCondition<T>);
-        };
+        FactoryEntry entry{MakeCreator<T>(), {}};
         AppendRecords(entry.dependencies, typename T::Dependencies{});
         factory_[T::kType] = std::move(entry);
+    }
+
+    // A `create` function that makes a `T` with the deleter below.
+    template <class T>
+    static Creator MakeCreator() {
+        return [] { return std::unique_ptr<ConditionBase, ConditionDeleter>(new T(), &DestroyCondition<T>); };
     }
 
     // Adds an entry by hand (an empty `create` is refused by CreateCondition).

@@ -119,7 +119,7 @@ void CSyncRWLock::BecomeWriter(uint32_t threadId, uint32_t readCount) noexcept {
 void CSyncRWLock::WaitAsReader(Guard& guard, uint32_t threadId) {
     ++waitingReaders_;
     guard.unlock();
-    readersSemaphore_.acquire();
+    readersSemaphore_.Acquire();
     guard.lock();
     // The waker has already counted this thread among the readers.
     readers_.emplace(threadId, 1u);
@@ -128,7 +128,7 @@ void CSyncRWLock::WaitAsReader(Guard& guard, uint32_t threadId) {
 void CSyncRWLock::WaitAsWriter(Guard& guard, uint32_t threadId) {
     ++waitingWriters_;
     guard.unlock();
-    writersSemaphore_.acquire();
+    writersSemaphore_.Acquire();
     guard.lock();
     // The waker has already set the writer-active flag for this thread.
     BecomeWriter(threadId, 0);
@@ -151,7 +151,7 @@ void CSyncRWLock::Upgrade(Guard& guard, uint32_t threadId, std::map<uint32_t, ui
     readers_.erase(reader);
     --readingThreads_;
     guard.unlock();
-    upgradeSemaphore_.acquire();
+    upgradeSemaphore_.Acquire();
     // The last reader to leave has made this thread the writer.
 }
 
@@ -162,14 +162,14 @@ void CSyncRWLock::HandOverFromReaders(Guard& guard) {
         upgraderId_ = 0;
         upgraderReadCount_ = 0;
         guard.unlock();
-        upgradeSemaphore_.release();
+        upgradeSemaphore_.Release();
         return;
     }
     if (waitingWriters_ == 0) return;
     --waitingWriters_;
     writerActive_ = 1;
     guard.unlock();
-    writersSemaphore_.release();
+    writersSemaphore_.Release();
 }
 
 void CSyncRWLock::HandOverFromWriter(Guard& guard) {
@@ -179,7 +179,7 @@ void CSyncRWLock::HandOverFromWriter(Guard& guard) {
         --waitingWriters_;
         writerActive_ = 1;
         guard.unlock();
-        writersSemaphore_.release();
+        writersSemaphore_.Release();
         return;
     }
     if (waitingReaders_ > 0) {
@@ -187,7 +187,7 @@ void CSyncRWLock::HandOverFromWriter(Guard& guard) {
         waitingReaders_ = 0;
         readingThreads_ = woken;
         guard.unlock();
-        readersSemaphore_.release(woken);
+        readersSemaphore_.Release(woken);
     }
 }
 

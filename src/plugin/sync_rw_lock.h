@@ -33,7 +33,8 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <semaphore>
+
+#include "plugin/semaphore.h"
 
 namespace qv {
 
@@ -90,8 +91,8 @@ private:
     void HandOverFromWriter(Guard& guard);
 
     mutable std::mutex guard_;
-    std::counting_semaphore<> readersSemaphore_{0};
-    std::counting_semaphore<> writersSemaphore_{0};
+    Semaphore readersSemaphore_;
+    Semaphore writersSemaphore_;
     uint32_t waitingReaders_ = 0;
     uint32_t waitingWriters_ = 0;
     uint32_t readingThreads_ = 0;
@@ -103,7 +104,7 @@ private:
 
     // The one reader waiting to become the writer, and the read nesting it
     // brings along. Served by the last reader to leave.
-    std::binary_semaphore upgradeSemaphore_{0};
+    Semaphore upgradeSemaphore_;
     bool upgradePending_ = false;
     uint32_t upgraderId_ = 0;
     uint32_t upgraderReadCount_ = 0;

@@ -95,17 +95,6 @@ TEST(BooleanNot, ForwardsEveryChildNotificationAtOnce) {
     tree->Unsubscribe(&recorder);
 }
 
-TEST(BooleanNot, OverAConstantIsItsNegationAndNeverNotifies) {
-    Bench bench;
-    ConditionPtr notTrue = bench.Create(Not(R"({"type":"boolean.TRUE"})"));
-    ConditionPtr notFalse = bench.Create(Not(R"({"type":"boolean.FALSE"})"));
-    ASSERT_NE(notTrue, nullptr);
-    ASSERT_NE(notFalse, nullptr);
-    EXPECT_FALSE(StateOf(*notTrue, false));
-    EXPECT_FALSE(StateOf(*notTrue, true));
-    EXPECT_TRUE(StateOf(*notFalse, true));
-}
-
 TEST(BooleanTree, NestedCombinatorsCarryAChangeToTheRoot) {
     LogCapture capture;
     Bench bench;
@@ -264,27 +253,6 @@ TEST(ConditionBase, SubscriberBookkeepingAndTheLastStatusRule) {
                                  L"Product::Integration::ConditionManager::ConditionBase::NotifyChanged",
                                  L"Condition [test.Switch] notify [TRUE]"));
     leaf->Unsubscribe(&first);
-}
-
-TEST(ConditionBase, AConditionWithoutTypeHasAnEmptyKeyword) {
-    LogCapture capture;
-    host::ReferenceHost host;
-    SwitchBoard board;
-    ConditionTestSwitch leaf;
-    leaf.Inject(ISwitchBoard::iid, static_cast<ISwitchBoard*>(&board));
-    ConditionBase::InitData data;
-    data.json = ParseJson(R"({"data":{"name":"untyped"}})");
-    data.id = 4;
-    ASSERT_EQ(leaf.Init(data), 0);
-    EXPECT_STREQ(leaf.GetType(), L"");
-    Recorder recorder;
-    leaf.Subscribe(&recorder);
-    board.Set(L"untyped", true);
-    ASSERT_EQ(recorder.Count(), 1u);
-    EXPECT_EQ(recorder.Notifications()[0].id, 4u);
-    EXPECT_TRUE(capture.Contains(L"Condition [] notify [TRUE]"));
-    leaf.Unsubscribe(&recorder);
-    leaf.Uninit();
 }
 
 }  // namespace

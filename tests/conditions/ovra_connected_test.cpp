@@ -107,20 +107,6 @@ TEST_F(OvraConnected, AnUnknownConnectionCountsAsNotConnected) {
     EXPECT_TRUE(StateOf(*late));
 }
 
-TEST_F(OvraConnected, ReachesTheRootOfATreeAfterTheQuietPeriod) {
-    ConditionPtr tree = bench.Create(R"({"type":"boolean.NOT","data":{"condition":)" + Connected(true) + "}}");
-    ASSERT_NE(tree, nullptr);
-    EXPECT_FALSE(StateOf(*tree));
-    tree->Subscribe(&recorder);
-    bench.agentClient.SetConnectionState(false);
-    EXPECT_TRUE(StateOf(*tree, true));
-    Advance(19999);
-    EXPECT_EQ(recorder.Count(), 0u);
-    Advance(1);
-    EXPECT_EQ(recorder.States(), std::vector<bool>{true});
-    tree->Unsubscribe(&recorder);
-}
-
 TEST_F(OvraConnected, RequiresABooleanConnectedMember) {
     int error = 0;
     for (const char* json : {R"({"type":"qv.isOvraConnected"})", R"({"type":"qv.isOvraConnected","data":{}})",

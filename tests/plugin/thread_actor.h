@@ -4,6 +4,8 @@
 // to release it, and see which steps are still blocked.
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -24,9 +26,16 @@ public:
         changed_.wait(lock, [this] { return id_ != 0; });
     }
 
-    // Waits for all posted steps; a step still blocked then blocks here too.
+    // Waits for all posted steps. A step still blocked after the test's
+    // patience means the code under test never released it: the program
+    // aborts then, rather than hang until the test runner's time limit.
     ~ThreadActor() {
-        Post({}).wait();
+        auto finished = Post({});
+        if (finished.wait_for(kPatience) != std::future_status::ready) {
+            std::fflush(stdout);
+            std::fprintf(stderr, "ThreadActor: a step is still blocked at the end of the test\n");
+            std::abort();
+        }
         thread_.join();
     }
 
