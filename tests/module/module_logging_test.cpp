@@ -1,0 +1,74 @@
+// The built module as the host sees it: loaded by path, reached only through
+// its two exports, with and without the logging library beside it.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "os/module.h"
+#include "plugin/module_exports.h"
+#include "plugin/module_names.h"
+#include "qv/serv_plugin.h"
+#include "support/log_capture.h"
+
+namespace {
+
+class LoadedModule {
+public:
+    explicit LoadedModule(const std::wstring& directory)
+        : handle_(os::LoadModule(os::JoinPath(directory, os::SharedLibraryFileName(L"ConditionalRunner")))) {
+        create = reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(handle_, "QvCreateObject"));
+        destroy = reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(handle_, "QvDestroyObject"));
+    }
+    ~LoadedModule() { os::ReleaseModule(handle_); }
+    bool Loaded() const { return handle_ && create && destroy; }
+
+    QvCreateObjectFn create = nullptr;
+    QvDestroyObjectFn destroy = nullptr;
+
+private:
+    os::ModuleHandle handle_;
+};
+
+// Asks the agent to initialise without a host: it fails with 5002 after
+// logging "Null component manager".
+int32_t InitAgentWithoutHost(LoadedModule& module) {
+    const std::wstring name = qv::names::AgentName();
+    void* object = nullptr;
+    if (module.create(name.c_str(), &IServPlugin::iid, &object) != 0) return -1;
+    const int32_t status = static_cast<IServPlugin*>(object)->Init(nullptr);
+    module.destroy(name.c_str(), object);
+    return status;
+}
+
+}  // namespace
+
+TEST(ModuleLogging, WritesThroughTheLibraryBesideIt) {
+    testing_support::LogCapture capture;
+    LoadedModule module(testing_support::ProgramDirectory());
+    ASSERT_TRUE(module.Loaded());
+    EXPECT_EQ(InitAgentWithoutHost(module), 5002);
+    EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
+                                 L"Null component manager"));
+}
+
+TEST(ModuleLogging, RunsUnchangedWithoutTheLibrary) {
+    const std::wstring logName = os::SharedLibraryFileName(L"log");
+    if (os::ModuleHandle loaded = os::FindLoadedModule(logName)) {
+        os::ReleaseModule(loaded);
+        GTEST_SKIP() << "the logging library is already loaded in this process (run this test on its own)";
+    }
+    testing_support::TempDir alone;
+    const std::wstring moduleName = os::SharedLibraryFileName(L"ConditionalRunner");
+    std::filesystem::copy_file(std::filesystem::path(os::JoinPath(testing_support::ProgramDirectory(), moduleName)),
+                               std::filesystem::path(alone.File(moduleName)));
+    {
+        LoadedModule module(alone.path());
+        ASSERT_TRUE(module.Loaded());
+        EXPECT_EQ(InitAgentWithoutHost(module), 5002);
+
+        void* object = reinterpret_cast<void*>(1);
+        EXPECT_EQ(module.create(L"product.conditionalrunner.agent", &IServPlugin::iid, &object), 1168);
+        EXPECT_EQ(object, nullptr);
+    }
+    EXPECT_EQ(os::FindLoadedModule(logName), nullptr) << "the module must not look for the library elsewhere";
+}
