@@ -1,7 +1,7 @@
 #include "agent_fixture.h"
 
 #include <atomic>
-#include <set>
+#include <map>
 #include <thread>
 
 #include "os/utf8.h"
@@ -19,27 +19,28 @@ const char* kMethod2 = R"({"id": "m2", "displayName": "M2", "methods": []})";
 
 std::string Join(const char* a, const char* b) { return std::string(a) + ", " + b; }
 
+std::wstring Text(const Json::Value& v) { return os::Utf8ToWide(v.asString()).value(); }
+
 Rule RuleOf(const char* json) {
     const Json::Value v = Parse(json);
-    Rule rule;
-    rule.id = os::Utf8ToWide(v["id"].asString()).value();
-    rule.displayName = os::Utf8ToWide(v["displayName"].asString()).value();
-    rule.methodSetId = os::Utf8ToWide(v["methodSetId"].asString()).value();
-    rule.matchIf = v["matchIf"];
-    return rule;
+    return Rule{Text(v["id"]), Text(v["displayName"]), Text(v["methodSetId"]), v["matchIf"]};
 }
 
 Method MethodOf(const char* json) {
     const Json::Value v = Parse(json);
-    Method method;
-    method.id = os::Utf8ToWide(v["id"].asString()).value();
-    method.displayName = os::Utf8ToWide(v["displayName"].asString()).value();
-    method.methods = v["methods"];
-    if (v.isMember("context")) method.context = v["context"];
-    return method;
+    return Method{Text(v["id"]), Text(v["displayName"]), v["methods"], v.isMember("context") ? v["context"] : Json::Value()};
 }
 
-using DispatchTest = AgentTest;
+class DispatchTest : public AgentTest {
+protected:
+    // Runs `method` on `request`; checks its status and its response (as text,
+    // so that signed and unsigned numbers compare alike).
+    void Expect(const wchar_t* method, const std::string& request, int32_t status, const std::string& response = "{}") {
+        auto call = CallJson(method, request);
+        EXPECT_EQ(call->GetResult(), status) << request;
+        EXPECT_EQ(call->response()->toStyledString(), Parse(response).toStyledString()) << request;
+    }
+};
 
 TEST_F(DispatchTest, BeforeInitEveryCallIsNotReady) {
     for (const wchar_t* method : {L"SetRules", L"GetRules", L"Unknown", L""}) {
@@ -75,56 +76,43 @@ TEST_F(DispatchTest, RuleCommandsPassRulesAndReportErrors) {
     InitAndStart();
     runner.errorsOut = {IConditionalRunner::RuleError{1, 120}};
     runner.SetStatus("SetRules", 1627);
-    auto call = CallJson(L"SetRules", "{\"rules\": [" + Join(kRule1, kRule2) + "]}");
-    EXPECT_EQ(call->GetResult(), 1627);
+    // The errors are written even though the runner failed.
+    Expect(L"SetRules", "{\"rules\": [" + Join(kRule1, kRule2) + "]}", 1627, R"({"rulesErrors": [{"index": 1, "error": 120}]})");
     EXPECT_TRUE(runner.received().rules == (qv::List<Rule>{RuleOf(kRule1), RuleOf(kRule2)}));
-    // Written even though the runner failed.
-    EXPECT_EQ(*call->response(), Parse(R"({"rulesErrors": [{"index": 1, "error": 120}]})"));
 
     runner.errorsOut.Clear();
     runner.SetStatus("SetRules", 0);
-    EXPECT_EQ(*CallJson(L"SetRules", R"({"rules": []})")->response(), Parse(R"({"rulesErrors": []})"));
+    Expect(L"SetRules", R"({"rules": []})", 0, R"({"rulesErrors": []})");
     EXPECT_TRUE(runner.received().rules.Empty());
 
     runner.rulesOut = {RuleOf(kRule2), RuleOf(kRule1)};
-    call = CallJson(L"GetRules", "{}");
-    EXPECT_EQ(call->GetResult(), 0);
-    EXPECT_EQ(*call->response(), Parse("{\"rules\": [" + Join(kRule2, kRule1) + "]}"));
+    Expect(L"GetRules", "{}", 0, "{\"rules\": [" + Join(kRule2, kRule1) + "]}");
 
     runner.SetStatus("GetRules", 1168);
-    call = CallJson(L"GetRules", "{}");
-    EXPECT_EQ(call->GetResult(), 1168);
-    EXPECT_EQ(*call->response(), Json::Value(Json::objectValue));
+    Expect(L"GetRules", "{}", 1168);
 
     // No response wanted: the call still runs.
     runner.SetStatus("GetRules", 0);
     EXPECT_EQ(Call(L"GetRules", Json::Value(Json::objectValue), false)->GetResult(), 0);
 
-    call = CallJson(L"UpdateRulesAndMethods", "{\"rules\": [" + std::string(kRule1) + "], \"methods\": [" + Join(kMethod1, kMethod2) + "]}");
-    EXPECT_EQ(call->GetResult(), 0);
+    Expect(L"UpdateRulesAndMethods", "{\"rules\": [" + std::string(kRule1) + "], \"methods\": [" + Join(kMethod1, kMethod2) + "]}", 0);
     EXPECT_TRUE(runner.received().rules == qv::List<Rule>{RuleOf(kRule1)});
     EXPECT_TRUE(runner.received().methodSets == (qv::List<Method>{MethodOf(kMethod1), MethodOf(kMethod2)}));
-    EXPECT_EQ(*call->response(), Json::Value(Json::objectValue));
     EXPECT_EQ(runner.Calls(), (std::vector<std::string>{"SetRules", "SetRules", "GetRules", "GetRules", "GetRules",
                                                          "UpdateRulesAndMethods"}));
 }
 
 TEST_F(DispatchTest, MethodSetCommands) {
     InitAndStart();
-    auto call = CallJson(L"SetMethodSet", kMethod1);
-    EXPECT_EQ(call->GetResult(), 0);
+    EXPECT_EQ(CallJson(L"SetMethodSet", kMethod1)->GetResult(), 0);
     EXPECT_EQ(runner.received().methodSet, MethodOf(kMethod1));
     EXPECT_TRUE(runner.received().signal);
 
     runner.methodSetOut = MethodOf(kMethod1);
-    call = CallJson(L"GetMethodSet", R"({"id": "m1"})");
-    EXPECT_EQ(call->GetResult(), 0);
+    Expect(L"GetMethodSet", R"({"id": "m1"})", 0, R"({"methods": [{"name": "a"}]})");
     EXPECT_EQ(runner.received().id, L"m1");
-    EXPECT_EQ(*call->response(), Parse(R"({"methods": [{"name": "a"}]})"));  // methods only
     runner.SetStatus("GetMethodSet", 1168);
-    call = CallJson(L"GetMethodSet", R"({"id": "zz"})");
-    EXPECT_EQ(call->GetResult(), 1168);
-    EXPECT_EQ(*call->response(), Json::Value(Json::objectValue));
+    Expect(L"GetMethodSet", R"({"id": "zz"})", 1168);
 
     runner.SetStatus("DeleteMethodSet", 1168);
     EXPECT_EQ(CallJson(L"DeleteMethodSet", R"({"id": "\u00e9"})")->GetResult(), 1168);
@@ -132,12 +120,9 @@ TEST_F(DispatchTest, MethodSetCommands) {
     EXPECT_EQ(CallJson(L"DeleteAllMethodSets", "{}")->GetResult(), 0);
 
     runner.idsOut = {L"a", L"b"};
-    call = CallJson(L"GetMethodSetIds", "{}");
-    EXPECT_EQ(call->GetResult(), 0);
-    EXPECT_EQ(*call->response(), Parse(R"({"ids": ["a", "b"]})"));
+    Expect(L"GetMethodSetIds", "{}", 0, R"({"ids": ["a", "b"]})");
 
-    call = CallJson(L"UpdateMethods", "{\"methods\": [" + std::string(kMethod2) + "]}");
-    EXPECT_EQ(call->GetResult(), 0);
+    Expect(L"UpdateMethods", "{\"methods\": [" + std::string(kMethod2) + "]}", 0);
     EXPECT_TRUE(runner.received().methodSets == qv::List<Method>{MethodOf(kMethod2)});
     EXPECT_EQ(runner.Calls(), (std::vector<std::string>{"SetMethod", "GetMethodSet", "GetMethodSet", "DeleteMethodSet",
                                                          "DeleteAllMethodSets", "GetMethodSetIds", "UpdateMethods"}));
@@ -147,10 +132,7 @@ TEST_F(DispatchTest, SettingsAndSwitchCommands) {
     InitAndStart();
     runner.settingsOut.minEvalTime = 2;
     runner.settingsOut.maxPostponeTime = 30;
-    auto call = CallJson(L"GetSettings", "{}");
-    EXPECT_EQ(call->GetResult(), 0);
-    EXPECT_EQ(call->response()->toStyledString(),
-              Parse(R"({"settings": {"minEvalTime": 2, "maxPostponeTime": 30}})").toStyledString());
+    Expect(L"GetSettings", "{}", 0, R"({"settings": {"minEvalTime": 2, "maxPostponeTime": 30}})");
 
     EXPECT_EQ(CallJson(L"SetSettings", R"({"settings": {"minEvalTime": 1, "maxPostponeTime": 9}})")->GetResult(), 0);
     EXPECT_EQ(runner.received().settings.minEvalTime, 1u);
@@ -161,88 +143,52 @@ TEST_F(DispatchTest, SettingsAndSwitchCommands) {
     EXPECT_TRUE(runner.received().enabled);
 
     runner.enabledOut = true;
-    call = CallJson(L"IsEnabled", "{}");
-    EXPECT_EQ(call->GetResult(), 0);
-    EXPECT_EQ(*call->response(), Parse(R"({"enabled": true})"));
+    Expect(L"IsEnabled", "{}", 0, R"({"enabled": true})");
     runner.SetStatus("IsEnabled", 21);
-    EXPECT_EQ(*CallJson(L"IsEnabled", "{}")->response(), Json::Value(Json::objectValue));
+    Expect(L"IsEnabled", "{}", 21);
 }
-
-// Requests that must be refused before the runner is called.
-struct BadRequest {
-    const wchar_t* method;
-    std::optional<std::string> request;  // nullopt: the call has no request at all
-};
 
 TEST_F(DispatchTest, UnreadableRequestsAreRefusedWithoutCallingTheRunner) {
     const std::string badUtf8 = "\"x\xC3\x28y\"";
-    const std::string rule = kRule1;
+    const std::string rule = kRule1, method = kMethod2;
     const std::string ruleBadId = R"({"id": )" + badUtf8 + R"(, "displayName": "d", "methodSetId": "m", "matchIf": {}})";
-    const std::string method = kMethod2;
     const std::string methodBadName = R"({"id": "m", "displayName": )" + badUtf8 + R"(, "methods": []})";
-    const std::vector<BadRequest> cases = {
-        {L"SetRules", std::nullopt},
-        {L"SetRules", "{}"},
-        {L"SetRules", R"({"rules": {}})"},
-        {L"SetRules", R"({"rules": [{"id": "r", "displayName": "d", "methodSetId": "m"}]})"},
-        {L"SetRules", "{\"rules\": [" + rule + ", 7]}"},
-        {L"SetRules", "{\"rules\": [" + ruleBadId + "]}"},
-        {L"SetMethodSet", std::nullopt},
-        {L"SetMethodSet", R"({"id": "m", "displayName": "d"})"},
-        {L"SetMethodSet", R"({"id": 1, "displayName": "d", "methods": []})"},
-        {L"SetMethodSet", R"({"id": "m", "displayName": "d", "methods": [], "context": null})"},
-        {L"SetMethodSet", methodBadName},
-        {L"SetMethodSet", "[1]"},
-        {L"GetMethodSet", std::nullopt},
-        {L"GetMethodSet", "{}"},
-        {L"GetMethodSet", R"({"id": 3})"},
-        {L"GetMethodSet", "{\"id\": " + badUtf8 + "}"},
-        {L"DeleteMethodSet", std::nullopt},
-        {L"DeleteMethodSet", R"({"ids": "m"})"},
-        {L"DeleteMethodSet", R"({"id": ["m"]})"},
-        {L"DeleteMethodSet", "{\"id\": " + badUtf8 + "}"},
-        {L"DeleteAllMethodSets", std::nullopt},
-        {L"GetMethodSetIds", std::nullopt},
-        {L"GetRules", std::nullopt},
-        {L"GetSettings", std::nullopt},
-        {L"SetSettings", std::nullopt},
-        {L"SetSettings", R"({"settings": {"minEvalTime": 1}})"},
-        {L"SetSettings", R"({"settings": {"maxPostponeTime": 1}})"},
-        {L"SetSettings", R"({"settings": {"minEvalTime": "1", "maxPostponeTime": 1}})"},
-        {L"SetSettings", R"({"settings": {"minEvalTime": -1, "maxPostponeTime": 1}})"},
-        {L"SetSettings", R"({"minEvalTime": 1, "maxPostponeTime": 1})"},
-        {L"UpdateRulesAndMethods", std::nullopt},
-        {L"UpdateRulesAndMethods", "{\"rules\": [" + rule + "]}"},
-        {L"UpdateRulesAndMethods", "{\"methods\": [" + method + "]}"},
-        {L"UpdateRulesAndMethods", "{\"rules\": [" + rule + "], \"methods\": {}}"},
-        {L"UpdateRulesAndMethods", "{\"rules\": [" + ruleBadId + "], \"methods\": [" + method + "]}"},
-        {L"UpdateRulesAndMethods", "{\"rules\": [" + rule + "], \"methods\": [" + methodBadName + "]}"},
-        {L"UpdateMethods", std::nullopt},
-        {L"UpdateMethods", "{}"},
-        {L"UpdateMethods", R"({"methods": "m"})"},
-        {L"UpdateMethods", "{\"methods\": [" + methodBadName + "]}"},
-        {L"SetEnabled", std::nullopt},
-        {L"SetEnabled", "{}"},
-        {L"SetEnabled", R"({"enabled": 1})"},
-        {L"SetEnabled", R"({"enabled": "true"})"},
-        {L"IsEnabled", std::nullopt},
+    // Per command, the requests it refuses; every command also refuses a call without request.
+    const std::map<std::wstring, std::vector<std::string>> cases = {
+        {L"SetRules", {"{}", R"({"rules": {}})", R"({"rules": [{"id": "r", "displayName": "d", "methodSetId": "m"}]})",
+                       "{\"rules\": [" + rule + ", 7]}", "{\"rules\": [" + ruleBadId + "]}"}},
+        {L"SetMethodSet", {R"({"id": "m", "displayName": "d"})", R"({"id": 1, "displayName": "d", "methods": []})",
+                           R"({"id": "m", "displayName": "d", "methods": [], "context": null})", methodBadName, "[1]"}},
+        {L"GetMethodSet", {"{}", R"({"id": 3})", "{\"id\": " + badUtf8 + "}"}},
+        {L"DeleteMethodSet", {R"({"ids": "m"})", R"({"id": ["m"]})", "{\"id\": " + badUtf8 + "}"}},
+        {L"DeleteAllMethodSets", {}}, {L"GetMethodSetIds", {}}, {L"GetRules", {}}, {L"GetSettings", {}},
+        {L"SetSettings", {R"({"settings": {"minEvalTime": 1}})", R"({"settings": {"maxPostponeTime": 1}})",
+                          R"({"settings": {"minEvalTime": "1", "maxPostponeTime": 1}})",
+                          R"({"settings": {"minEvalTime": -1, "maxPostponeTime": 1}})",
+                          R"({"minEvalTime": 1, "maxPostponeTime": 1})"}},
+        {L"UpdateRulesAndMethods", {"{\"rules\": [" + rule + "]}", "{\"methods\": [" + method + "]}",
+                                    "{\"rules\": [" + rule + "], \"methods\": {}}",
+                                    "{\"rules\": [" + ruleBadId + "], \"methods\": [" + method + "]}",
+                                    "{\"rules\": [" + rule + "], \"methods\": [" + methodBadName + "]}"}},
+        {L"UpdateMethods", {"{}", R"({"methods": "m"})", "{\"methods\": [" + methodBadName + "]}"}},
+        {L"SetEnabled", {"{}", R"({"enabled": 1})", R"({"enabled": "true"})"}},
+        {L"IsEnabled", {}},
     };
+    ASSERT_EQ(cases.size(), 13u);  // every command
     InitAndStart();
-    for (const BadRequest& c : cases) {
-        const std::string shown = c.request.value_or("(no request)");
-        log.Clear();
-        auto call = c.request ? Call(c.method, Parse(*c.request)) : Call(c.method, std::nullopt);
-        EXPECT_EQ(call->GetResult(), 160) << shown;
-        EXPECT_TRUE(log.Contains(8, kRunPolicyMethod, std::wstring(c.method) + L" - input validation failed")) << shown;
-        EXPECT_EQ(*call->response(), Json::Value(Json::objectValue)) << shown;
+    for (const auto& [name, requests] : cases) {
+        std::vector<std::optional<std::string>> all{std::nullopt};
+        all.insert(all.end(), requests.begin(), requests.end());
+        for (const std::optional<std::string>& request : all) {
+            const std::string shown = os::WideToUtf8Lossy(name) + " " + request.value_or("(no request)");
+            log.Clear();
+            auto call = request ? Call(name.c_str(), Parse(*request)) : Call(name.c_str(), std::nullopt);
+            EXPECT_EQ(call->GetResult(), 160) << shown;
+            EXPECT_TRUE(log.Contains(8, kRunPolicyMethod, name + L" - input validation failed")) << shown;
+            EXPECT_EQ(*call->response(), Json::Value(Json::objectValue)) << shown;
+        }
     }
     EXPECT_TRUE(runner.Calls().empty());
-
-    // Every one of the 13 commands is covered, each at least without a request.
-    std::set<std::wstring> covered;
-    for (const BadRequest& c : cases)
-        if (!c.request) covered.insert(c.method);
-    EXPECT_EQ(covered.size(), 13u);
 }
 
 TEST_F(DispatchTest, AMissingMemberIsNamedBeforeTheRefusal) {

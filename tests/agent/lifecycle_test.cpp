@@ -91,46 +91,27 @@ TEST_F(LifecycleTest, NamesItselfAndTheModule) {
     EXPECT_EQ(agent->Configure(), 0);
 }
 
-// The built module, loaded from beside the test program as the host loads it.
-class LoadedModule {
-public:
-    LoadedModule()
-        : handle_(os::LoadModule(os::JoinPath(testing_support::ProgramDirectory(),
-                                              os::SharedLibraryFileName(L"ConditionalRunner")))) {
-        if (handle_) {
-            create_ = reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(handle_, "QvCreateObject"));
-            destroy_ = reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(handle_, "QvDestroyObject"));
-        }
-    }
-    ~LoadedModule() {
-        if (handle_) os::ReleaseModule(handle_);
-    }
-    bool ok() const { return create_ && destroy_; }
-    int32_t Create(const std::wstring& name, const GUID& iid, void** object) { return create_(name.c_str(), &iid, object); }
-    void Destroy(const std::wstring& name, void* object) { destroy_(name.c_str(), object); }
-
-private:
-    os::ModuleHandle handle_;
-    QvCreateObjectFn create_ = nullptr;
-    QvDestroyObjectFn destroy_ = nullptr;
-};
-
 TEST_F(LifecycleTest, TheModuleExportsTheAgentAsASingleton) {
-    LoadedModule module;
-    ASSERT_TRUE(module.ok());
+    // The built module, loaded from beside the test program as the host loads it.
+    const os::ModuleHandle module =
+        os::LoadModule(os::JoinPath(testing_support::ProgramDirectory(), os::SharedLibraryFileName(L"ConditionalRunner")));
+    ASSERT_NE(module, nullptr);
+    auto create = reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(module, "QvCreateObject"));
+    auto destroy = reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(module, "QvDestroyObject"));
+    ASSERT_TRUE(create && destroy);
     const std::wstring name = qv::names::AgentName();
     ASSERT_EQ(name, L"Product.ConditionalRunner.Agent");
     void* first = nullptr;
     void* second = nullptr;
-    ASSERT_EQ(module.Create(name, EnterpriseIntegration::IAgent::iid, &first), 0);
-    ASSERT_EQ(module.Create(name, IServPlugin::iid, &second), 0);
+    ASSERT_EQ(create(name.c_str(), &EnterpriseIntegration::IAgent::iid, &first), 0);
+    ASSERT_EQ(create(name.c_str(), &IServPlugin::iid, &second), 0);
     auto* exported = static_cast<EnterpriseIntegration::IAgent*>(first);
     EXPECT_EQ(static_cast<IServPlugin*>(exported), static_cast<IServPlugin*>(second));
 
     void* none = reinterpret_cast<void*>(1);
-    EXPECT_EQ(module.Create(L"product.conditionalrunner.agent", EnterpriseIntegration::IAgent::iid, &none), 1168);
+    EXPECT_EQ(create(L"product.conditionalrunner.agent", &EnterpriseIntegration::IAgent::iid, &none), 1168);
     EXPECT_EQ(none, nullptr);
-    EXPECT_EQ(module.Create(name, IConditionalRunner::iid, &none), 1168);
+    EXPECT_EQ(create(name.c_str(), &IConditionalRunner::iid, &none), 1168);
 
     // The exported object works through the host like any other instance.
     ASSERT_EQ(exported->Init(host.main()), 0);
@@ -144,13 +125,14 @@ TEST_F(LifecycleTest, TheModuleExportsTheAgentAsASingleton) {
     exported->Stop();
     exported->Uninit();
 
-    module.Destroy(name, second);
+    destroy(name.c_str(), second);
     // Still alive after one give-back: a new request returns the same object.
     void* third = nullptr;
-    ASSERT_EQ(module.Create(name, EnterpriseIntegration::IAgent::iid, &third), 0);
+    EXPECT_EQ(create(name.c_str(), &EnterpriseIntegration::IAgent::iid, &third), 0);
     EXPECT_EQ(third, first);
-    module.Destroy(name, third);
-    module.Destroy(name, first);
+    destroy(name.c_str(), third);
+    destroy(name.c_str(), first);
+    os::ReleaseModule(module);
 }
 
 }  // namespace

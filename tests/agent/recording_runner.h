@@ -75,40 +75,27 @@ public:
     int32_t BeginTransaction() override { return Record("BeginTransaction"); }
     int32_t EndTransaction() override { return Record("EndTransaction"); }
     int32_t SetRules(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors) override {
-        const int32_t status = Record("SetRules", [&](Received& r) { r.rules = Copy(rules); });
-        errorsOut.ForEach([&](const RuleError& e) { errors.AddTail(e); });
-        return status;
+        Append(errorsOut, errors);
+        return Record("SetRules", [&](Received& r) { r.rules = Copy(rules); });
     }
-    int32_t GetRules(qv::IList<Rule>& rules) override {
-        const int32_t status = Record("GetRules");
-        rulesOut.ForEach([&](const Rule& rule) { rules.AddTail(rule); });
-        return status;
-    }
+    int32_t GetRules(qv::IList<Rule>& rules) override { Append(rulesOut, rules); return Record("GetRules"); }
     int32_t SetMethod(const Method& methodSet, bool signal) override {
-        return Record("SetMethod", [&](Received& r) {
-            r.methodSet = methodSet;
-            r.signal = signal;
-        });
+        return Record("SetMethod", [&](Received& r) { r.methodSet = methodSet; r.signal = signal; });
     }
     int32_t GetMethodSet(const std::wstring& id, Method& methodSet) override {
-        const int32_t status = Record("GetMethodSet", [&](Received& r) { r.id = id; });
         methodSet = methodSetOut;
-        return status;
+        return Record("GetMethodSet", [&](Received& r) { r.id = id; });
     }
     int32_t DeleteMethodSet(const std::wstring& id) override {
         return Record("DeleteMethodSet", [&](Received& r) { r.id = id; });
     }
     int32_t DeleteAllMethodSets() override { return Record("DeleteAllMethodSets"); }
     int32_t GetMethodSetIds(qv::IList<std::wstring>& ids) override {
-        const int32_t status = Record("GetMethodSetIds");
-        idsOut.ForEach([&](const std::wstring& id) { ids.AddTail(id); });
-        return status;
+        Append(idsOut, ids);
+        return Record("GetMethodSetIds");
     }
     int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets) override {
-        return Record("UpdateRulesAndMethods", [&](Received& r) {
-            r.rules = Copy(rules);
-            r.methodSets = Copy(methodSets);
-        });
+        return Record("UpdateRulesAndMethods", [&](Received& r) { r.rules = Copy(rules); r.methodSets = Copy(methodSets); });
     }
     int32_t UpdateMethods(const qv::IList<Method>& methodSets) override {
         return Record("UpdateMethods", [&](Received& r) { r.methodSets = Copy(methodSets); });
@@ -116,19 +103,11 @@ public:
     int32_t SetEnabled(bool enabled) override {
         return Record("SetEnabled", [&](Received& r) { r.enabled = enabled; });
     }
-    int32_t IsEnabled(bool& enabled) override {
-        const int32_t status = Record("IsEnabled");
-        enabled = enabledOut;
-        return status;
-    }
+    int32_t IsEnabled(bool& enabled) override { enabled = enabledOut; return Record("IsEnabled"); }
     int32_t Subscribe(IEvents* events, int32_t flags) override {
-        std::lock_guard lock(mutex_);
-        calls_.push_back("Subscribe");
-        listener = events;
-        subscribeFlags.push_back(flags);
-        return 0;
+        return Record("Subscribe", [&](Received&) { listener = events; subscribeFlags.push_back(flags); });
     }
-    int32_t Unsubscribe(IEvents* events, int32_t flags) override {
+    int32_t Unsubscribe(IEvents* events, int32_t) override {
         std::lock_guard lock(mutex_);
         calls_.push_back("Unsubscribe");
         if (events != listener) return 1627;
@@ -141,20 +120,21 @@ private:
     template <class T>
     static qv::List<T> Copy(const qv::IList<T>& list) {
         qv::List<T> copy;
-        list.ForEach([&](const T& v) { copy.AddTail(v); });
+        Append(list, copy);
         return copy;
     }
+    template <class T>
+    static void Append(const qv::IList<T>& from, qv::IList<T>& to) {
+        from.ForEach([&](const T& v) { to.AddTail(v); });
+    }
 
-    template <class Fn>
-    int32_t Record(const std::string& operation, Fn keep) {
+    template <class Fn = void (*)(Received&)>
+    int32_t Record(const std::string& operation, Fn keep = [](Received&) {}) {
         std::lock_guard lock(mutex_);
         calls_.push_back(operation);
         keep(received_);
         auto it = statuses_.find(operation);
         return it == statuses_.end() ? 0 : it->second;
-    }
-    int32_t Record(const std::string& operation) {
-        return Record(operation, [](Received&) {});
     }
 
     mutable std::mutex mutex_;

@@ -33,15 +33,11 @@ TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
     std::atomic<bool> running{true};
     std::atomic<int> queries{0};
     std::vector<std::thread> threads;
-    for (size_t i = 0; i < names.size(); ++i) {
+    // One writer per switch, and two more that share "c.b".
+    for (size_t i = 0; i < names.size() + 2; ++i) {
         threads.emplace_back([&, i] {
-            for (int n = 0; n < kFlips; ++n) bench.board.Set(names[i], (n + i) % 2 == 0);
-        });
-    }
-    // Two more writers share one switch.
-    for (int w = 0; w < 2; ++w) {
-        threads.emplace_back([&, w] {
-            for (int n = 0; n < kFlips; ++n) bench.board.Set(L"c.b", (n + w) % 3 == 0);
+            const bool shared = i >= names.size();
+            for (int n = 0; n < kFlips; ++n) bench.board.Set(names[shared ? 1 : i], (n + i) % (shared ? 3 : 2) == 0);
         });
     }
     std::vector<std::thread> readers;
@@ -57,10 +53,7 @@ TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
     for (auto& t : threads) t.join();
 
     // Final switch values: a, b, c true and d false make the tree true.
-    bench.board.Set(L"c.a", true);
-    bench.board.Set(L"c.b", true);
-    bench.board.Set(L"c.c", true);
-    bench.board.Set(L"c.d", false);
+    for (const auto& name : names) bench.board.Set(name, name != L"c.d");
     bench.Settle();
     running = false;
     for (auto& t : readers) t.join();

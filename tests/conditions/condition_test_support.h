@@ -3,16 +3,20 @@
 // the manager needs (network provider stand-in, agent client notifications),
 // a manager that also knows two test-only condition types, a switch board
 // that drives the test leaves, and a recorder of notifications.
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <vector>
 
+#include <json/reader.h>
 #include <json/value.h>
 
 #include "conditions/condition_base.h"
@@ -21,59 +25,63 @@
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
+#include "model/json_composed_serializer.h"
 
 namespace condition_testing {
 
 using namespace Product::Integration::ConditionManager;
 
-constexpr auto kPatience = std::chrono::seconds(10);
-
-Json::Value ParseJson(const std::string& text);
+inline Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors))
+        ADD_FAILURE() << "bad test JSON: " << errors << "\n" << text;
+    return value;
+}
 
 class ConditionTestSwitch;
 
 // Named boolean switches that test leaves ("test.Switch") follow. A host
 // service, so that the leaves receive it through the manager's injection.
-struct ISwitchBoard : IQvBaseInterface {
-    static constexpr GUID iid = qv::MakeGuid(0x0D7A31E6, 0x4F2B, 0x4C18, 0x8E57, 0xA9C3F01B6D24);
-    virtual bool Value(const std::wstring& name) = 0;
-    virtual void Attach(ConditionTestSwitch* leaf) = 0;
-    virtual void Detach(ConditionTestSwitch* leaf) = 0;
-    virtual void CountRecompute(const std::wstring& name) = 0;
-    // Status that recomputing a leaf of `name` fails with (0: none).
-    virtual int Error(const std::wstring& name) = 0;
-
-protected:
-    ~ISwitchBoard() = default;
-};
-
-// Thread rule: Set may be called from several threads at once; each leaf
-// re-reads the switch under its own lock, so it ends on the last value set.
-class SwitchBoard final : public ISwitchBoard {
+// Set may be called from several threads at once; each leaf re-reads the
+// switch under its own lock, so it ends on the last value set.
+class SwitchBoard final : public IQvBaseInterface {
 public:
+    static constexpr GUID iid = qv::MakeGuid(0x0D7A31E6, 0x4F2B, 0x4C18, 0x8E57, 0xA9C3F01B6D24);
     static constexpr const wchar_t* kName = L"Test.SwitchBoard";
 
-    void* QueryInterface(const GUID& iid) override;
-    bool Value(const std::wstring& name) override;
-    void Attach(ConditionTestSwitch* leaf) override;
-    void Detach(ConditionTestSwitch* leaf) override;
-    void CountRecompute(const std::wstring& name) override;
-    int Error(const std::wstring& name) override;
-
-    // Makes GetState(…, true) of the leaves of `name` fail with `status`.
-    void SetError(const std::wstring& name, int status);
+    void* QueryInterface(const GUID& id) override {
+        return qv::GuidEquals(id, IQvBaseInterface::iid) || qv::GuidEquals(id, iid) ? this : nullptr;
+    }
+    bool Value(const std::wstring& name) { std::lock_guard l(valueMutex_); return values_[name]; }
+    // Status that recomputing a leaf of `name` fails with (0: none).
+    int Error(const std::wstring& name) { std::lock_guard l(valueMutex_); return errors_[name]; }
+    void SetError(const std::wstring& name, int status) { std::lock_guard l(valueMutex_); errors_[name] = status; }
+    // GetState(…, true) calls received by leaves following `name`.
+    int Recomputes(const std::wstring& name) { std::lock_guard l(valueMutex_); return recomputes_[name]; }
+    void CountRecompute(const std::wstring& name) { std::lock_guard l(valueMutex_); ++recomputes_[name]; }
     // Sets the switch and lets every leaf following it catch up, on the
     // calling thread. Returns the last leaf notification's status (0 if none).
-    int Set(const std::wstring& name, bool value);
-    // GetState(…, true) calls received by leaves following `name`.
-    int Recomputes(const std::wstring& name);
-    size_t AttachedLeaves();
+    inline int Set(const std::wstring& name, bool value);
+
+    void Attach(ConditionTestSwitch* leaf) {
+        std::unique_lock lock(leavesMutex_);
+        leaves_.push_back(leaf);
+    }
+    void Detach(ConditionTestSwitch* leaf) {
+        std::unique_lock lock(leavesMutex_);
+        leaves_.erase(std::remove(leaves_.begin(), leaves_.end(), leaf), leaves_.end());
+    }
+    size_t AttachedLeaves() {
+        std::shared_lock lock(leavesMutex_);
+        return leaves_.size();
+    }
 
 private:
     std::mutex valueMutex_;
     std::map<std::wstring, bool> values_;
-    std::map<std::wstring, int> recomputes_;
-    std::map<std::wstring, int> errors_;
+    std::map<std::wstring, int> recomputes_, errors_;
     std::shared_mutex leavesMutex_;  // shared while delivering, exclusive to change the list
     std::vector<ConditionTestSwitch*> leaves_;
 };
@@ -82,10 +90,10 @@ private:
 
 namespace Product::Integration::ConditionManager {
 template <>
-struct DependencyTraits<condition_testing::ISwitchBoard> {
+struct DependencyTraits<condition_testing::SwitchBoard> {
     static constexpr DependencySource source = DependencySource::kHost;
     static constexpr const wchar_t* name = condition_testing::SwitchBoard::kName;
-    static const GUID& Iid() { return condition_testing::ISwitchBoard::iid; }
+    static const GUID& Iid() { return condition_testing::SwitchBoard::iid; }
 };
 }  // namespace Product::Integration::ConditionManager
 
@@ -93,23 +101,56 @@ namespace condition_testing {
 
 // "test.Switch": follows the switch "data"."name" of the injected board.
 // "data"."failWith" (optional) makes Init fail with that status.
-class ConditionTestSwitch final : public ConditionBaseWithDepends<ConditionBase, ISwitchBoard> {
+class ConditionTestSwitch final : public ConditionBaseWithDepends<ConditionBase, SwitchBoard> {
 public:
     static constexpr const wchar_t* kType = L"test.Switch";
+    static inline std::atomic<int> live{0};     // objects in existence
+    static inline std::atomic<int> uninits{0};  // Uninit calls
 
     ConditionTestSwitch() { ++live; }
-    ~ConditionTestSwitch() override;
+    // No Uninit here: the tests rely on the factory's deleter calling it.
+    ~ConditionTestSwitch() override { --live; }
 
-    int Init(const InitData& data) override;
-    void Uninit() override;
-    int GetState(bool* state, bool recompute) override;
-
+    int Init(const InitData& data) override {
+        ConditionBase::Init(data);
+        SwitchBoard* board = Dependency<SwitchBoard>();
+        if (!board) return qv::status::kDependencyNotFound;
+        const Json::Value& parameters = DataOf(data.json);
+        if (!qv::JsonComposedSerializer::Load(parameters, L"name", name_)) return qv::status::kInvalidParameter;
+        if (parameters.isMember("failWith")) return parameters["failWith"].asInt();
+        {
+            std::lock_guard lock(lock_);
+            state_ = board->Value(name_);
+        }
+        board->Attach(this);
+        attached_ = true;
+        return 0;
+    }
+    void Uninit() override {
+        if (attached_) Dependency<SwitchBoard>()->Detach(this);
+        attached_ = false;
+        ++uninits;
+    }
+    int GetState(bool* state, bool recompute) override {
+        std::lock_guard lock(lock_);
+        if (recompute) {
+            SwitchBoard* board = Dependency<SwitchBoard>();
+            board->CountRecompute(name_);
+            if (const int status = board->Error(name_); status != 0) return status;
+            state_ = board->Value(name_);
+        }
+        *state = state_;
+        return 0;
+    }
     // Re-reads the switch; notifies when the value changed.
-    int Apply();
+    int Apply() {
+        std::lock_guard lock(lock_);
+        const bool value = Dependency<SwitchBoard>()->Value(name_);
+        if (value == state_) return 0;
+        state_ = value;
+        return NotifyChanged(value);
+    }
     const std::wstring& name() const { return name_; }
-
-    static std::atomic<int> live;     // objects in existence
-    static std::atomic<int> uninits;  // Uninit calls
 
 private:
     std::mutex lock_;
@@ -118,21 +159,42 @@ private:
     bool attached_ = false;
 };
 
+int SwitchBoard::Set(const std::wstring& name, bool value) {
+    {
+        std::lock_guard l(valueMutex_);
+        values_[name] = value;
+    }
+    std::shared_lock lock(leavesMutex_);
+    int status = 0;
+    for (ConditionTestSwitch* leaf : leaves_)
+        if (leaf->name() == name) status = leaf->Apply();
+    return status;
+}
+
 // "test.NeedsUserManager": declares the host's user manager; its Init fails
 // with 5002 when it was not injected.
 class ConditionNeedsUserManager final
     : public ConditionBaseWithDepends<ConditionBase, Product::UserManager::IUserManager> {
 public:
     static constexpr const wchar_t* kType = L"test.NeedsUserManager";
-    int Init(const InitData& data) override;
-    int GetState(bool* state, bool) override;
+    int Init(const InitData& data) override {
+        ConditionBase::Init(data);
+        return Dependency<Product::UserManager::IUserManager>() ? 0 : qv::status::kDependencyNotFound;
+    }
+    int GetState(bool* state, bool) override { return *state = true, 0; }
 };
 
 // The module's manager plus the test types, and "test.NoFactory", an entry
 // without a factory function.
 class TestManager final : public Manager {
 protected:
-    int32_t InitFactory() override;
+    int32_t InitFactory() override {
+        const int32_t status = Manager::InitFactory();
+        AddToFactory<ConditionTestSwitch>();
+        AddToFactory<ConditionNeedsUserManager>();
+        AddFactoryEntry(L"test.NoFactory", FactoryEntry{});
+        return status;
+    }
 };
 
 // Records notifications; answers each with `status`. Any thread.
@@ -144,12 +206,29 @@ public:
     };
     explicit Recorder(int status = 0) : status_(status) {}
 
-    int OnStateChanged(bool state, size_t conditionId) override;
-    std::vector<Notification> Notifications() const;
-    std::vector<bool> States() const;
-    size_t Count() const;
+    int OnStateChanged(bool state, size_t conditionId) override {
+        {
+            std::lock_guard lock(mutex_);
+            notifications_.push_back({state, conditionId});
+        }
+        changed_.notify_all();
+        return status_;
+    }
+    std::vector<Notification> Notifications() const {
+        std::lock_guard lock(mutex_);
+        return notifications_;
+    }
+    std::vector<bool> States() const {
+        std::vector<bool> states;
+        for (const Notification& n : Notifications()) states.push_back(n.state);
+        return states;
+    }
+    size_t Count() const { return Notifications().size(); }
     // Waits (real time) until at least `count` notifications arrived.
-    bool WaitForCount(size_t count, std::chrono::milliseconds patience = kPatience) const;
+    bool WaitForCount(size_t count, std::chrono::milliseconds patience = std::chrono::seconds(10)) const {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, patience, [&] { return notifications_.size() >= count; });
+    }
 
 private:
     mutable std::mutex mutex_;
@@ -159,23 +238,34 @@ private:
 };
 
 // A fake user manager to register in the host.
-class FakeUserManager final : public Product::UserManager::IUserManager {
-public:
-    void* QueryInterface(const GUID& iid) override;
+struct FakeUserManager final : Product::UserManager::IUserManager {
+    void* QueryInterface(const GUID& iid) override {
+        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IUserManager::iid)
+                   ? static_cast<IUserManager*>(this)
+                   : nullptr;
+    }
 };
 
-// Host, services and an initialised manager. Trees built with it must be
-// destroyed before it.
+// Host, services and (unless told not to) an initialised manager. Trees built
+// with it must be destroyed before it. With `manualClock` the host's queues
+// follow a hand-driven clock.
 class Bench {
 public:
-    // With `manualClock` the host's queues follow a hand-driven clock.
-    explicit Bench(bool manualClock = true, bool initManager = true);
-    ~Bench();
+    explicit Bench(bool manualClock = true, bool initManager = true) : host(manualClock) {
+        host.components().Register(host::NetworkProviderStandIn::kName, &provider);
+        host.components().Register(host::AgentClientNotifications::kName, &agentClient);
+        host.components().Register(SwitchBoard::kName, &board);
+        if (initManager) EXPECT_EQ(manager.Init(host.main()), 0);
+    }
+    ~Bench() { manager.Uninit(); }
 
     // Builds a tree from JSON text through the manager.
-    ConditionPtr Create(const std::string& json, int* error = nullptr, size_t id = 0);
+    ConditionPtr Create(const std::string& json, int* error = nullptr, size_t id = 0) {
+        int ignored = 0;
+        return manager.CreateCondition(ParseJson(json), error ? error : &ignored, id);
+    }
     // Waits until the host's queues have run everything that is due.
-    void Settle();
+    void Settle() { EXPECT_TRUE(host.queues().WaitIdle()); }
 
     host::ReferenceHost host;
     host::NetworkProviderStandIn provider;
@@ -185,6 +275,10 @@ public:
 };
 
 // The state of `condition` (cached or recomputed); fails the test on error.
-bool StateOf(ICondition& condition, bool recompute = false);
+inline bool StateOf(ICondition& condition, bool recompute = false) {
+    bool state = false;
+    EXPECT_EQ(condition.GetState(&state, recompute), 0);
+    return state;
+}
 
 }  // namespace condition_testing

@@ -32,19 +32,31 @@ protected:
     Recorder recorder;
 };
 
-TEST_F(OvraConnected, StartsFromTheCurrentConnectionWithoutNotifying) {
+// Both wishes start from the current connection without notifying; an
+// unknown connection counts as not connected, also for a new condition.
+TEST_F(OvraConnected, StartsFromTheCurrentConnectionAndTakesUnknownAsNotConnected) {
     ConditionPtr wantConnected = bench.Create(Connected(true));
     ConditionPtr wantDisconnected = bench.Create(Connected(false));
     ASSERT_NE(wantConnected, nullptr);
     ASSERT_NE(wantDisconnected, nullptr);
     EXPECT_TRUE(StateOf(*wantConnected));
     EXPECT_FALSE(StateOf(*wantDisconnected));
-    wantConnected->Subscribe(&recorder);
-    Advance(60000);
-    EXPECT_EQ(recorder.Count(), 0u);
     EXPECT_TRUE(capture.Contains(logging::kTrace,
                                  L"Product::Integration::ConditionManager::ConditionisOvraConnected::Init",
                                  L"Condition isOvraConnected initial state 1"));
+    wantConnected->Subscribe(&recorder);
+    Advance(60000);
+    EXPECT_EQ(recorder.Count(), 0u);
+
+    bench.agentClient.SetConnectionState(std::nullopt);
+    EXPECT_FALSE(StateOf(*wantConnected, true));
+    EXPECT_TRUE(StateOf(*wantDisconnected, true));
+    Advance(20000);
+    EXPECT_EQ(recorder.States(), std::vector<bool>{false});
+    EXPECT_TRUE(StateOf(*wantDisconnected));
+    ConditionPtr late = bench.Create(Connected(false));
+    ASSERT_NE(late, nullptr);
+    EXPECT_TRUE(StateOf(*late));
     wantConnected->Unsubscribe(&recorder);
 }
 
@@ -87,24 +99,6 @@ TEST_F(OvraConnected, EachReportRestartsTheWaitAndTheLastValueIsDeliveredEvenIfU
     Advance(20000);
     EXPECT_EQ(recorder.States(), (std::vector<bool>{true, true}));
     condition->Unsubscribe(&recorder);
-}
-
-TEST_F(OvraConnected, AnUnknownConnectionCountsAsNotConnected) {
-    ConditionPtr wantConnected = bench.Create(Connected(true));
-    ConditionPtr wantDisconnected = bench.Create(Connected(false));
-    ASSERT_NE(wantConnected, nullptr);
-    ASSERT_NE(wantDisconnected, nullptr);
-    bench.agentClient.SetConnectionState(std::nullopt);
-    EXPECT_FALSE(StateOf(*wantConnected, true));
-    EXPECT_TRUE(StateOf(*wantDisconnected, true));
-    Advance(20000);
-    EXPECT_FALSE(StateOf(*wantConnected));
-    EXPECT_TRUE(StateOf(*wantDisconnected));
-
-    // Created while the state is unknown.
-    ConditionPtr late = bench.Create(Connected(false));
-    ASSERT_NE(late, nullptr);
-    EXPECT_TRUE(StateOf(*late));
 }
 
 TEST_F(OvraConnected, RequiresABooleanConnectedMember) {

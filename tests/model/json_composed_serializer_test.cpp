@@ -96,11 +96,14 @@ TEST(JsonLoad, ReadsEachTypeAndLogsTheMemberItMisses) {
     EXPECT_TRUE(JsonComposedSerializer::Load(doc, L"u", u));
     EXPECT_TRUE(JsonComposedSerializer::Load(doc, L"b", b));
     EXPECT_TRUE(JsonComposedSerializer::Load(doc, L"t", t));
-    EXPECT_EQ(s, L"text");
-    EXPECT_EQ(i, -5);
-    EXPECT_EQ(u, 7u);
-    EXPECT_TRUE(b);
-    EXPECT_EQ(t, doc["t"]);
+    const auto expectLoaded = [&] {
+        EXPECT_EQ(s, L"text");
+        EXPECT_EQ(i, -5);
+        EXPECT_EQ(u, 7u);
+        EXPECT_TRUE(b);
+        EXPECT_EQ(t, doc["t"]);
+    };
+    expectLoaded();
     EXPECT_TRUE(log.Lines().empty());
 
     // Mistyped or absent: false, output untouched, one line naming the path.
@@ -110,11 +113,7 @@ TEST(JsonLoad, ReadsEachTypeAndLogsTheMemberItMisses) {
     EXPECT_FALSE(JsonComposedSerializer::Load(doc, L"u", b));  // numbers are not bools
     EXPECT_FALSE(JsonComposedSerializer::Load(doc, L"n", t));  // null counts as absent
     EXPECT_FALSE(JsonComposedSerializer::Load(doc, L"t/k[0]", t));
-    EXPECT_EQ(s, L"text");
-    EXPECT_EQ(i, -5);
-    EXPECT_EQ(u, 7u);
-    EXPECT_TRUE(b);
-    EXPECT_EQ(t, doc["t"]);
+    expectLoaded();
     const auto lines = log.Lines();
     ASSERT_EQ(lines.size(), 6u);
     EXPECT_EQ(lines[0].level, 16);

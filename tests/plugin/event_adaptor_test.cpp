@@ -8,124 +8,85 @@
 
 namespace {
 
-struct IStateEvent {
-    virtual ~IStateEvent() = default;
-    virtual int OnStateChanged(bool state, size_t id) = 0;
-};
+using Log = std::vector<std::string>;
 
-struct INamedEvent {
-    virtual ~INamedEvent() = default;
+struct IEvents {
+    virtual ~IEvents() = default;
+    virtual int OnStateChanged(bool state, size_t id) = 0;
     virtual int OnName(std::string name) = 0;
     virtual int OnList(const std::vector<int>& values) = 0;
     virtual int OnPing() = 0;
 };
 
-struct Call {
-    int subscriber;
-    bool state;
-    size_t id;
-    bool operator==(const Call&) const = default;
-};
-
-class StateSubscriber : public IStateEvent {
-public:
-    StateSubscriber(int name, int status, std::vector<Call>& calls) : name_(name), status_(status), calls_(calls) {}
-    int OnStateChanged(bool state, size_t id) override {
-        calls_.push_back({name_, state, id});
-        return status_;
+// Notes each call as "<name>:<arguments>" in a shared log and returns `status`.
+struct Subscriber : IEvents {
+    Subscriber(std::string name, int status, Log& log) : name(std::move(name)), status(status), log(log) {}
+    int Note(const std::string& what) {
+        log.push_back(name + ":" + what);
+        return status;
     }
-
-private:
-    int name_;
-    int status_;
-    std::vector<Call>& calls_;
-};
-
-class NamedSubscriber : public INamedEvent {
-public:
-    explicit NamedSubscriber(int status) : status_(status) {}
-    int OnName(std::string name) override {
-        names.push_back(std::move(name));
-        return status_;
-    }
+    int OnStateChanged(bool state, size_t id) override { return Note(std::to_string(state) + "," + std::to_string(id)); }
+    int OnName(std::string text) override { return Note(text); }
     int OnList(const std::vector<int>& values) override {
         lists.push_back(&values);
-        return status_;
+        return status;
     }
-    int OnPing() override {
-        ++pings;
-        return status_;
-    }
+    int OnPing() override { return Note("ping"); }
 
-    std::vector<std::string> names;
+    std::string name;
+    int status;
+    Log& log;
     std::vector<const std::vector<int>*> lists;
-    int pings = 0;
-
-private:
-    int status_;
 };
 
-using StateNotifier =
-    qv::Event<qv::MemberFunction_2_args<IStateEvent, int, bool, size_t, &IStateEvent::OnStateChanged>>;
+using Subscribers = qv::SynchronyzedObjectContainer<IEvents*>;
 
 }  // namespace
 
-TEST(EventAdaptor, WithoutSubscribersNobodyIsCalledAndTheResultIsZero) {
-    qv::SynchronyzedObjectContainer<IStateEvent*> subscribers;
-    StateNotifier notifier(subscribers);
+TEST(EventAdaptor, CallsEverySubscriberInOrderAndReturnsTheLastStatusOrZeroForNone) {
+    Subscribers subscribers;
+    qv::Event<qv::MemberFunction_2_args<IEvents, int, bool, size_t, &IEvents::OnStateChanged>> notifier(subscribers);
+    Log log;
+    Subscriber failing("1", 1627, log), succeeding("2", 0, log), failingLast("3", 21, log);
     EXPECT_EQ(notifier(true, 4), 0);
-}
-
-TEST(EventAdaptor, CallsEverySubscriberInOrderAndReturnsTheLastStatus) {
-    qv::SynchronyzedObjectContainer<IStateEvent*> subscribers;
-    StateNotifier notifier(subscribers);
-    std::vector<Call> calls;
-    StateSubscriber failing(1, 1627, calls), succeeding(2, 0, calls), failingLast(3, 21, calls);
+    EXPECT_TRUE(log.empty());
 
     ASSERT_EQ(subscribers.Add(&failing), 0);
     ASSERT_EQ(subscribers.Add(&succeeding), 0);
     EXPECT_EQ(notifier(true, 7), 0) << "an earlier failure is overridden by the last subscriber";
-    EXPECT_EQ(calls, (std::vector<Call>{{1, true, 7}, {2, true, 7}}));
+    EXPECT_EQ(log, (Log{"1:1,7", "2:1,7"}));
 
     ASSERT_EQ(subscribers.Add(&failingLast), 0);
-    calls.clear();
+    log.clear();
     EXPECT_EQ(notifier.Fire(false, 2), 21);
-    EXPECT_EQ(calls, (std::vector<Call>{{1, false, 2}, {2, false, 2}, {3, false, 2}}));
-
-    ASSERT_EQ(subscribers.Remove(&succeeding), 0);
-    ASSERT_EQ(subscribers.Add(&succeeding), 0);
-    calls.clear();
-    EXPECT_EQ(notifier(true, 0), 0);
-    EXPECT_EQ(calls, (std::vector<Call>{{1, true, 0}, {3, true, 0}, {2, true, 0}}));
+    EXPECT_EQ(log, (Log{"1:0,2", "2:0,2", "3:0,2"}));
 }
 
 TEST(EventAdaptor, EverySubscriberGetsTheSameArguments) {
-    qv::SynchronyzedObjectContainer<INamedEvent*> subscribers;
-    NamedSubscriber first(0), second(5);
+    Subscribers subscribers;
+    Log log;
+    Subscriber first("1", 0, log), second("2", 5, log);
     ASSERT_EQ(subscribers.Add(&first), 0);
     ASSERT_EQ(subscribers.Add(&second), 0);
 
     // A by-value argument is copied for each subscriber, never moved away
     // before the later ones see it.
-    qv::Event<qv::MemberFunction_1_args<INamedEvent, int, std::string, &INamedEvent::OnName>> named(subscribers);
-    EXPECT_EQ(named(std::string("a name long enough to live on the heap")), 5);
-    EXPECT_EQ(first.names, std::vector<std::string>{"a name long enough to live on the heap"});
-    EXPECT_EQ(second.names, first.names);
+    const std::string text = "a name long enough to live on the heap";
+    qv::Event<qv::MemberFunction_1_args<IEvents, int, std::string, &IEvents::OnName>> named(subscribers);
+    EXPECT_EQ(named(std::string(text)), 5);
+    EXPECT_EQ(log, (Log{"1:" + text, "2:" + text}));
 
     // A reference argument reaches every subscriber as the same object.
-    qv::Event<qv::MemberFunction_1_args<INamedEvent, int, const std::vector<int>&, &INamedEvent::OnList>> listed(
-        subscribers);
+    qv::Event<qv::MemberFunction_1_args<IEvents, int, const std::vector<int>&, &IEvents::OnList>> listed(subscribers);
     const std::vector<int> values{1, 2, 3};
     EXPECT_EQ(listed(values), 5);
-    ASSERT_EQ(first.lists.size(), 1u);
-    ASSERT_EQ(second.lists.size(), 1u);
-    EXPECT_EQ(first.lists[0], &values);
-    EXPECT_EQ(second.lists[0], &values);
+    EXPECT_EQ(first.lists, std::vector<const std::vector<int>*>{&values});
+    EXPECT_EQ(second.lists, first.lists);
 
-    qv::Event<qv::MemberFunction_0_args<INamedEvent, int, &INamedEvent::OnPing>> ping(subscribers);
+    log.clear();
+    qv::Event<qv::MemberFunction_0_args<IEvents, int, &IEvents::OnPing>> ping(subscribers);
     EXPECT_EQ(ping(), 5);
     ASSERT_EQ(subscribers.Remove(&second), 0);
     EXPECT_EQ(ping(), 0);
-    EXPECT_EQ(first.pings, 2);
-    EXPECT_EQ(second.pings, 1);
+    EXPECT_EQ(log, (Log{"1:ping", "2:ping", "1:ping"}));
 }

@@ -4,14 +4,15 @@
 // to release it, and see which steps are still blocked.
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "os/thread_id.h"
 
@@ -19,85 +20,13 @@ namespace lock_testing {
 
 constexpr auto kPatience = std::chrono::seconds(10);
 
-class ThreadActor {
-public:
-    ThreadActor() : thread_([this] { Run(); }) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return id_ != 0; });
-    }
-
-    // Waits for all posted steps. A step still blocked after the test's
-    // patience means the code under test never released it: the program
-    // aborts then, rather than hang until the test runner's time limit.
-    ~ThreadActor() {
-        auto finished = Post({});
-        if (finished.wait_for(kPatience) != std::future_status::ready) {
-            std::fflush(stdout);
-            std::fprintf(stderr, "ThreadActor: a step is still blocked at the end of the test\n");
-            std::abort();
-        }
-        thread_.join();
-    }
-
-    ThreadActor(const ThreadActor&) = delete;
-    ThreadActor& operator=(const ThreadActor&) = delete;
-
-    // The operating system id of the actor's thread.
-    uint32_t id() const noexcept { return id_; }
-
-    // Runs `step` on the actor's thread after the steps posted before it. An
-    // empty step ends the thread. Exceptions reach the future.
-    std::future<void> Post(std::function<void()> step) {
-        const bool last = !step;
-        std::packaged_task<void()> task(last ? std::function<void()>([] {}) : std::move(step));
-        auto future = task.get_future();
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            steps_.push_back({std::move(task), last});
-        }
-        changed_.notify_all();
-        return future;
-    }
-
-private:
-    struct Step {
-        std::packaged_task<void()> task;
-        bool last;
-    };
-
-    void Run() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            id_ = os::CurrentThreadId();
-        }
-        changed_.notify_all();
-        for (;;) {
-            Step step;
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                changed_.wait(lock, [this] { return !steps_.empty(); });
-                step = std::move(steps_.front());
-                steps_.pop_front();
-            }
-            step.task();
-            if (step.last) return;
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Step> steps_;
-    uint32_t id_ = 0;
-    std::thread thread_;
-};
-
 // True when `future` finishes within the test's patience.
-inline bool Finishes(std::future<void>& future) {
+inline bool Finishes(const std::future<void>& future) {
     return future.wait_for(kPatience) == std::future_status::ready;
 }
 
 // True when `future` has not finished yet.
-inline bool Pending(std::future<void>& future) {
+inline bool Pending(const std::future<void>& future) {
     return future.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
 }
 
@@ -111,5 +40,53 @@ bool Eventually(Predicate predicate) {
     }
     return true;
 }
+
+class ThreadActor {
+public:
+    ThreadActor() { Do([this] { id_ = os::CurrentThreadId(); }); }
+
+    // Waits for all posted steps. A step still blocked after the test's
+    // patience means the code under test never released it: the program
+    // aborts then, rather than hang until the test runner's time limit.
+    ~ThreadActor() {
+        if (!Finishes(Post([] {}))) std::fputs("ThreadActor: a step is still blocked\n", stderr), std::abort();
+        Post({});  // ends the thread
+        thread_.join();
+    }
+
+    // The operating system id of the actor's thread.
+    uint32_t id() const noexcept { return id_; }
+
+    // Runs `step` on the actor's thread after the steps posted before it (an
+    // empty step ends the thread). Exceptions reach the future.
+    std::future<void> Post(std::function<void()> step) {
+        const bool last = !step;
+        std::lock_guard<std::mutex> lock(mutex_);
+        steps_.emplace_back(last, std::packaged_task<void()>(std::move(step)));
+        changed_.notify_all();
+        return steps_.back().second.get_future();
+    }
+    // Posts `step` and waits for it; rethrows its exception.
+    void Do(std::function<void()> step) { Post(std::move(step)).get(); }
+
+private:
+    void Run() {
+        for (;;) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return !steps_.empty(); });
+            auto [last, task] = std::move(steps_.front());
+            steps_.pop_front();
+            lock.unlock();
+            if (last) return;
+            task();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::pair<bool, std::packaged_task<void()>>> steps_;  // (ends the thread, step)
+    uint32_t id_ = 0;
+    std::thread thread_{[this] { Run(); }};
+};
 
 }  // namespace lock_testing
