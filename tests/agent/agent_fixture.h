@@ -14,17 +14,13 @@
 #include "host/reference_host.h"
 #include "recording_runner.h"
 #include "support/log_capture.h"
+#include "support/module_under_test.h"
 
 namespace agent_test {
 
 using Product::Integration::ConditionalRunner::ConditionalRunnerAgent;
 
-inline Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << text;
-    return value;
-}
+inline Json::Value Parse(const std::string& text) { return testing_support::ParseJson(text); }
 
 class AgentTest : public ::testing::Test {
 protected:

@@ -93,12 +93,10 @@ TEST_F(LifecycleTest, NamesItselfAndTheModule) {
 
 TEST_F(LifecycleTest, TheModuleExportsTheAgentAsASingleton) {
     // The built module, loaded from beside the test program as the host loads it.
-    const os::ModuleHandle module =
-        os::LoadModule(os::JoinPath(testing_support::ProgramDirectory(), os::SharedLibraryFileName(L"ConditionalRunner")));
-    ASSERT_NE(module, nullptr);
-    auto create = reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(module, "QvCreateObject"));
-    auto destroy = reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(module, "QvDestroyObject"));
-    ASSERT_TRUE(create && destroy);
+    testing_support::LoadedModule module;
+    ASSERT_TRUE(module.Loaded());
+    const QvCreateObjectFn create = module.create;
+    const QvDestroyObjectFn destroy = module.destroy;
     const std::wstring name = qv::names::AgentName();
     ASSERT_EQ(name, L"Product.ConditionalRunner.Agent");
     void* first = nullptr;
@@ -132,7 +130,6 @@ TEST_F(LifecycleTest, TheModuleExportsTheAgentAsASingleton) {
     EXPECT_EQ(third, first);
     destroy(name.c_str(), third);
     destroy(name.c_str(), first);
-    os::ReleaseModule(module);
 }
 
 }  // namespace

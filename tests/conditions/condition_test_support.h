@@ -26,19 +26,13 @@
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "model/json_composed_serializer.h"
+#include "support/module_under_test.h"
 
 namespace condition_testing {
 
 using namespace Product::Integration::ConditionManager;
 
-inline Json::Value ParseJson(const std::string& text) {
-    Json::Value value;
-    std::string errors;
-    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-        ADD_FAILURE() << "bad test JSON: " << errors << "\n" << text;
-    return value;
-}
+inline Json::Value ParseJson(const std::string& text) { return testing_support::ParseJson(text); }
 
 class ConditionTestSwitch;
 
@@ -255,7 +249,9 @@ public:
         host.components().Register(host::NetworkProviderStandIn::kName, &provider);
         host.components().Register(host::AgentClientNotifications::kName, &agentClient);
         host.components().Register(SwitchBoard::kName, &board);
-        if (initManager) EXPECT_EQ(manager.Init(host.main()), 0);
+        if (initManager) {
+            EXPECT_EQ(manager.Init(host.main()), 0);
+        }
     }
     ~Bench() { manager.Uninit(); }
 

@@ -201,12 +201,10 @@ TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
 
 // Through the built module's exports, as the host reaches it.
 TEST(ManagerExport, TheModuleExportsTheConditionManagerAsASingleton) {
-    const os::ModuleHandle module =
-        os::LoadModule(os::JoinPath(testing_support::ProgramDirectory(), os::SharedLibraryFileName(L"ConditionalRunner")));
-    ASSERT_NE(module, nullptr);
-    auto create = reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(module, "QvCreateObject"));
-    auto destroy = reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(module, "QvDestroyObject"));
-    ASSERT_TRUE(create && destroy);
+    testing_support::LoadedModule module;
+    ASSERT_TRUE(module.Loaded());
+    const QvCreateObjectFn create = module.create;
+    const QvDestroyObjectFn destroy = module.destroy;
     {
         const std::wstring name = qv::names::kConditionManager;
         void* managerPart = nullptr;
@@ -232,7 +230,6 @@ TEST(ManagerExport, TheModuleExportsTheConditionManagerAsASingleton) {
         destroy(name.c_str(), plugin->QueryInterface(IQvBaseInterface::iid));
         destroy(name.c_str(), managerPart);
     }
-    os::ReleaseModule(module);
 }
 
 }  // namespace

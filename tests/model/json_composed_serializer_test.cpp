@@ -4,18 +4,14 @@
 
 #include "model/json_composed_serializer.h"
 #include "support/log_capture.h"
+#include "support/module_under_test.h"
 
 using qv::JsonComposedSerializer;
 using testing_support::LogCapture;
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << text;
-    return value;
-}
+Json::Value Parse(const std::string& text) { return testing_support::ParseJson(text); }
 
 const wchar_t* kLoad = L"JsonComposedSerializer::Load";
 

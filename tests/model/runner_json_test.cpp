@@ -6,6 +6,7 @@
 
 #include "model/runner_json.h"
 #include "support/log_capture.h"
+#include "support/module_under_test.h"
 
 using namespace Product::Integration::ConditionalRunner;
 using namespace Product::Integration::ConditionalRunner::JsonForms;
@@ -13,12 +14,7 @@ using testing_support::LogCapture;
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << text;
-    return value;
-}
+Json::Value Parse(const std::string& text) { return testing_support::ParseJson(text); }
 
 // Writes through JSON text and parses it again, as a request or a stored document would travel.
 Json::Value ThroughText(const Json::Value& value) { return Parse(value.toStyledString()); }

@@ -9,25 +9,11 @@
 #include "plugin/module_names.h"
 #include "qv/serv_plugin.h"
 #include "support/log_capture.h"
+#include "support/module_under_test.h"
 
 namespace {
 
-class LoadedModule {
-public:
-    explicit LoadedModule(const std::wstring& directory)
-        : handle_(os::LoadModule(os::JoinPath(directory, os::SharedLibraryFileName(L"ConditionalRunner")))) {
-        create = reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(handle_, "QvCreateObject"));
-        destroy = reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(handle_, "QvDestroyObject"));
-    }
-    ~LoadedModule() { os::ReleaseModule(handle_); }
-    bool Loaded() const { return handle_ && create && destroy; }
-
-    QvCreateObjectFn create = nullptr;
-    QvDestroyObjectFn destroy = nullptr;
-
-private:
-    os::ModuleHandle handle_;
-};
+using testing_support::LoadedModule;
 
 // Asks the agent to initialise without a host: it fails with 5002 after
 // logging "Null component manager".
@@ -44,7 +30,7 @@ int32_t InitAgentWithoutHost(LoadedModule& module) {
 
 TEST(ModuleLogging, WritesThroughTheLibraryBesideIt) {
     testing_support::LogCapture capture;
-    LoadedModule module(testing_support::ProgramDirectory());
+    LoadedModule module;
     ASSERT_TRUE(module.Loaded());
     EXPECT_EQ(InitAgentWithoutHost(module), 5002);
     EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",

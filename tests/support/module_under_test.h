@@ -1,0 +1,46 @@
+#pragma once
+// Helpers shared by the test programs: JSON documents written inline, and the
+// built module loaded by path and reached only through its two exports, as
+// the host reaches it.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <json/reader.h>
+
+#include "os/module.h"
+#include "plugin/module_exports.h"
+#include "support/log_capture.h"
+
+namespace testing_support {
+
+// Parses test JSON; a malformed document fails the calling test.
+inline Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    Json::Reader reader;
+    if (!reader.parse(text, value)) ADD_FAILURE() << "bad test JSON: " << reader.getFormattedErrorMessages() << text;
+    return value;
+}
+
+// The module library in `directory` (by default beside the test program).
+class LoadedModule {
+public:
+    explicit LoadedModule(const std::wstring& directory = ProgramDirectory())
+        : handle_(os::LoadModule(os::JoinPath(directory, os::SharedLibraryFileName(L"ConditionalRunner")))),
+          create(reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(handle_, "QvCreateObject"))),
+          destroy(reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(handle_, "QvDestroyObject"))) {}
+    ~LoadedModule() { os::ReleaseModule(handle_); }
+    LoadedModule(const LoadedModule&) = delete;
+    LoadedModule& operator=(const LoadedModule&) = delete;
+
+    bool Loaded() const { return handle_ && create && destroy; }
+
+private:
+    os::ModuleHandle handle_;
+
+public:
+    const QvCreateObjectFn create;
+    const QvDestroyObjectFn destroy;
+};
+
+}  // namespace testing_support
