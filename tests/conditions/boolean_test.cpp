@@ -61,6 +61,26 @@ TEST(BooleanAndOr, NotifyOnlyWhenTheResultChanges) {
     }
 }
 
+// The state after Init counts the children that are already true, and is
+// not notified.
+TEST(BooleanAndOr, InitialStateCountsChildrenAlreadyTrue) {
+    Bench bench;
+    bench.board.Set(L"i.a", true);
+    bench.board.Set(L"i.b", true);
+    ConditionPtr both = bench.Create(Combine("boolean.AND", {Switch("i.a"), Switch("i.b")}));
+    ConditionPtr either = bench.Create(Combine("boolean.OR", {Switch("i.c"), Switch("i.a")}));
+    ConditionPtr notAll = bench.Create(Combine("boolean.AND", {Switch("i.a"), Switch("i.c")}));
+    ASSERT_TRUE(both && either && notAll);
+    EXPECT_TRUE(StateOf(*both));
+    EXPECT_TRUE(StateOf(*either));
+    EXPECT_FALSE(StateOf(*notAll));
+    Recorder recorder;
+    both->Subscribe(&recorder);
+    bench.Settle();
+    EXPECT_EQ(recorder.Count(), 0u);
+    both->Unsubscribe(&recorder);
+}
+
 TEST(BooleanNot, ForwardsEveryChildNotificationAtOnce) {
     Bench bench;
     ConditionPtr tree = bench.Create(Not(Switch("not.a")));
