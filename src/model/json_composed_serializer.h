@@ -14,6 +14,8 @@
 //
 // All text is wide inside the module and UTF-8 in JSON; text that is not valid
 // UTF-8 reads as a failure.
+//
+// Stateless: callable from any thread; callers guard the values they pass.
 #include <cstdint>
 #include <string>
 #include <string_view>

@@ -1,6 +1,7 @@
 #pragma once
 // Scope object that logs "-> name()" on entry and "<- name() [ms]" on exit,
-// on every exit path.
+// on every exit path. Lives on the stack of the traced operation, on whatever
+// thread runs it; writes nothing while no holder keeps the logging façade alive.
 #include <cstdint>
 
 namespace logging {

@@ -1,5 +1,6 @@
 #pragma once
-// The module's only two exports.
+// The module's only two exports. Callable from any host thread at once: the
+// registry serialises lookups, creation and give-back.
 #include <cstdint>
 
 #include "qv/guid.h"
