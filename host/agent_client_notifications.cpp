@@ -1,11 +1,8 @@
 #include "host/agent_client_notifications.h"
 
-#include <algorithm>
 
 namespace host {
 namespace {
-constexpr int32_t kInvalidParameter = 87;
-constexpr int32_t kFunctionFailed = 1627;
 }  // namespace
 
 void* AgentClientNotifications::QueryInterface(const GUID& iid) {
@@ -20,19 +17,13 @@ std::optional<bool> AgentClientNotifications::GetEcsConnectionState() {
 }
 
 int32_t AgentClientNotifications::RegisterEcsNotifications(IEcsNotifications* subscriber) {
-    if (!subscriber) return kInvalidParameter;
     std::lock_guard lock(mutex_);
-    if (std::find(subscribers_.begin(), subscribers_.end(), subscriber) != subscribers_.end()) return kFunctionFailed;
-    subscribers_.push_back(subscriber);
-    return 0;
+    return subscribers_.Add(subscriber);
 }
 
 int32_t AgentClientNotifications::UnregisterEcsNotifications(IEcsNotifications* subscriber) {
     std::lock_guard lock(mutex_);
-    auto it = std::find(subscribers_.begin(), subscribers_.end(), subscriber);
-    if (it == subscribers_.end()) return kFunctionFailed;
-    subscribers_.erase(it);
-    return 0;
+    return subscribers_.Remove(subscriber);
 }
 
 size_t AgentClientNotifications::SetConnectionState(std::optional<bool> state) {
@@ -52,16 +43,7 @@ size_t AgentClientNotifications::SubscriberCount() const {
 }
 
 size_t AgentClientNotifications::DeliverLocked(std::optional<bool> state) {
-    // Walks a copy, so that a subscriber may (un)register while called; one
-    // that left meanwhile is skipped.
-    const std::vector<IEcsNotifications*> subscribers = subscribers_;
-    size_t called = 0;
-    for (IEcsNotifications* subscriber : subscribers) {
-        if (std::find(subscribers_.begin(), subscribers_.end(), subscriber) == subscribers_.end()) continue;
-        subscriber->OnEcsConnected(state);
-        ++called;
-    }
-    return called;
+    return subscribers_.ForEachStillSubscribed([&](IEcsNotifications* s) { s->OnEcsConnected(state); });
 }
 
 }  // namespace host

@@ -15,6 +15,8 @@
 #include <optional>
 #include <vector>
 
+#include "host/subscriber_list.h"
+
 #include "qv/ovra_notifications.h"
 
 namespace host {
@@ -49,7 +51,7 @@ private:
 
     mutable std::recursive_mutex mutex_;
     std::optional<bool> state_;
-    std::vector<IEcsNotifications*> subscribers_;
+    SubscriberList<IEcsNotifications> subscribers_;
 };
 
 }  // namespace host

@@ -1,10 +1,8 @@
 #include "host/network_provider_standin.h"
 
-#include <algorithm>
 
 namespace host {
 namespace {
-constexpr int32_t kInvalidParameter = 87;
 constexpr int32_t kFunctionFailed = 1627;
 }  // namespace
 
@@ -31,32 +29,17 @@ int32_t NetworkProviderStandIn::GetState(Product::Integration::NetworkState&) { 
 
 int32_t NetworkProviderStandIn::Subscribe(IEvents* subscriber) {
     std::lock_guard lock(mutex_);
-    if (!subscriber) return kInvalidParameter;
-    if (std::find(subscribers_.begin(), subscribers_.end(), subscriber) != subscribers_.end()) return kFunctionFailed;
-    subscribers_.push_back(subscriber);
-    return 0;
+    return subscribers_.Add(subscriber);
 }
 
 int32_t NetworkProviderStandIn::Unsubscribe(IEvents* subscriber) {
     std::lock_guard lock(mutex_);
-    auto it = std::find(subscribers_.begin(), subscribers_.end(), subscriber);
-    if (it == subscribers_.end()) return kFunctionFailed;
-    subscribers_.erase(it);
-    return 0;
+    return subscribers_.Remove(subscriber);
 }
 
 size_t NetworkProviderStandIn::NotifySubscribers() {
     std::lock_guard lock(mutex_);
-    // Walks a copy, so that a subscriber may leave (on this thread) while
-    // notified; one that left is skipped.
-    const std::vector<IEvents*> subscribers = subscribers_;
-    size_t called = 0;
-    for (IEvents* subscriber : subscribers) {
-        if (std::find(subscribers_.begin(), subscribers_.end(), subscriber) == subscribers_.end()) continue;
-        subscriber->OnNetworkStateChanged();
-        ++called;
-    }
-    return called;
+    return subscribers_.ForEachStillSubscribed([](IEvents* s) { s->OnNetworkStateChanged(); });
 }
 
 size_t NetworkProviderStandIn::SubscriberCount() const {

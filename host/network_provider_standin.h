@@ -15,6 +15,8 @@
 #include <mutex>
 #include <vector>
 
+#include "host/subscriber_list.h"
+
 #include "src/network/network_provider_interface.h"
 
 namespace host {
@@ -46,7 +48,7 @@ public:
 
 private:
     mutable std::recursive_mutex mutex_;  // a subscriber may read the state while notified
-    std::vector<IEvents*> subscribers_;
+    SubscriberList<IEvents> subscribers_;
     int starts_ = 0;
 };
 

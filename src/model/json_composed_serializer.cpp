@@ -107,6 +107,18 @@ const Json::Value* JsonComposedSerializer::LoadNode(const Json::Value& root, con
     return node;
 }
 
+// Reads a scalar whose JSON type `is` accepts, converting it with `as`.
+template <class T, class Is, class As>
+bool JsonComposedSerializer::LoadScalar(const Json::Value& root, const std::wstring& path, T& out, Is is, As as) {
+    const Json::Value* node = Find(root, path);
+    if (node && (node->*is)()) {
+        out = (node->*as)();
+        return true;
+    }
+    LogMissing(path);
+    return false;
+}
+
 bool JsonComposedSerializer::Load(const Json::Value& root, const std::wstring& path, std::wstring& out) {
     const Json::Value* node = Find(root, path);
     const char* begin = nullptr;
@@ -122,33 +134,15 @@ bool JsonComposedSerializer::Load(const Json::Value& root, const std::wstring& p
 }
 
 bool JsonComposedSerializer::Load(const Json::Value& root, const std::wstring& path, int32_t& out) {
-    const Json::Value* node = Find(root, path);
-    if (node && node->isInt()) {
-        out = node->asInt();
-        return true;
-    }
-    LogMissing(path);
-    return false;
+    return LoadScalar(root, path, out, &Json::Value::isInt, &Json::Value::asInt);
 }
 
 bool JsonComposedSerializer::Load(const Json::Value& root, const std::wstring& path, uint32_t& out) {
-    const Json::Value* node = Find(root, path);
-    if (node && node->isUInt()) {
-        out = node->asUInt();
-        return true;
-    }
-    LogMissing(path);
-    return false;
+    return LoadScalar(root, path, out, &Json::Value::isUInt, &Json::Value::asUInt);
 }
 
 bool JsonComposedSerializer::Load(const Json::Value& root, const std::wstring& path, bool& out) {
-    const Json::Value* node = Find(root, path);
-    if (node && node->isBool()) {
-        out = node->asBool();
-        return true;
-    }
-    LogMissing(path);
-    return false;
+    return LoadScalar(root, path, out, &Json::Value::isBool, &Json::Value::asBool);
 }
 
 bool JsonComposedSerializer::Load(const Json::Value& root, const std::wstring& path, Json::Value& out) {

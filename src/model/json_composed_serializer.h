@@ -62,6 +62,10 @@ public:
 
     // "%s[%i]": the path of element `index` of the array at `arrayPath`.
     static std::wstring ElementPath(const std::wstring& arrayPath, int index);
+
+private:
+    template <class T, class Is, class As>
+    static bool LoadScalar(const Json::Value& root, const std::wstring& path, T& out, Is is, As as);
 };
 
 }  // namespace qv
