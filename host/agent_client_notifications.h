@@ -24,7 +24,7 @@ namespace host {
 class AgentClientNotifications final : public Endpoint::Ovra::Notifications::IOvraClientWithNotifications {
 public:
     using IEcsNotifications = Endpoint::Ovra::Notifications::IEcsNotifications;
-    static constexpr const wchar_t* kName = L"Ovra.Client.Notifications";
+    static constexpr const wchar_t* kName = IOvraClientWithNotifications::kPluginName;
 
     // Starts with `initial` (unknown by default) and no subscribers.
     explicit AgentClientNotifications(std::optional<bool> initial = std::nullopt) : state_(initial) {}

@@ -1,4 +1,4 @@
-#include "agent_manager.h"
+#include "host/agent_manager.h"
 
 #include <algorithm>
 

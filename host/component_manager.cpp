@@ -1,4 +1,6 @@
-#include "component_manager.h"
+#include "host/component_manager.h"
+
+#include "qv/status.h"
 
 namespace host {
 
@@ -43,9 +45,9 @@ int32_t ComponentManager::GetPlugin(const wchar_t* name, const GUID& iid, void**
     if (!name) return 87;
     std::lock_guard lock(mutex_);
     auto it = plugins_.find(name);
-    if (it == plugins_.end() || !it->second.object) return kNotFound;
+    if (it == plugins_.end() || !it->second.object) return qv::status::kNotFound;
     void* found = it->second.object->QueryInterface(iid);
-    if (!found) return kNotFound;
+    if (!found) return qv::status::kNotFound;
     ++it->second.references;
     *out = found;
     return 0;

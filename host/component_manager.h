@@ -12,8 +12,6 @@ namespace host {
 
 class ComponentManager final : public IComponentManager {
 public:
-    static constexpr int32_t kNotFound = 1168;
-
     // Makes `object` available under `name` (not owned); replaces an earlier one.
     void Register(const std::wstring& name, IQvBaseInterface* object);
     void Unregister(const std::wstring& name);

@@ -3,16 +3,9 @@
 #include <system_error>
 #include <utility>
 
-namespace host {
+#include "qv/status.h"
 
-namespace {
-constexpr int32_t kSuccess = 0;
-constexpr int32_t kNotReady = 21;
-constexpr int32_t kInvalidParameter = 87;
-constexpr int32_t kNotFound = 1168;
-constexpr int32_t kTimeout = 1460;
-constexpr int32_t kCreateFailed = 1631;
-}  // namespace
+namespace host {
 
 // One client's view of a named worker. Its state is guarded by the service's
 // mutex; the object lives while the client holds it or an item posted through
@@ -68,7 +61,7 @@ EventQueueService::~EventQueueService() {
 
 int32_t EventQueueService::CreateQueue(const wchar_t* name, IEventQueue** queue) {
     if (queue) *queue = nullptr;
-    if (!name || !*name || !queue) return kInvalidParameter;
+    if (!name || !*name || !queue) return qv::status::kInvalidParameter;
     ReapRetired();
     std::lock_guard lock(mutex_);
     auto it = workers_.find(name);
@@ -80,7 +73,7 @@ int32_t EventQueueService::CreateQueue(const wchar_t* name, IEventQueue** queue)
             // The new thread blocks on mutex_ until this call returns.
             worker->thread = std::thread([this, raw] { WorkerLoop(*raw); });
         } catch (const std::system_error&) {
-            return kCreateFailed;
+            return qv::status::kCreateFailed;
         }
         worker->threadId = worker->thread.get_id();
         it = workers_.emplace(name, std::move(worker)).first;
@@ -89,7 +82,7 @@ int32_t EventQueueService::CreateQueue(const wchar_t* name, IEventQueue** queue)
     ++it->second->handles;
     handles_.emplace(handle.get(), handle);
     *queue = handle.get();
-    return kSuccess;
+    return qv::status::kSuccess;
 }
 
 int32_t EventQueueService::StopQueue(IEventQueue* queue) {
@@ -97,27 +90,27 @@ int32_t EventQueueService::StopQueue(IEventQueue* queue) {
     {
         std::lock_guard lock(mutex_);
         auto handle = FindHandle(queue);
-        if (!handle) return kInvalidParameter;
+        if (!handle) return qv::status::kInvalidParameter;
         handle->stopped_ = true;
         Handle* h = handle.get();
         TakePending(*handle->worker_, [h](const Pending& p) { return p.handle.get() == h; }, dropped);
     }
     ReleaseItems(dropped);
-    return kSuccess;
+    return qv::status::kSuccess;
 }
 
 int32_t EventQueueService::WaitQueue(IEventQueue* queue, uint32_t timeoutMs) {
     std::unique_lock lock(mutex_);
     auto handle = FindHandle(queue);
-    if (!handle) return kInvalidParameter;
+    if (!handle) return qv::status::kInvalidParameter;
     // On its own worker the only item that can be running is the caller.
-    if (handle->worker_->threadId == std::this_thread::get_id()) return kSuccess;
+    if (handle->worker_->threadId == std::this_thread::get_id()) return qv::status::kSuccess;
     auto done = [&handle] { return handle->active_ == 0; };
     if (timeoutMs == 0xFFFFFFFFu) {
         changed_.wait(lock, done);
-        return kSuccess;
+        return qv::status::kSuccess;
     }
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), done) ? kSuccess : kTimeout;
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), done) ? qv::status::kSuccess : qv::status::kTimeout;
 }
 
 int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
@@ -127,7 +120,7 @@ int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
     {
         std::lock_guard lock(mutex_);
         auto handle = FindHandle(queue);
-        if (!handle) return kInvalidParameter;
+        if (!handle) return qv::status::kInvalidParameter;
         Worker& worker = *handle->worker_;
         Handle* h = handle.get();
         TakePending(worker, [h](const Pending& p) { return p.handle.get() == h; }, dropped);
@@ -151,7 +144,7 @@ int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
     }
     ReleaseItems(dropped);
     if (joinNow) joinNow->thread.join();
-    return kSuccess;
+    return qv::status::kSuccess;
 }
 
 bool EventQueueService::WaitIdle(std::chrono::milliseconds realTimeout) {
@@ -172,60 +165,60 @@ size_t EventQueueService::PendingCount() const {
 }
 
 int32_t EventQueueService::CreateGroup(Handle& handle, EqGroupHandle* group) {
-    if (!group) return kInvalidParameter;
+    if (!group) return qv::status::kInvalidParameter;
     *group = 0;
     std::lock_guard lock(mutex_);
-    if (!handle.worker_) return kInvalidParameter;
-    if (handle.stopped_) return kNotReady;
+    if (!handle.worker_) return qv::status::kInvalidParameter;
+    if (handle.stopped_) return qv::status::kNotReady;
     *group = nextGroup_++;
     handle.groups_.insert(*group);
-    return kSuccess;
+    return qv::status::kSuccess;
 }
 
 int32_t EventQueueService::CancelGroup(Handle& handle, EqGroupHandle group, bool forget) {
     std::vector<EqWorkItem*> dropped;
     {
         std::lock_guard lock(mutex_);
-        if (!handle.worker_) return kInvalidParameter;
+        if (!handle.worker_) return qv::status::kInvalidParameter;
         auto it = handle.groups_.find(group);
-        if (it == handle.groups_.end()) return kNotFound;
+        if (it == handle.groups_.end()) return qv::status::kNotFound;
         if (forget) handle.groups_.erase(it);
         Handle* h = &handle;
         TakePending(*handle.worker_,
                     [h, group](const Pending& p) { return p.handle.get() == h && p.group == group; }, dropped);
     }
     ReleaseItems(dropped);
-    return kSuccess;
+    return qv::status::kSuccess;
 }
 
 int32_t EventQueueService::Cancel(Handle& handle, EqItemId id) {
     std::vector<EqWorkItem*> dropped;
     {
         std::lock_guard lock(mutex_);
-        if (!handle.worker_) return kInvalidParameter;
+        if (!handle.worker_) return qv::status::kInvalidParameter;
         Handle* h = &handle;
         TakePending(*handle.worker_, [h, id](const Pending& p) { return p.handle.get() == h && p.id == id; },
                     dropped);
     }
-    if (dropped.empty()) return kNotFound;
+    if (dropped.empty()) return qv::status::kNotFound;
     ReleaseItems(dropped);
-    return kSuccess;
+    return qv::status::kSuccess;
 }
 
 int32_t EventQueueService::Post(Handle& handle, const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs,
                                 EqWorkItem* item, EqGroupHandle group, EqItemId* id) {
     if (id) *id = 0;
-    if (!item) return kInvalidParameter;
-    int32_t status = kSuccess;
+    if (!item) return qv::status::kInvalidParameter;
+    int32_t status = qv::status::kSuccess;
     {
         std::lock_guard lock(mutex_);
         Worker* worker = handle.worker_;
         if (!worker || (queueName && worker->name != queueName)) {
-            status = kInvalidParameter;
+            status = qv::status::kInvalidParameter;
         } else if (handle.stopped_) {
-            status = kNotReady;
+            status = qv::status::kNotReady;
         } else if (group != 0 && !handle.groups_.count(group)) {
-            status = kInvalidParameter;
+            status = qv::status::kInvalidParameter;
         } else {
             auto self = handles_.find(&handle);
             Pending pending;
@@ -240,7 +233,7 @@ int32_t EventQueueService::Post(Handle& handle, const wchar_t* queueName, uint32
             worker->pending.emplace(key, std::move(pending));
             worker->wake.notify_one();
             changed_.notify_all();
-            return kSuccess;
+            return qv::status::kSuccess;
         }
     }
     ReleaseItems({item});

@@ -1,4 +1,4 @@
-#include "method_call.h"
+#include "host/method_call.h"
 
 namespace host {
 

@@ -1,10 +1,8 @@
 #include "host/network_provider_standin.h"
 
+#include "qv/status.h"
 
 namespace host {
-namespace {
-constexpr int32_t kFunctionFailed = 1627;
-}  // namespace
 
 void* NetworkProviderStandIn::QueryInterface(const GUID& iid) {
     if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, INetworkProvider::iid))
@@ -20,7 +18,7 @@ int32_t NetworkProviderStandIn::Start() {
 
 int32_t NetworkProviderStandIn::Stop() {
     std::lock_guard lock(mutex_);
-    if (starts_ == 0) return kFunctionFailed;
+    if (starts_ == 0) return qv::status::kFunctionFailed;
     --starts_;
     return 0;
 }

@@ -17,13 +17,13 @@
 
 #include "host/subscriber_list.h"
 
-#include "src/network/network_provider_interface.h"
+#include "network/network_provider_interface.h"
 
 namespace host {
 
 class NetworkProviderStandIn final : public Product::Integration::INetworkProvider {
 public:
-    static constexpr const wchar_t* kName = L"Product.ConditionalRunner.NetworkProvider";
+    static constexpr const wchar_t* kName = INetworkProvider::kPluginName;
 
     NetworkProviderStandIn() = default;
     ~NetworkProviderStandIn() = default;

@@ -13,7 +13,7 @@ namespace host {
 
 class ReferenceHost {
 public:
-    static constexpr const wchar_t* kAgentManagerName = L"EndpointIntegration.Manager";
+    static constexpr const wchar_t* kAgentManagerName = EnterpriseIntegration::IManager::kPluginName;
 
     // With `manualClock` the queues follow a ManualClock that the caller
     // advances; otherwise they follow the system's steady clock.

@@ -8,18 +8,17 @@
 #include <cstdint>
 #include <vector>
 
+#include "qv/status.h"
+
 namespace host {
 
 template <class T>
 class SubscriberList {
 public:
-    static constexpr int32_t kInvalidParameter = 87;
-    static constexpr int32_t kFunctionFailed = 1627;
-
     // 0; 87 for null; 1627 when already subscribed.
     int32_t Add(T* subscriber) {
-        if (!subscriber) return kInvalidParameter;
-        if (Contains(subscriber)) return kFunctionFailed;
+        if (!subscriber) return qv::status::kInvalidParameter;
+        if (Contains(subscriber)) return qv::status::kFunctionFailed;
         subscribers_.push_back(subscriber);
         return 0;
     }
@@ -27,7 +26,7 @@ public:
     // 0; 1627 when not subscribed.
     int32_t Remove(T* subscriber) {
         auto it = std::find(subscribers_.begin(), subscribers_.end(), subscriber);
-        if (it == subscribers_.end()) return kFunctionFailed;
+        if (it == subscribers_.end()) return qv::status::kFunctionFailed;
         subscribers_.erase(it);
         return 0;
     }

@@ -7,6 +7,8 @@
 namespace Product::ComputerManager {
 
 struct IComputerManager : IQvBaseInterface {
+    // The name the host offers it under.
+    static constexpr const wchar_t* kPluginName = L"Product.ComputerManager";
     // The identifier as the host writes it. Its first group has nine digits;
     // read as a number and narrowed to 32 bits it gives 0x472AB675, the value
     // the host uses.

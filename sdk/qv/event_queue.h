@@ -22,20 +22,20 @@ constexpr uint32_t kEqNoValue = 0xFFFFFFFFu;
 // A client's handle on one named queue. All operations are callable from any thread.
 struct IEventQueue {
     // Creates a group under which items can be cancelled together.
-    virtual int32_t CreateGroup(EqGroupHandle* group) = 0;
+    [[nodiscard]] virtual int32_t CreateGroup(EqGroupHandle* group) = 0;
     // Cancels (releases without running) every pending item of the group.
-    virtual int32_t CancelGroup(EqGroupHandle group) = 0;
+    [[nodiscard]] virtual int32_t CancelGroup(EqGroupHandle group) = 0;
     // Cancels the group's pending items and forgets the group.
-    virtual int32_t ReleaseGroup(EqGroupHandle group) = 0;
+    [[nodiscard]] virtual int32_t ReleaseGroup(EqGroupHandle group) = 0;
     // Removes one pending item; 1168 when it already ran or is unknown.
-    virtual int32_t Cancel(EqItemId id) = 0;
+    [[nodiscard]] virtual int32_t Cancel(EqItemId id) = 0;
     // Queues `item` on the worker named `queueName` (the handle's own name).
     // `delayMs` postpones it; `expireMs` (kEqNoValue: never) drops it, unrun,
     // when it could not start within that many milliseconds after becoming due.
     // `group` is one of this handle's groups, or 0 for none; *id (if given)
     // receives an identifier for Cancel. Takes ownership of `item` in every
     // case (released at once on failure).
-    virtual int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs,
+    [[nodiscard]] virtual int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs,
                          EqWorkItem* item, EqGroupHandle group, EqItemId* id) = 0;
 
 protected:
@@ -44,15 +44,15 @@ protected:
 
 struct IEventQueueFactory {
     // A handle on the worker named `name` (created on first use).
-    virtual int32_t CreateQueue(const wchar_t* name, IEventQueue** queue) = 0;
+    [[nodiscard]] virtual int32_t CreateQueue(const wchar_t* name, IEventQueue** queue) = 0;
     // After Stop the handle refuses posts and its pending items are released unrun.
-    virtual int32_t StopQueue(IEventQueue* queue) = 0;
+    [[nodiscard]] virtual int32_t StopQueue(IEventQueue* queue) = 0;
     // Waits until no item posted through the handle is running (timeout in ms,
     // 0xFFFFFFFF for none). Returns 0, or 1460 on time-out. Called from the
     // worker itself it does not wait for the item that is calling.
-    virtual int32_t WaitQueue(IEventQueue* queue, uint32_t timeoutMs) = 0;
+    [[nodiscard]] virtual int32_t WaitQueue(IEventQueue* queue, uint32_t timeoutMs) = 0;
     // Gives the handle back; the worker ends when its last handle is released.
-    virtual int32_t ReleaseQueue(IEventQueue* queue) = 0;
+    [[nodiscard]] virtual int32_t ReleaseQueue(IEventQueue* queue) = 0;
 
 protected:
     ~IEventQueueFactory() = default;

@@ -13,7 +13,7 @@ struct IMethodCall {
     virtual const wchar_t* GetAgentName() = 0;
     virtual const wchar_t* GetMethodName() = 0;  // may be null
     virtual const wchar_t* GetCallerName() = 0;
-    virtual int32_t GetResult() = 0;
+    [[nodiscard]] virtual int32_t GetResult() = 0;
     virtual Json::Value* GetRequest() = 0;   // null when the call has no request
     virtual Json::Value* GetResponse() = 0;  // null when the caller wants no response
     virtual void SetResult(int32_t status) = 0;
@@ -35,8 +35,8 @@ namespace EnterpriseIntegration {
 struct IAgent : IServPlugin {
     static constexpr GUID iid = qv::MakeGuid(0xFFA24485, 0xBAED, 0xAD79, 0xA343, 0x03320000D2E7);
 
-    virtual int32_t Configure() = 0;
-    virtual int32_t OnAttached() = 0;
+    [[nodiscard]] virtual int32_t Configure() = 0;
+    [[nodiscard]] virtual int32_t OnAttached() = 0;
     virtual void RunPolicyMethod(IMethodCall* call) = 0;
     virtual bool IsReady() = 0;
     virtual void GetNames(INameCollector* names) = 0;
@@ -44,7 +44,7 @@ struct IAgent : IServPlugin {
     virtual std::wstring& GetNameInto(std::wstring& name) = 0;
     virtual void OnSessionChange() = 0;
     virtual void OnPowerChange() = 0;
-    virtual int32_t OnIdle() = 0;
+    [[nodiscard]] virtual int32_t OnIdle() = 0;
 
 protected:
     ~IAgent() = default;
@@ -52,6 +52,8 @@ protected:
 
 // The host's agent manager ("EndpointIntegration.Manager").
 struct IManager : IQvBaseInterface {
+    // The name the host offers it under.
+    static constexpr const wchar_t* kPluginName = L"EndpointIntegration.Manager";
     static constexpr GUID iid = qv::MakeGuid(0x81FB569D, 0xDDC6, 0x474F, 0xA64C, 0x75F400002353);
 
     // Forwards an event to the console; true when accepted.
@@ -59,7 +61,7 @@ struct IManager : IQvBaseInterface {
     // The registered agent answering to `name`, or null.
     virtual IAgent* FindAgent(const wchar_t* name) = 0;
     virtual uint32_t GetAgentCount() = 0;
-    virtual bool RegisterAgent(IAgent* agent) = 0;
+    [[nodiscard]] virtual bool RegisterAgent(IAgent* agent) = 0;
     virtual bool UnregisterAgent(IAgent* agent) = 0;
 
 protected:

@@ -20,16 +20,18 @@ protected:
 };
 
 struct IOvraClientWithNotifications : IQvBaseInterface {
+    // The name the host offers it under.
+    static constexpr const wchar_t* kPluginName = L"Ovra.Client.Notifications";
     static constexpr GUID iid = qv::MakeGuid(0x3C1D5E27, 0x6A4B, 0x4F8E, 0x9D21, 0x7B5C0A94E3F6);
 
     // The current connection state; empty when unknown.
     virtual std::optional<bool> GetEcsConnectionState() = 0;
     // Adds a subscriber: 0, or 1627 when it is already registered.
-    virtual int32_t RegisterEcsNotifications(IEcsNotifications* subscriber) = 0;
+    [[nodiscard]] virtual int32_t RegisterEcsNotifications(IEcsNotifications* subscriber) = 0;
     // Removes a subscriber: 0, or 1627 when it was not registered. Once this
     // returns, the subscriber is not called any more (a report being delivered
     // to it on another thread has finished).
-    virtual int32_t UnregisterEcsNotifications(IEcsNotifications* subscriber) = 0;
+    [[nodiscard]] virtual int32_t UnregisterEcsNotifications(IEcsNotifications* subscriber) = 0;
 
 protected:
     ~IOvraClientWithNotifications() = default;

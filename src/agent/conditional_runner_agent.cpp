@@ -6,7 +6,7 @@
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "plugin/module_names.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionalRunner {
 namespace {
@@ -33,7 +33,9 @@ const ConditionalRunnerAgent::Command ConditionalRunnerAgent::kCommands[13] = {
 
 ConditionalRunnerAgent::ConditionalRunnerAgent() : Agent(qv::names::AgentName(), qv::names::kModule) {}
 
-ConditionalRunnerAgent::~ConditionalRunnerAgent() { Uninit(); }
+// Nothing to report to from a destructor: Uninit's status only repeats what
+// Stop and the release already did.
+ConditionalRunnerAgent::~ConditionalRunnerAgent() { static_cast<void>(Uninit()); }
 
 int32_t ConditionalRunnerAgent::Start() {
     logging::CallTrace trace(kStart);
@@ -47,15 +49,18 @@ int32_t ConditionalRunnerAgent::Start() {
     return 0;
 }
 
+// Stop reports nothing: the runner refuses an unsubscription only for an
+// agent it does not know, and either way the agent is no longer subscribed.
 int32_t ConditionalRunnerAgent::Stop() {
-    if (subscribed_ && plugin()) plugin()->Unsubscribe(static_cast<IEvents*>(this), 0);
+    if (subscribed_ && plugin()) static_cast<void>(plugin()->Unsubscribe(static_cast<IEvents*>(this), 0));
     subscribed_ = false;
     return AgentBase::Stop();
 }
 
 int32_t ConditionalRunnerAgent::Uninit() {
-    Stop();
-    return Agent::Uninit();
+    const int32_t stopped = Stop();
+    const int32_t released = Agent::Uninit();
+    return stopped != 0 ? stopped : released;
 }
 
 bool ConditionalRunnerAgent::IsReady() {

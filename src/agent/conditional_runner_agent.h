@@ -27,13 +27,13 @@ public:
 
     // 0; 1300 before Init obtained the runner; 1627 when the agent manager
     // refuses the registration. On success the agent subscribes to run reports.
-    int32_t Start() override;
+    [[nodiscard]] int32_t Start() override;
     // Unsubscribes from run reports and unregisters. Idempotent.
-    int32_t Stop() override;
+    [[nodiscard]] int32_t Stop() override;
     // Stops if still started, then gives back the plug-ins.
-    int32_t Uninit() override;
+    [[nodiscard]] int32_t Uninit() override;
 
-    int32_t Configure() override { return 0; }
+    [[nodiscard]] int32_t Configure() override { return 0; }
     // Dispatches one console call; always reports a status through SetResult.
     void RunPolicyMethod(IMethodCall* call) override;
     // False without the runner, or when the runner reports no connection
@@ -43,7 +43,7 @@ public:
     void GetNames(INameCollector* names) override;
 
     // One event per report; failures are logged, never returned (always 0).
-    int32_t OnMethodSetsRun(const qv::IList<IConditionalRunner::MethodRunData>& runs) override;
+    [[nodiscard]] int32_t OnMethodSetsRun(const qv::IList<IConditionalRunner::MethodRunData>& runs) override;
 
     // A command handler: false when the request is missing or unreadable
     // (the runner is then not called); true after SetResult with the runner's status.
@@ -79,7 +79,7 @@ private:
     };
     // Builds the event of one report and sends it: 0, or 87 (no agent
     // manager), 232 (empty report), 3 (payload not created), 1631 (refused).
-    int32_t SendMethodSetsRun(const std::vector<RunItem>& items);
+    [[nodiscard]] int32_t SendMethodSetsRun(const std::vector<RunItem>& items);
 
     bool subscribed_ = false;
 };

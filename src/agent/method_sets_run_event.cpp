@@ -7,7 +7,7 @@
 #include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionalRunner {
 namespace {

@@ -3,7 +3,7 @@
 #include "model/json_composed_serializer.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
 namespace {
@@ -11,31 +11,24 @@ constexpr const wchar_t* kAggregateInit = L"Product::Integration::ConditionManag
 constexpr const wchar_t* kCreateChildren =
     L"Product::Integration::ConditionManager::ConditionAggregate::CreateChildren";
 constexpr const wchar_t* kGetState = L"Product::Integration::ConditionManager::ConditionBooleanAndOr::GetState";
+constexpr const wchar_t* kOnStateChanged =
+    L"Product::Integration::ConditionManager::ConditionBooleanAndOr::OnStateChanged";
 constexpr const wchar_t* kUpdateState = L"Product::Integration::ConditionManager::ConditionBooleanAndOr::UpdateState";
 }  // namespace
 
-int ConditionAggregate::Accept(IConditionVisitor& visitor) {
+int32_t ConditionAggregate::Accept(IConditionVisitor& visitor) {
     visitor.Visit(*this);
     for (ConditionPtr& child : children_) child->Accept(visitor);
     return 0;
 }
 
-void ConditionAggregate::Inject(const GUID& iid, void* object) {
-    InjectDependency(iid, object);
-    if (qv::GuidEquals(iid, EvQueueWithName::iid) && object) {
-        queueName_ = kQueueName;
-        queue().Open(queueName_);
-        if (queueType_.empty()) queueType_ = ConditionQueue::kType;
-    }
-}
-
-int ConditionAggregate::CreateChildren(const Json::Value& json, IManager* manager) {
+int32_t ConditionAggregate::CreateChildren(const Json::Value& json, IManager* manager) {
     Json::Value conditions;
     if (!qv::JsonComposedSerializer::Load(DataOf(json), L"conditions", conditions) || !conditions.isArray() ||
         conditions.empty())
         return qv::status::kInvalidParameter;
     children_.reserve(conditions.size());
-    int error = 0;
+    int32_t error = 0;
     for (Json::ArrayIndex i = 0; i < conditions.size(); ++i) {
         ConditionPtr child = manager->CreateCondition(conditions[i], &error, i);
         if (!child) {
@@ -56,21 +49,18 @@ void ConditionAggregate::DestroyChildren() {
 
 ConditionBooleanAndOr::~ConditionBooleanAndOr() { ConditionBooleanAndOr::Uninit(); }
 
-int ConditionBooleanAndOr::Init(const InitData& data) {
+int32_t ConditionBooleanAndOr::Init(const InitData& data) {
     IManager* manager = Dependency<IManager>();
     if (!manager) {
         logging::Log(logging::kError, kAggregateInit, L"cannot found manager");
         return qv::status::kDependencyNotFound;
     }
-    ConditionBase::Init(data);
-    if (!queue().IsOpen()) {
-        logging::Log(logging::kError, kAggregateInit, L"cannot create event queue [%s]", kQueueName);
-        return qv::status::kDependencyNotFound;
-    }
+    if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
+    if (const int32_t status = OpenQueue(queue(), kQueueName, kAggregateInit); status != 0) return status;
     // The children are complete before the first subscription, so a child
     // notification that arrives before the count below only recomputes
     // early (for nobody: the owner subscribes after Init).
-    if (const int status = CreateChildren(data.json, manager); status != 0) return status;
+    if (const int32_t status = CreateChildren(data.json, manager); status != 0) return status;
     std::lock_guard lock(lock_);
     threshold_ = requireAll_ == 1 ? children_.size() : 1;
     trueCount_ = 0;
@@ -96,7 +86,7 @@ void ConditionBooleanAndOr::Uninit() {
     children.clear();
 }
 
-int ConditionBooleanAndOr::GetState(bool* state, bool recompute) {
+int32_t ConditionBooleanAndOr::GetState(bool* state, bool recompute) {
     logging::CallTrace trace(kGetState);
     if (!state) return qv::status::kInvalidParameter;
     std::lock_guard lock(lock_);
@@ -104,7 +94,7 @@ int ConditionBooleanAndOr::GetState(bool* state, bool recompute) {
         size_t count = 0;
         for (ConditionPtr& child : children_) {
             bool value = false;
-            if (const int status = child->GetState(&value, true); status != 0) return status;
+            if (const int32_t status = child->GetState(&value, true); status != 0) return status;
             if (value) ++count;
         }
         trueCount_ = count;
@@ -114,10 +104,13 @@ int ConditionBooleanAndOr::GetState(bool* state, bool recompute) {
     return 0;
 }
 
-int ConditionBooleanAndOr::OnStateChanged(bool, size_t) {
+int32_t ConditionBooleanAndOr::OnStateChanged(bool, size_t) {
     const uint64_t generation = ++generation_;
-    queue().Post([this, generation] { UpdateState(generation); }, 0);
-    return 0;
+    // A recomputation that cannot be queued would lose the change: the child
+    // hears of it, and the log says so.
+    const int32_t status = queue().Post([this, generation] { UpdateState(generation); }, 0);
+    if (status != 0) logging::Log(logging::kWarning, kOnStateChanged, L"cannot schedule an update [%d]", status);
+    return status;
 }
 
 void ConditionBooleanAndOr::UpdateState(uint64_t expectedGeneration) {
@@ -129,7 +122,8 @@ void ConditionBooleanAndOr::UpdateState(uint64_t expectedGeneration) {
     std::lock_guard lock(lock_);
     const bool before = state_;
     bool now = false;
-    if (GetState(&now, true) == 0 && now != before) NotifyChanged(now);
+    // The parent's status has nobody to go to on the queue's thread.
+    if (GetState(&now, true) == 0 && now != before) static_cast<void>(NotifyChanged(now));
 }
 
 }  // namespace Product::Integration::ConditionManager

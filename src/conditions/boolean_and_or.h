@@ -16,7 +16,8 @@
 #include <vector>
 
 #include "conditions/condition_base.h"
-#include "conditions/dependencies.h"
+#include "conditions/condition_queue.h"
+#include "conditions/manager_interface.h"
 
 namespace Product::Integration::ConditionManager {
 
@@ -27,24 +28,19 @@ public:
     static constexpr const wchar_t* kQueueName = L"CondAggregate";
 
     // Visits this condition, then each child's tree in order.
-    int Accept(IConditionVisitor& visitor) override;
-    // Takes the manager; for the queue factory also names and creates the
-    // aggregate's queue.
-    void Inject(const GUID& iid, void* object) override;
+    [[nodiscard]] int32_t Accept(IConditionVisitor& visitor) override;
 
 protected:
     // Builds the children from "data"."conditions" through `manager` and
     // subscribes to each. 87 when the member is absent, not an array or
     // empty; a child's error when it cannot be built (children built so far
     // are destroyed).
-    int CreateChildren(const Json::Value& json, IManager* manager);
+    [[nodiscard]] int32_t CreateChildren(const Json::Value& json, IManager* manager);
     // Unsubscribes from and destroys every child.
     void DestroyChildren();
     ConditionQueue& queue() noexcept { return Slot<EvQueueWithName>().queue(); }
 
     std::vector<ConditionPtr> children_;
-    std::wstring queueName_;
-    std::wstring queueType_;
 };
 
 // Thread rules: OnStateChanged may come from any thread and touches only the
@@ -58,15 +54,15 @@ public:
     explicit ConditionBooleanAndOr(int requireAll) : requireAll_(requireAll) {}
     ~ConditionBooleanAndOr() override;
 
-    int Init(const InitData& data) override;
+    [[nodiscard]] int32_t Init(const InitData& data) override;
     // Unsubscribes from the children, closes the queue (waiting for a
     // recomputation in progress) and destroys the children. Idempotent.
     void Uninit() override;
     // With `recompute` asks every child for a fresh value; the first child
     // error is returned and leaves the cached values untouched.
-    int GetState(bool* state, bool recompute) override;
+    [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
     // Posts a recomputation; returns 0 at once.
-    int OnStateChanged(bool state, size_t conditionId) override;
+    [[nodiscard]] int32_t OnStateChanged(bool state, size_t conditionId) override;
 
 private:
     // On the queue's thread: recomputes unless a newer update is pending, and

@@ -11,7 +11,7 @@ public:
     static constexpr const wchar_t* kType = Value ? L"boolean.TRUE" : L"boolean.FALSE";
 
     // The constant, whatever `recompute` says; 0. Any thread.
-    int GetState(bool* state, bool /*recompute*/) override {
+    [[nodiscard]] int32_t GetState(bool* state, bool /*recompute*/) override {
         if (state) *state = Value;
         return 0;
     }

@@ -2,7 +2,7 @@
 
 #include "model/json_composed_serializer.h"
 #include "plugin/log.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
 namespace {
@@ -12,24 +12,24 @@ constexpr const wchar_t* kCreateChild = L"Product::Integration::ConditionManager
 
 ConditionBooleanNot::~ConditionBooleanNot() { ReleaseChild(); }
 
-int ConditionBooleanNot::Init(const InitData& data) {
+int32_t ConditionBooleanNot::Init(const InitData& data) {
     IManager* manager = Dependency<IManager>();
     if (!manager) {
         logging::Log(logging::kError, kInit, L"cannot found manager");
         return qv::status::kDependencyNotFound;
     }
-    ConditionBase::Init(data);
-    if (const int status = CreateChild(data.json, manager); status != 0) return status;
+    if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
+    if (const int32_t status = CreateChild(data.json, manager); status != 0) return status;
     bool value = false;
     child_->GetState(&value, true);
     state_ = !value;
     return 0;
 }
 
-int ConditionBooleanNot::CreateChild(const Json::Value& json, IManager* manager) {
+int32_t ConditionBooleanNot::CreateChild(const Json::Value& json, IManager* manager) {
     Json::Value condition;
     if (!qv::JsonComposedSerializer::Load(DataOf(json), L"condition", condition)) return qv::status::kInvalidParameter;
-    int error = 0;
+    int32_t error = 0;
     ConditionPtr child = manager->CreateCondition(condition, &error, 0);
     if (!child) {
         logging::Log(logging::kError, kCreateChild, L"Failed to create child condition");
@@ -37,7 +37,7 @@ int ConditionBooleanNot::CreateChild(const Json::Value& json, IManager* manager)
     }
     ReleaseChild();
     child_ = std::move(child);
-    if (const int status = child_->Subscribe(this); status != 0) {
+    if (const int32_t status = child_->Subscribe(this); status != 0) {
         logging::Log(logging::kError, kCreateChild, L"Failed to register for child events");
         return status;
     }
@@ -50,9 +50,9 @@ void ConditionBooleanNot::ReleaseChild() {
     child_.reset();
 }
 
-int ConditionBooleanNot::GetState(bool* state, bool recompute) {
+int32_t ConditionBooleanNot::GetState(bool* state, bool recompute) {
     if (!state) return qv::status::kInvalidParameter;
-    int status = 0;
+    int32_t status = 0;
     if (recompute && child_) {
         bool value = false;
         status = child_->GetState(&value, true);
@@ -62,13 +62,13 @@ int ConditionBooleanNot::GetState(bool* state, bool recompute) {
     return status;
 }
 
-int ConditionBooleanNot::Accept(IConditionVisitor& visitor) {
+int32_t ConditionBooleanNot::Accept(IConditionVisitor& visitor) {
     visitor.Visit(*this);
     if (child_) child_->Accept(visitor);
     return 0;
 }
 
-int ConditionBooleanNot::OnStateChanged(bool state, size_t) {
+int32_t ConditionBooleanNot::OnStateChanged(bool state, size_t) {
     state_ = !state;
     return NotifyChanged(!state);
 }

@@ -7,7 +7,7 @@
 #include <cstddef>
 
 #include "conditions/condition_base.h"
-#include "conditions/dependencies.h"
+#include "conditions/manager_interface.h"
 
 namespace Product::Integration::ConditionManager {
 
@@ -19,19 +19,19 @@ public:
 
     ~ConditionBooleanNot() override;
 
-    int Init(const InitData& data) override;
+    [[nodiscard]] int32_t Init(const InitData& data) override;
     // With `recompute` asks the child; its status is returned, and the cached
     // value only changes when the child answered.
-    int GetState(bool* state, bool recompute) override;
+    [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
     // Visits this condition, then the child's tree.
-    int Accept(IConditionVisitor& visitor) override;
+    [[nodiscard]] int32_t Accept(IConditionVisitor& visitor) override;
     // Stores the negation and notifies at once; returns the notification's status.
-    int OnStateChanged(bool state, size_t conditionId) override;
+    [[nodiscard]] int32_t OnStateChanged(bool state, size_t conditionId) override;
 
 private:
     // Builds and subscribes to the child from "data"."condition". 87 when it
     // is absent; the child's error; or the subscription's status.
-    int CreateChild(const Json::Value& json, IManager* manager);
+    [[nodiscard]] int32_t CreateChild(const Json::Value& json, IManager* manager);
     void ReleaseChild();
 
     ConditionPtr child_;

@@ -19,7 +19,7 @@ class IConditionEvent {
 public:
     virtual ~IConditionEvent() = default;
     // The condition `conditionId` is now `state`. Returns a status (0 = success).
-    virtual int OnStateChanged(bool state, size_t conditionId) = 0;
+    [[nodiscard]] virtual int32_t OnStateChanged(bool state, size_t conditionId) = 0;
 };
 
 // Visits the conditions of a tree (see ICondition::Accept).
@@ -36,16 +36,16 @@ public:
     // Writes the truth value. With `recompute` the condition first re-derives
     // it from its source (and caches it); otherwise the cached value is given.
     // 0 or an error code; on error `*state` is not to be trusted.
-    virtual int GetState(bool* state, bool recompute) = 0;
+    [[nodiscard]] virtual int32_t GetState(bool* state, bool recompute) = 0;
     // The type keyword the condition was built from; "" when none. Never null.
     virtual const wchar_t* GetType() = 0;
     // 0 when added; 1627 when that subscriber is already subscribed.
-    virtual int Subscribe(IConditionEvent* subscriber) = 0;
+    [[nodiscard]] virtual int32_t Subscribe(IConditionEvent* subscriber) = 0;
     // 0 when removed; 1627 when it was not subscribed.
-    virtual int Unsubscribe(IConditionEvent* subscriber) = 0;
+    [[nodiscard]] virtual int32_t Unsubscribe(IConditionEvent* subscriber) = 0;
     // Calls the visitor with this condition, then Accept on each child in
     // order (depth first, parent before children). Returns 0.
-    virtual int Accept(IConditionVisitor& visitor) = 0;
+    [[nodiscard]] virtual int32_t Accept(IConditionVisitor& visitor) = 0;
     // Receives one dependency before Init; `object` may be null. Identifiers
     // the condition did not declare are ignored, which is all this default does.
     virtual void Inject(const GUID& iid, void* object) {}

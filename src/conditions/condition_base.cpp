@@ -9,16 +9,16 @@ namespace {
 constexpr const wchar_t* kNotifyChanged = L"Product::Integration::ConditionManager::ConditionBase::NotifyChanged";
 }
 
-int ConditionBase::Subscribe(IConditionEvent* subscriber) { return subscribers_.Add(subscriber); }
+int32_t ConditionBase::Subscribe(IConditionEvent* subscriber) { return subscribers_.Add(subscriber); }
 
-int ConditionBase::Unsubscribe(IConditionEvent* subscriber) { return subscribers_.Remove(subscriber); }
+int32_t ConditionBase::Unsubscribe(IConditionEvent* subscriber) { return subscribers_.Remove(subscriber); }
 
-int ConditionBase::Accept(IConditionVisitor& visitor) {
+int32_t ConditionBase::Accept(IConditionVisitor& visitor) {
     visitor.Visit(*this);
     return 0;
 }
 
-int ConditionBase::Init(const InitData& data) {
+int32_t ConditionBase::Init(const InitData& data) {
     id_ = data.id;
     type_.clear();
     if (data.json.isObject()) {
@@ -28,7 +28,7 @@ int ConditionBase::Init(const InitData& data) {
     return 0;
 }
 
-int ConditionBase::NotifyChanged(bool state) {
+int32_t ConditionBase::NotifyChanged(bool state) {
     logging::Log(logging::kTrace, kNotifyChanged, L"Condition [%s] notify [%s]", type_.c_str(),
                  state ? L"TRUE" : L"FALSE");
     return notifier_(state, id_);

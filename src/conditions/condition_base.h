@@ -40,15 +40,15 @@ public:
     ConditionBase& operator=(const ConditionBase&) = delete;
 
     const wchar_t* GetType() override { return type_.c_str(); }
-    int Subscribe(IConditionEvent* subscriber) override;
-    int Unsubscribe(IConditionEvent* subscriber) override;
+    [[nodiscard]] int32_t Subscribe(IConditionEvent* subscriber) override;
+    [[nodiscard]] int32_t Unsubscribe(IConditionEvent* subscriber) override;
     // Visits this condition only; conditions with children add theirs.
-    int Accept(IConditionVisitor& visitor) override;
+    [[nodiscard]] int32_t Accept(IConditionVisitor& visitor) override;
 
     // Sets the identifier and the type keyword (the "type" member, "" when
     // absent); returns 0. Derived conditions call it first, then read "data".
     // A non-zero result makes the manager destroy the condition.
-    virtual int Init(const InitData& data);
+    [[nodiscard]] virtual int32_t Init(const InitData& data);
     // Undoes Init: unsubscribes from the condition's sources and stops its
     // work. Must be safe after a failed Init and when called again. The base
     // version does nothing.
@@ -62,7 +62,7 @@ protected:
     // id) on every subscriber in subscription order under the list's read
     // lock. Returns the last subscriber's status (0 without subscribers); a
     // failing subscriber does not stop the walk.
-    int NotifyChanged(bool state);
+    [[nodiscard]] int32_t NotifyChanged(bool state);
 
     // The "data" member of a condition's JSON, or a null value when there is
     // none; parameters are read from it by their bare names, so that a reader
@@ -70,7 +70,7 @@ protected:
     static const Json::Value& DataOf(const Json::Value& json);
 
 private:
-    using StateChangedEvent = qv::Event<qv::MemberFunction_2_args<IConditionEvent, int, bool, size_t,
+    using StateChangedEvent = qv::Event<qv::MemberFunction_2_args<IConditionEvent, int32_t, bool, size_t,
                                                                   &IConditionEvent::OnStateChanged>>;
 
     size_t id_ = 0;

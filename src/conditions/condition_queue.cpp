@@ -2,14 +2,21 @@
 
 #include <utility>
 
-#include "plugin/status.h"
+#include "plugin/log.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
 namespace {
 constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
 }
 
-int ConditionQueue::Open(const std::wstring& name) {
+int32_t OpenQueue(ConditionQueue& queue, const wchar_t* name, const wchar_t* function) {
+    if (queue.Open(name) == 0) return 0;
+    logging::Log(logging::kError, function, L"cannot create event queue [%s]", name);
+    return qv::status::kDependencyNotFound;
+}
+
+int32_t ConditionQueue::Open(const std::wstring& name) {
     Close();
     name_ = name;
     if (!factory_) return qv::status::kDependencyNotFound;
@@ -26,7 +33,7 @@ int ConditionQueue::Open(const std::wstring& name) {
     return 0;
 }
 
-int ConditionQueue::Post(std::function<void()> work, uint32_t delayMs) {
+int32_t ConditionQueue::Post(std::function<void()> work, uint32_t delayMs) {
     return client_.Post(std::move(work), delayMs);
 }
 

@@ -7,25 +7,15 @@
 // declaration order, before Init. InjectionClient<D...> keeps one slot per
 // declared type and fills it from the matching identifier; other identifiers
 // are ignored.
+//
+// This header names no dependency type: each declares its traits beside its
+// interface, so a condition compiles against the interfaces it uses only.
 #include <optional>
 #include <tuple>
 
-#include "conditions/condition_queue.h"
-#include "conditions/manager_interface.h"
-#include "network/network_provider_interface.h"
-#include "qv/computer_manager.h"
-#include "qv/event_queue.h"
 #include "qv/guid.h"
-#include "qv/ovra_notifications.h"
-#include "qv/user_manager.h"
 
 namespace Product::Integration::ConditionManager {
-
-// A named event queue of the condition's own. What is injected is the host's
-// queue factory; the condition names its queue and creates it through it.
-struct EvQueueWithName {
-    static constexpr GUID iid = qv::MakeGuid(0xC47A19D3, 0x0E62, 0x4B8F, 0x95AD, 0x3F81E6C2B740);
-};
 
 // Reads "{x-x-x-x-x}" with the pattern "{%llx-%llx-%llx-%llx-%llx}": each
 // group is read as a 64-bit hexadecimal number and narrowed to its field (32,
@@ -40,67 +30,34 @@ enum class DependencySource {
     kHost,          // a host plug-in, looked up by name and identifier
 };
 
-// One specialisation per dependency type: its identifier, the name it is
-// looked up under (or logged as) and where it comes from.
+// What the manager needs to know of a dependency type: its identifier, the
+// name it is looked up under (or logged as) and where it comes from.
+//
+// A host plug-in's interface carries its own name (`kPluginName`) and its
+// identifier, so this primary template serves it without a line here; an
+// identifier the host writes as text (`iidText`) is parsed once, and one that
+// does not parse gives the all-zero identifier. Dependencies the module
+// provides itself specialise the template beside their own declaration.
 template <class D>
-struct DependencyTraits;
-
-template <>
-struct DependencyTraits<IManager> {
-    static constexpr DependencySource source = DependencySource::kManager;
-    static constexpr const wchar_t* name = L"Product.ConditionalRunner.ConditionManager";
-    static const GUID& Iid() { return IManager::iid; }
-};
-
-template <>
-struct DependencyTraits<EvQueueWithName> {
-    static constexpr DependencySource source = DependencySource::kQueueFactory;
-    static constexpr const wchar_t* name = L"EvQueueWithName";
-    static const GUID& Iid() { return EvQueueWithName::iid; }
-};
-
-template <>
-struct DependencyTraits<Product::Integration::INetworkProvider> {
+struct DependencyTraits {
     static constexpr DependencySource source = DependencySource::kHost;
-    static constexpr const wchar_t* name = L"Product.ConditionalRunner.NetworkProvider";
-    static const GUID& Iid() { return Product::Integration::INetworkProvider::iid; }
-};
-
-// The host's own managers are identified by the text the host defines, parsed
-// once; a text that does not parse gives the all-zero identifier.
-template <>
-struct DependencyTraits<Product::UserManager::IUserManager> {
-    static constexpr DependencySource source = DependencySource::kHost;
-    static constexpr const wchar_t* name = L"Product.UserManager";
+    static constexpr const wchar_t* name = D::kPluginName;
     static const GUID& Iid() {
-        static const GUID iid = ParseGuid(Product::UserManager::IUserManager::iidText).value_or(GUID{});
-        return iid;
+        if constexpr (requires { D::iidText; }) {
+            static const GUID iid = ParseGuid(D::iidText).value_or(GUID{});
+            return iid;
+        } else {
+            return D::iid;
+        }
     }
-};
-
-template <>
-struct DependencyTraits<Product::ComputerManager::IComputerManager> {
-    static constexpr DependencySource source = DependencySource::kHost;
-    static constexpr const wchar_t* name = L"Product.ComputerManager";
-    static const GUID& Iid() {
-        static const GUID iid = ParseGuid(Product::ComputerManager::IComputerManager::iidText).value_or(GUID{});
-        return iid;
-    }
-};
-
-template <>
-struct DependencyTraits<Endpoint::Ovra::Notifications::IOvraClientWithNotifications> {
-    static constexpr DependencySource source = DependencySource::kHost;
-    static constexpr const wchar_t* name = L"Ovra.Client.Notifications";
-    static const GUID& Iid() { return Endpoint::Ovra::Notifications::IOvraClientWithNotifications::iid; }
 };
 
 // The declared dependency types of a condition class, in injection order.
 template <class... D>
 struct DependencyList {};
 
-// The slot that receives one dependency: the interface pointer, or for
-// EvQueueWithName the condition's queue (which keeps the factory).
+// The slot that receives one dependency: the interface pointer. A dependency
+// that is more than a pointer specialises it (the condition's own queue).
 template <class D>
 class DependencySlot {
 public:
@@ -110,16 +67,6 @@ public:
 
 private:
     D* object_ = nullptr;
-};
-
-template <>
-class DependencySlot<EvQueueWithName> {
-public:
-    void Set(void* object) noexcept { queue_.SetFactory(static_cast<IEventQueueFactory*>(object)); }
-    ConditionQueue& queue() noexcept { return queue_; }
-
-private:
-    ConditionQueue queue_;
 };
 
 // Thread rule: slots are filled before Init, on the manager's calling thread,

@@ -2,14 +2,14 @@
 
 #include "model/json_composed_serializer.h"
 #include "os/file_system.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
 
 ConditionFileExists::~ConditionFileExists() { ConditionFileExists::Uninit(); }
 
-int ConditionFileExists::Init(const InitData& data) {
-    ConditionBase::Init(data);
+int32_t ConditionFileExists::Init(const InitData& data) {
+    if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
     thread_.Stop();
     filePath_.clear();
     const bool loaded = qv::JsonComposedSerializer::Load(DataOf(data.json), L"filePath", filePath_);
@@ -23,7 +23,7 @@ int ConditionFileExists::Init(const InitData& data) {
 
 void ConditionFileExists::Uninit() { thread_.Stop(); }
 
-int ConditionFileExists::GetState(bool* state, bool recompute) {
+int32_t ConditionFileExists::GetState(bool* state, bool recompute) {
     if (!state) return qv::status::kInvalidParameter;
     std::lock_guard lock(lock_);
     if (recompute) exists_ = os::PathExists(filePath_);
@@ -38,7 +38,7 @@ void ConditionFileExists::Poll(os::AutoResetEvent& stop) {
         std::lock_guard lock(lock_);
         if (now != exists_) {
             exists_ = now;
-            NotifyChanged(now);
+            static_cast<void>(NotifyChanged(now));  // nobody to report to on the polling thread
         }
     }
 }

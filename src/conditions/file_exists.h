@@ -26,11 +26,11 @@ public:
     // Reads the path (absent, not a string or empty: 87, but the condition is
     // still completed and polls the empty path, which never exists), takes
     // the initial state and starts polling. 1627 when the thread cannot start.
-    int Init(const InitData& data) override;
+    [[nodiscard]] int32_t Init(const InitData& data) override;
     // Signals the polling thread and waits for it to end. Idempotent.
     void Uninit() override;
     // With `recompute` tests the path again; 0.
-    int GetState(bool* state, bool recompute) override;
+    [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
 
 private:
     void Poll(os::AutoResetEvent& stop);

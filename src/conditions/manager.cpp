@@ -11,7 +11,7 @@
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "plugin/module_names.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
 namespace {
@@ -35,7 +35,7 @@ public:
 
 Manager::Manager() : networkProvider_(qv::names::kNetworkProvider), name_(qv::names::kConditionManager) {}
 
-Manager::~Manager() { Uninit(); }
+Manager::~Manager() { static_cast<void>(Uninit()); }  // Uninit always succeeds
 
 void* Manager::QueryInterface(const GUID& iid) {
     if (qv::GuidEquals(iid, IQvBaseInterface::iid)) return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
@@ -124,9 +124,9 @@ void Manager::ReleaseDependencies() {
     components_ = nullptr;
 }
 
-ConditionPtr Manager::CreateCondition(const Json::Value& json, int* error, size_t id) {
+ConditionPtr Manager::CreateCondition(const Json::Value& json, int32_t* error, size_t id) {
     logging::CallTrace trace(kCreateCondition);
-    int ignored = 0;
+    int32_t ignored = 0;
     if (!error) error = &ignored;
     *error = 0;
     DepthScope depth;
@@ -146,7 +146,7 @@ ConditionPtr Manager::CreateCondition(const Json::Value& json, int* error, size_
     }
 }
 
-ConditionPtr Manager::Build(const Json::Value& json, int* error, size_t id) {
+ConditionPtr Manager::Build(const Json::Value& json, int32_t* error, size_t id) {
     std::wstring type;
     if (!qv::JsonComposedSerializer::Load(json, L"type", type)) {
         logging::Log(logging::kError, kCreateCondition, L"Failed to find type for condition. Invalid Json");
@@ -175,7 +175,7 @@ ConditionPtr Manager::Build(const Json::Value& json, int* error, size_t id) {
     data.json = json;
     data.id = id;
     data.host = host_;
-    if (const int status = condition->Init(data); status != 0) {
+    if (const int32_t status = condition->Init(data); status != 0) {
         logging::Log(logging::kError, kCreateCondition, L"Condition of type [%s] error = [%d]", type.c_str(), status);
         *error = status;
         return nullptr;  // `condition` is destroyed through its deleter

@@ -51,23 +51,23 @@ public:
     // component manager and obtains the network provider. 5002 when there is
     // no network provider; the status of InitDependencies when it fails. On
     // failure nothing stays acquired.
-    int32_t Init(IServMain* main) override;
+    [[nodiscard]] int32_t Init(IServMain* main) override;
     // Gives back every plug-in that Init obtained.
-    int32_t Uninit() override;
-    int32_t Start() override { return 0; }
-    int32_t Stop() override { return 0; }
+    [[nodiscard]] int32_t Uninit() override;
+    [[nodiscard]] int32_t Start() override { return 0; }
+    [[nodiscard]] int32_t Stop() override { return 0; }
 
     // Builds one condition tree (see IManager). Failures: 87 for a missing or
     // non-string "type" or a tree nested too deeply; 120 for an unknown type
     // keyword; otherwise the failing condition's Init status (the condition is
     // destroyed through its deleter).
-    ConditionPtr CreateCondition(const Json::Value& json, int* error, size_t id) override;
+    [[nodiscard]] ConditionPtr CreateCondition(const Json::Value& json, int32_t* error, size_t id) override;
 
     // Resolves every dependency record of every type once: the manager itself,
     // the host's queue factory, or the host plug-in of that name. A record
     // that cannot be resolved is logged and left null (the condition that
     // needs it fails in its own Init). 87 for a null component manager.
-    int32_t InitDependencies(IComponentManager* components);
+    [[nodiscard]] int32_t InitDependencies(IComponentManager* components);
 
 protected:
     // One dependency record of a type.
@@ -85,7 +85,7 @@ protected:
 
     // Fills the table with every type this module builds; 0. Tests that need
     // a type of their own override it and add theirs with AddToFactory.
-    virtual int32_t InitFactory();
+    [[nodiscard]] virtual int32_t InitFactory();
 
     // Registers `T` (a ConditionBase with a static `kType` keyword and its
     // declared Dependencies) under its keyword, replacing an earlier entry.
@@ -124,7 +124,7 @@ private:
          ...);
     }
 
-    ConditionPtr Build(const Json::Value& json, int* error, size_t id);
+    [[nodiscard]] ConditionPtr Build(const Json::Value& json, int32_t* error, size_t id);
     // Gives back the host plug-ins held by the dependency records.
     void ReleaseDependencies();
 

@@ -10,6 +10,8 @@
 #include <json/value.h>
 
 #include "conditions/condition.h"
+#include "conditions/dependencies.h"
+#include "plugin/module_names.h"
 #include "plugin/serv_plugin.h"
 
 namespace Product::Integration::ConditionManager {
@@ -23,8 +25,16 @@ public:
     // and returns the condition, initialised and owned by the caller; on
     // failure returns null with the reason in *error. `id` is what the
     // condition reports in its notifications. Any thread; re-entrant.
-    virtual ConditionPtr CreateCondition(const Json::Value& json, int* error, size_t id) = 0;
+    [[nodiscard]] virtual ConditionPtr CreateCondition(const Json::Value& json, int32_t* error, size_t id) = 0;
     virtual ~IManager() = default;
+};
+
+// The combinators get the manager itself, to build their children.
+template <>
+struct DependencyTraits<IManager> {
+    static constexpr DependencySource source = DependencySource::kManager;
+    static constexpr const wchar_t* name = qv::names::kConditionManager;
+    static const GUID& Iid() { return IManager::iid; }
 };
 
 }  // namespace Product::Integration::ConditionManager

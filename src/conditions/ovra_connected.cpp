@@ -3,7 +3,7 @@
 #include "model/json_composed_serializer.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
 namespace {
@@ -21,27 +21,22 @@ bool ConditionisOvraConnected::StateFor(std::optional<bool> connected) const noe
     return wantConnected_ ? isConnected : !isConnected;
 }
 
-int ConditionisOvraConnected::Init(const InitData& data) {
-    ConditionBase::Init(data);
+int32_t ConditionisOvraConnected::Init(const InitData& data) {
+    if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
     Client* client = Dependency<Client>();
     if (!client) {
         logging::Log(logging::kError, kInit, L"ovra client notification dependency not found");
         return qv::status::kDependencyNotFound;
     }
-    queueName_ = kQueueName;
-    if (queueType_.empty()) queueType_ = ConditionQueue::kType;
-    if (Slot<EvQueueWithName>().queue().Open(queueName_) != 0) {
-        logging::Log(logging::kError, kInit, L"cannot create event queue [%s]", kQueueName);
-        return qv::status::kDependencyNotFound;
-    }
+    if (const int32_t status = OpenQueue(Slot<EvQueueWithName>().queue(), kQueueName, kInit); status != 0)
+        return status;
     if (!qv::JsonComposedSerializer::Load(DataOf(data.json), L"connected", wantConnected_))
         return qv::status::kInvalidParameter;
-    initTime_ = std::chrono::steady_clock::now();
     const bool state = StateFor(client->GetEcsConnectionState());
     pendingState_ = state;
     deliveredState_ = state;
     logging::Log(logging::kTrace, kInit, L"Condition isOvraConnected initial state %d", state ? 1 : 0);
-    if (const int status = client->RegisterEcsNotifications(this); status != 0) {
+    if (const int32_t status = client->RegisterEcsNotifications(this); status != 0) {
         logging::Log(logging::kError, kInit, L"failed to register for connection reports [%d]", status);
         return status;
     }
@@ -56,7 +51,7 @@ void ConditionisOvraConnected::Uninit() {
     Slot<EvQueueWithName>().queue().Close();
 }
 
-int ConditionisOvraConnected::GetState(bool* state, bool recompute) {
+int32_t ConditionisOvraConnected::GetState(bool* state, bool recompute) {
     if (!state) return qv::status::kInvalidParameter;
     *state = recompute ? pendingState_.load() : deliveredState_.load();
     return 0;
@@ -69,7 +64,9 @@ void ConditionisOvraConnected::OnEcsConnected(std::optional<bool> connected) {
     logging::Log(logging::kTrace, kOnEcsConnected, L"state [%d]", state ? 1 : 0);
     const uint64_t generation = ++generation_;
     pendingState_ = state;
-    Slot<EvQueueWithName>().queue().Post([this, generation] { DoNotify(generation); }, kQuietPeriodMs);
+    const int32_t status =
+        Slot<EvQueueWithName>().queue().Post([this, generation] { DoNotify(generation); }, kQuietPeriodMs);
+    if (status != 0) logging::Log(logging::kWarning, kOnEcsConnected, L"cannot schedule the delivery [%d]", status);
 }
 
 void ConditionisOvraConnected::DoNotify(uint64_t expectedGeneration) {
@@ -79,7 +76,7 @@ void ConditionisOvraConnected::DoNotify(uint64_t expectedGeneration) {
     const bool state = pendingState_.load();
     deliveredState_ = state;
     logging::Log(logging::kTrace, kDoNotify, L"20s passed since last notification. new status [%d]", state ? 1 : 0);
-    NotifyChanged(state);
+    static_cast<void>(NotifyChanged(state));  // the subscribers' statuses have nobody to go to here
 }
 
 }  // namespace Product::Integration::ConditionManager

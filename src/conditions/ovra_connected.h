@@ -10,14 +10,13 @@
 // GetState is deliberately asymmetric: without `recompute` it gives the value
 // last delivered, with `recompute` the value of the latest report.
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "conditions/condition_base.h"
-#include "conditions/dependencies.h"
+#include "conditions/condition_queue.h"
 #include "qv/ovra_notifications.h"
 
 namespace Product::Integration::ConditionManager {
@@ -42,10 +41,10 @@ public:
     // "connected" is absent or not a boolean; the client's status when it
     // refuses the registration. The initial state comes from the client's
     // current state (unknown counts as not connected) and is not notified.
-    int Init(const InitData& data) override;
+    [[nodiscard]] int32_t Init(const InitData& data) override;
     // Unregisters from the client and closes the queue. Idempotent.
     void Uninit() override;
-    int GetState(bool* state, bool recompute) override;
+    [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
     void OnEcsConnected(std::optional<bool> connected) override;
 
 private:
@@ -56,10 +55,7 @@ private:
     std::atomic<bool> deliveredState_{false};
     std::atomic<bool> pendingState_{false};
     uint64_t generation_ = 0;  // guarded by lock_
-    std::chrono::steady_clock::time_point initTime_;
     std::mutex lock_;
-    std::wstring queueName_;
-    std::wstring queueType_;
 };
 
 }  // namespace Product::Integration::ConditionManager

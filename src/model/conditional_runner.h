@@ -93,37 +93,37 @@ struct IConditionalRunner {
 
         virtual ~IEvents() = default;
         // One report per evaluation pass that ran method sets, runs in order.
-        virtual int32_t OnMethodSetsRun(const qv::IList<MethodRunData>& runs) = 0;
+        [[nodiscard]] virtual int32_t OnMethodSetsRun(const qv::IList<MethodRunData>& runs) = 0;
     };
     using MethodRunData = IEvents::MethodRunData;
 
-    virtual int32_t GetSettings(Settings& settings) = 0;
+    [[nodiscard]] virtual int32_t GetSettings(Settings& settings) = 0;
     // Sets both values together.
-    virtual int32_t SetSettings(const Settings& settings) = 0;
+    [[nodiscard]] virtual int32_t SetSettings(const Settings& settings) = 0;
     // Bracket an update sent in several calls: no evaluation in between.
-    virtual int32_t BeginTransaction() = 0;
-    virtual int32_t EndTransaction() = 0;
+    [[nodiscard]] virtual int32_t BeginTransaction() = 0;
+    [[nodiscard]] virtual int32_t EndTransaction() = 0;
     // Replaces all rules. Rules whose condition cannot be built are left out
     // and reported in `errors`, which is filled whatever the result.
-    virtual int32_t SetRules(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors) = 0;
+    [[nodiscard]] virtual int32_t SetRules(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors) = 0;
     // Appends a copy of every rule, in rule order.
-    virtual int32_t GetRules(qv::IList<Rule>& rules) = 0;
+    [[nodiscard]] virtual int32_t GetRules(qv::IList<Rule>& rules) = 0;
     // Adds or replaces one method set; with `signal` an evaluation follows.
-    virtual int32_t SetMethod(const Method& methodSet, bool signal) = 0;
+    [[nodiscard]] virtual int32_t SetMethod(const Method& methodSet, bool signal) = 0;
     // 1168 when `id` is unknown.
-    virtual int32_t GetMethodSet(const std::wstring& id, Method& methodSet) = 0;
-    virtual int32_t DeleteMethodSet(const std::wstring& id) = 0;
-    virtual int32_t DeleteAllMethodSets() = 0;
+    [[nodiscard]] virtual int32_t GetMethodSet(const std::wstring& id, Method& methodSet) = 0;
+    [[nodiscard]] virtual int32_t DeleteMethodSet(const std::wstring& id) = 0;
+    [[nodiscard]] virtual int32_t DeleteAllMethodSets() = 0;
     // Appends every method-set id, in ordinal order.
-    virtual int32_t GetMethodSetIds(qv::IList<std::wstring>& ids) = 0;
-    virtual int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets) = 0;
-    virtual int32_t UpdateMethods(const qv::IList<Method>& methodSets) = 0;
-    virtual int32_t SetEnabled(bool enabled) = 0;
-    virtual int32_t IsEnabled(bool& enabled) = 0;
+    [[nodiscard]] virtual int32_t GetMethodSetIds(qv::IList<std::wstring>& ids) = 0;
+    [[nodiscard]] virtual int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets) = 0;
+    [[nodiscard]] virtual int32_t UpdateMethods(const qv::IList<Method>& methodSets) = 0;
+    [[nodiscard]] virtual int32_t SetEnabled(bool enabled) = 0;
+    [[nodiscard]] virtual int32_t IsEnabled(bool& enabled) = 0;
     // Adds / removes a report subscriber (not owned). `flags` is reserved (0).
     // 87 for a null listener; removing an absent one gives 1627.
-    virtual int32_t Subscribe(IEvents* listener, int32_t flags) = 0;
-    virtual int32_t Unsubscribe(IEvents* listener, int32_t flags) = 0;
+    [[nodiscard]] virtual int32_t Subscribe(IEvents* listener, int32_t flags) = 0;
+    [[nodiscard]] virtual int32_t Unsubscribe(IEvents* listener, int32_t flags) = 0;
     virtual ~IConditionalRunner() = default;
 };
 
@@ -137,7 +137,7 @@ struct IConditionalRunnerLocal : IConditionalRunner {
         ~IRuleVisitor() = default;
     };
     // 0 after visiting the rule with that id, 1168 when there is none.
-    virtual int32_t NavigateRulesById(const std::wstring& id, IRuleVisitor& visitor) = 0;
+    [[nodiscard]] virtual int32_t NavigateRulesById(const std::wstring& id, IRuleVisitor& visitor) = 0;
 };
 
 }  // namespace Product::Integration::ConditionalRunner

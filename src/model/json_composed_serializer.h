@@ -43,11 +43,11 @@ public:
     // Readers: false when the path is absent or holds another JSON type; a
     // failure logs "Failed to load subnode %s" with `path` at level 16 from
     // "JsonComposedSerializer::Load". `out` is only written on success.
-    static bool Load(const Json::Value& root, const std::wstring& path, std::wstring& out);
-    static bool Load(const Json::Value& root, const std::wstring& path, int32_t& out);
-    static bool Load(const Json::Value& root, const std::wstring& path, uint32_t& out);
-    static bool Load(const Json::Value& root, const std::wstring& path, bool& out);
-    static bool Load(const Json::Value& root, const std::wstring& path, Json::Value& out);  // any non-null sub-tree
+    [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, std::wstring& out);
+    [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, int32_t& out);
+    [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, uint32_t& out);
+    [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, bool& out);
+    [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, Json::Value& out);  // any non-null sub-tree
 
     // Writers (create mode); false only when the path cannot be created.
     static bool Store(Json::Value& root, const std::wstring& path, const std::wstring& value);

@@ -14,7 +14,7 @@
 #include <memory>
 #include <utility>
 
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace qv {
 
@@ -61,22 +61,22 @@ template <class T>
 struct IList {
     // Appends a copy at the end: 0, or 8 after logging "list too long" when
     // the list already holds its maximum count.
-    virtual int32_t AddTail(const T& value) = 0;
+    [[nodiscard]] virtual int32_t AddTail(const T& value) = 0;
     // Inserts a copy at the front; same results as AddTail.
-    virtual int32_t AddHead(const T& value) = 0;
+    [[nodiscard]] virtual int32_t AddHead(const T& value) = 0;
     // The last element, or null when empty.
     virtual T* GetTail() = 0;
     virtual const T* GetTail() const = 0;
     // Copies the last element into `out`: 0, or 1168 when empty (`out` untouched).
-    virtual int32_t CopyTail(T& out) const = 0;
+    [[nodiscard]] virtual int32_t CopyTail(T& out) const = 0;
     // The first element, or null when empty.
     virtual T* GetHead() = 0;
     virtual const T* GetHead() const = 0;
     // Copies the first element into `out`: 0, or 1168 when empty.
-    virtual int32_t CopyHead(T& out) const = 0;
+    [[nodiscard]] virtual int32_t CopyHead(T& out) const = 0;
     // Removes the element at `position` and moves `position` to the next one:
     // 0; 1168 when `position` is at the end; 87 when it belongs to another list.
-    virtual int32_t RemoveAt(IListEnum<T>& position) = 0;
+    [[nodiscard]] virtual int32_t RemoveAt(IListEnum<T>& position) = 0;
     // New enumerators positioned at the first element; the caller releases them.
     virtual IConstListEnum<T>* CreateConstEnum() const = 0;
     virtual IListEnum<T>* CreateEnum() = 0;
@@ -166,8 +166,9 @@ public:
     List() = default;
     // A list that refuses to grow beyond `maxCount` elements.
     explicit List(size_t maxCount) : maxCount_(maxCount) {}
+    // Literal lists are far below the default limit, so every append succeeds.
     List(std::initializer_list<T> values) {
-        for (const T& v : values) AddTail(v);
+        for (const T& v : values) static_cast<void>(AddTail(v));
     }
     List(const List& other) : maxCount_(other.maxCount_) { CopyFrom(other); }
     List(List&& other) noexcept { Swap(other); }
@@ -187,7 +188,7 @@ public:
     }
     ~List() { Clear(); }
 
-    int32_t AddTail(const T& value) override {
+    [[nodiscard]] int32_t AddTail(const T& value) override {
         if (!Room()) return status::kNotEnoughMemory;
         Node* node = new Node(value);
         node->prev = tail_;
@@ -197,7 +198,7 @@ public:
         return status::kSuccess;
     }
 
-    int32_t AddHead(const T& value) override {
+    [[nodiscard]] int32_t AddHead(const T& value) override {
         if (!Room()) return status::kNotEnoughMemory;
         Node* node = new Node(value);
         node->next = head_;
@@ -209,20 +210,20 @@ public:
 
     T* GetTail() override { return tail_ ? &tail_->value : nullptr; }
     const T* GetTail() const override { return tail_ ? &tail_->value : nullptr; }
-    int32_t CopyTail(T& out) const override {
+    [[nodiscard]] int32_t CopyTail(T& out) const override {
         if (!tail_) return status::kNotFound;
         out = tail_->value;
         return status::kSuccess;
     }
     T* GetHead() override { return head_ ? &head_->value : nullptr; }
     const T* GetHead() const override { return head_ ? &head_->value : nullptr; }
-    int32_t CopyHead(T& out) const override {
+    [[nodiscard]] int32_t CopyHead(T& out) const override {
         if (!head_) return status::kNotFound;
         out = head_->value;
         return status::kSuccess;
     }
 
-    int32_t RemoveAt(IListEnum<T>& position) override {
+    [[nodiscard]] int32_t RemoveAt(IListEnum<T>& position) override {
         auto* e = dynamic_cast<ListEnum<T>*>(&position);
         if (!e || e->list_ != this) return status::kInvalidParameter;
         Node* node = e->node_;
@@ -303,8 +304,10 @@ private:
         return false;
     }
 
+    // The copy has the source's limit, which the source already kept to, so
+    // every append succeeds.
     void CopyFrom(const List& other) {
-        for (const Node* n = other.head_; n; n = n->next) AddTail(n->value);
+        for (const Node* n = other.head_; n; n = n->next) static_cast<void>(AddTail(n->value));
     }
 
     void Swap(List& other) noexcept {

@@ -45,39 +45,39 @@ inline constexpr const wchar_t* kEnabled = L"enabled";
 
 // {"id", "displayName", "methodSetId", "matchIf"}: all required; "matchIf"
 // is kept as given (any non-null value).
-bool ReadRule(const Json::Value& root, const std::wstring& path, Rule& rule);
+[[nodiscard]] bool ReadRule(const Json::Value& root, const std::wstring& path, Rule& rule);
 bool WriteRule(Json::Value& root, const std::wstring& path, const Rule& rule);
 
 // {"id", "displayName", "methods", optional "context"}: an absent "context"
 // reads as null; a present one must load (a null "context" fails). Written
 // without "context" when it is null.
-bool ReadMethod(const Json::Value& root, const std::wstring& path, Method& method);
+[[nodiscard]] bool ReadMethod(const Json::Value& root, const std::wstring& path, Method& method);
 bool WriteMethod(Json::Value& root, const std::wstring& path, const Method& method);
 
 // {"index", "error"}.
-bool ReadRuleError(const Json::Value& root, const std::wstring& path, RuleError& error);
+[[nodiscard]] bool ReadRuleError(const Json::Value& root, const std::wstring& path, RuleError& error);
 bool WriteRuleError(Json::Value& root, const std::wstring& path, const RuleError& error);
 
 // The object at `path` holding "minEvalTime" and "maxPostponeTime", both
 // required unsigned numbers: a request never sets one value alone.
-bool ReadSettings(const Json::Value& root, const std::wstring& path, Settings& settings);
+[[nodiscard]] bool ReadSettings(const Json::Value& root, const std::wstring& path, Settings& settings);
 bool WriteSettings(Json::Value& root, const std::wstring& path, const Settings& settings);
 
 // Arrays at `path` ("rules", "rulesErrors", "methods", "ids" in commands).
 // Reading requires an array and reads elements "%s[%i]" from index 0 up to
 // the first missing one; an empty array reads as no elements. Writing first
 // sets `path` to an empty array, then writes element i at "%s[%i]".
-bool ReadRules(const Json::Value& root, const std::wstring& path, qv::IList<Rule>& rules);
+[[nodiscard]] bool ReadRules(const Json::Value& root, const std::wstring& path, qv::IList<Rule>& rules);
 bool WriteRules(Json::Value& root, const std::wstring& path, const qv::IList<Rule>& rules);
-bool ReadMethods(const Json::Value& root, const std::wstring& path, qv::IList<Method>& methods);
+[[nodiscard]] bool ReadMethods(const Json::Value& root, const std::wstring& path, qv::IList<Method>& methods);
 bool WriteMethods(Json::Value& root, const std::wstring& path, const qv::IList<Method>& methods);
-bool ReadRuleErrors(const Json::Value& root, const std::wstring& path, qv::IList<RuleError>& errors);
+[[nodiscard]] bool ReadRuleErrors(const Json::Value& root, const std::wstring& path, qv::IList<RuleError>& errors);
 bool WriteRuleErrors(Json::Value& root, const std::wstring& path, const qv::IList<RuleError>& errors);
-bool ReadIds(const Json::Value& root, const std::wstring& path, qv::IList<std::wstring>& ids);
+[[nodiscard]] bool ReadIds(const Json::Value& root, const std::wstring& path, qv::IList<std::wstring>& ids);
 bool WriteIds(Json::Value& root, const std::wstring& path, const qv::IList<std::wstring>& ids);
 
 // The on/off switch: a JSON bool at `path` ("enabled" in commands).
-bool ReadEnabled(const Json::Value& root, const std::wstring& path, bool& enabled);
+[[nodiscard]] bool ReadEnabled(const Json::Value& root, const std::wstring& path, bool& enabled);
 bool WriteEnabled(Json::Value& root, const std::wstring& path, bool enabled);
 
 }  // namespace JsonForms

@@ -20,7 +20,7 @@ public:
     WorkerThread& operator=(const WorkerThread&) = delete;
 
     // False when a thread is already running or could not be created.
-    bool Start(Body body);
+    [[nodiscard]] bool Start(Body body);
     // Signals the stop event and waits for the body to return.
     void Stop();
     bool Running() const noexcept { return thread_.joinable(); }

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "plugin/serv_plugin.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 #include "plugin/scope_exit.h"
 #include "qv/integration.h"
 
@@ -19,7 +19,7 @@ namespace EnterpriseIntegration {
 // one thread at a time; console calls may come concurrently between Start and Stop.
 class AgentBase : public IAgent {
 public:
-    static constexpr const wchar_t* kAgentManagerName = L"EndpointIntegration.Manager";
+    static constexpr const wchar_t* kAgentManagerName = IManager::kPluginName;
 
     explicit AgentBase(std::wstring name = std::wstring()) : agentManager_(kAgentManagerName), name_(std::move(name)) {}
     virtual ~AgentBase() = default;
@@ -31,7 +31,7 @@ public:
         return nullptr;
     }
 
-    int32_t Init(IServMain* main) override {
+    [[nodiscard]] int32_t Init(IServMain* main) override {
         IComponentManager* manager = main ? main->GetComponentManager() : nullptr;
         qv::ScopeExit undo([this] { Uninit(); });
         if (!agentManager_.GetPlugin(manager)) return qv::status::kDependencyNotFound;
@@ -39,28 +39,26 @@ public:
         return 0;
     }
 
-    int32_t Uninit() override {
-        Stop();
+    [[nodiscard]] int32_t Uninit() override {
+        Unregister();
         agentManager_.Release();
         return 0;
     }
 
     // Registers with the agent manager; 1627 when it refuses.
-    int32_t Start() override {
+    [[nodiscard]] int32_t Start() override {
         if (!agentManager_ || !agentManager_->RegisterAgent(this)) return qv::status::kFunctionFailed;
         registered_ = true;
         return 0;
     }
 
-    int32_t Stop() override {
-        if (registered_) {
-            registered_ = false;
-            if (agentManager_) agentManager_->UnregisterAgent(this);
-        }
+    // Unregisters from the agent manager; 0.
+    [[nodiscard]] int32_t Stop() override {
+        Unregister();
         return 0;
     }
 
-    int32_t OnAttached() override { return 0; }
+    [[nodiscard]] int32_t OnAttached() override { return 0; }
     void GetNames(INameCollector* names) override {
         if (names) names->Add(name_.c_str());
     }
@@ -71,13 +69,20 @@ public:
     }
     void OnSessionChange() override {}
     void OnPowerChange() override {}
-    int32_t OnIdle() override { return 0; }
+    [[nodiscard]] int32_t OnIdle() override { return 0; }
 
     bool registered() const noexcept { return registered_; }
 
 protected:
     qv::ServPlugin<IManager>& agentManager() noexcept { return agentManager_; }
     void set_registered(bool value) noexcept { registered_ = value; }
+    // Leaves the agent manager if registered. Its answer only tells whether it
+    // still knew the agent; either way the agent is no longer registered.
+    void Unregister() {
+        if (!registered_) return;
+        registered_ = false;
+        if (agentManager_) static_cast<void>(agentManager_->UnregisterAgent(this));
+    }
 
 private:
     qv::ServPlugin<IManager> agentManager_;
@@ -93,7 +98,7 @@ public:
 
     // 5002 when the agent manager or the fronted plug-in is missing; whatever
     // was acquired is then given back.
-    int32_t Init(IServMain* main) override {
+    [[nodiscard]] int32_t Init(IServMain* main) override {
         IComponentManager* manager = main ? main->GetComponentManager() : nullptr;
         qv::ScopeExit undo([this] { Uninit(); });
         if (!agentManager().GetPlugin(manager)) return qv::status::kDependencyNotFound;
@@ -102,8 +107,8 @@ public:
         return 0;
     }
 
-    int32_t Uninit() override {
-        AgentBase::Stop();
+    [[nodiscard]] int32_t Uninit() override {
+        this->Unregister();
         plugin_.Release();
         agentManager().Release();
         return 0;

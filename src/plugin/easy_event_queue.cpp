@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "plugin/log.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace qv {
 

@@ -7,13 +7,13 @@
 // pointers and fires the operation on each of them. Example:
 //
 //   struct IConditionEvent {
-//       virtual int OnStateChanged(bool state, size_t conditionId) = 0;
+//       virtual int32_t OnStateChanged(bool state, size_t conditionId) = 0;
 //   };
 //   qv::SynchronyzedObjectContainer<IConditionEvent*> subscribers;
-//   qv::Event<qv::MemberFunction_2_args<IConditionEvent, int, bool, size_t,
+//   qv::Event<qv::MemberFunction_2_args<IConditionEvent, int32_t, bool, size_t,
 //                                       &IConditionEvent::OnStateChanged>>
 //       notifier{subscribers};
-//   int status = notifier(true, 3);  // OnStateChanged(true, 3) on each subscriber
+//   int32_t status = notifier(true, 3);  // OnStateChanged(true, 3) on each subscriber
 //
 // Firing holds the container's read lock for the whole walk and calls the
 // subscribers in subscription order. Every subscriber is called whatever the

@@ -1,6 +1,6 @@
 #include "plugin/exported_objects.h"
 
-#include "plugin/status.h"
+#include "qv/status.h"
 
 namespace qv {
 
@@ -26,11 +26,11 @@ bool ExportedObjectRegistry::Contains(const std::wstring& name) {
     return table_.count(name) != 0;
 }
 
-int32_t ExportedObjectRegistry::CreateObject(const wchar_t* name, const GUID& iid, void** object) {
+int32_t ExportedObjectRegistry::CreateObject(const wchar_t* name, const GUID* iid, void** object) {
     if (!object) return status::kInvalidParameter;
     *object = nullptr;
-    if (!name) return status::kNotFound;
-    const GUID wanted = iid;  // copied before use: the caller's storage may change
+    if (!name || !iid) return status::kNotFound;
+    const GUID wanted = *iid;  // copied before use: the caller's storage may change
     IQvBaseInterface* base = nullptr;
     {
         std::lock_guard lock(mutex_);

@@ -30,11 +30,14 @@ public:
     static ExportedObjectRegistry& Instance();
 
     // 0, or 183 when the name is present (the table is left unchanged).
-    int32_t Register(const std::wstring& name, IObjectConstructor* declaration);
+    [[nodiscard]] int32_t Register(const std::wstring& name, IObjectConstructor* declaration);
     void Unregister(const std::wstring& name);
 
-    // The QvCreateObject / QvDestroyObject steps.
-    int32_t CreateObject(const wchar_t* name, const GUID& iid, void** object);
+    // The QvCreateObject / QvDestroyObject steps. CreateObject: 0 with
+    // *object set; kNotFound with *object null for a null or unknown name or
+    // identifier, or an object without `iid` (given back at once);
+    // kInvalidParameter for a null `object`.
+    [[nodiscard]] int32_t CreateObject(const wchar_t* name, const GUID* iid, void** object);
     void DestroyObject(const wchar_t* name, void* object);
 
     bool Contains(const std::wstring& name);

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "plugin/status.h"
+#include "qv/status.h"
 #include "plugin/sync_rw_lock.h"
 
 namespace qv {
@@ -44,7 +44,7 @@ public:
     using value_type = T*;
 
     // 0 when added at the end; 1627 when already present; 87 for null.
-    int32_t Add(T* object) {
+    [[nodiscard]] int32_t Add(T* object) {
         if (!object) return status::kInvalidParameter;
         WriteLockGuard guard(*this);
         if (std::find(objects_.begin(), objects_.end(), object) != objects_.end()) return status::kFunctionFailed;
@@ -53,7 +53,7 @@ public:
     }
 
     // 0 when removed (the order of the rest is kept); 1627 when absent.
-    int32_t Remove(T* object) {
+    [[nodiscard]] int32_t Remove(T* object) {
         WriteLockGuard guard(*this);
         auto it = std::find(objects_.begin(), objects_.end(), object);
         if (it == objects_.end()) return status::kFunctionFailed;

@@ -11,6 +11,7 @@
 
 #include "agent/conditional_runner_agent.h"
 #include "host/method_call.h"
+#include "plugin/module_names.h"
 #include "host/reference_host.h"
 #include "recording_runner.h"
 #include "support/log_capture.h"
@@ -24,8 +25,8 @@ inline Json::Value Parse(const std::string& text) { return testing_support::Pars
 
 class AgentTest : public ::testing::Test {
 protected:
-    static constexpr const wchar_t* kRunnerName = L"Product.ConditionalRunner";
-    static constexpr const wchar_t* kAgentManagerName = L"EndpointIntegration.Manager";
+    static constexpr const wchar_t* kRunnerName = qv::names::kModule;
+    static constexpr const wchar_t* kAgentManagerName = EnterpriseIntegration::IManager::kPluginName;
     static constexpr const wchar_t* kRunPolicyMethod = L"ConditionalRunnerAgent::RunPolicyMethod";
 
     AgentTest() { host.components().Register(kRunnerName, &runner); }

@@ -1,8 +1,5 @@
 #include "agent_fixture.h"
 
-#include "os/module.h"
-#include "plugin/module_exports.h"
-#include "plugin/module_names.h"
 
 namespace agent_test {
 namespace {
@@ -31,7 +28,7 @@ TEST_F(LifecycleTest, StartRegistersAndSubscribesStopUndoesBoth) {
     EXPECT_FALSE(agent->registered());
     EXPECT_TRUE(host.agents().Agents().empty());
     EXPECT_EQ(runner.listener, nullptr);
-    agent->Stop();  // a second Stop changes nothing
+    EXPECT_EQ(agent->Stop(), 0);  // a second Stop changes nothing
     EXPECT_EQ(runner.unsubscribes, 1);
 
     EXPECT_EQ(agent->Uninit(), 0);
@@ -89,47 +86,6 @@ TEST_F(LifecycleTest, NamesItselfAndTheModule) {
     EXPECT_EQ(&agent->GetNameInto(into), &into);
     EXPECT_EQ(into, agentName());
     EXPECT_EQ(agent->Configure(), 0);
-}
-
-TEST_F(LifecycleTest, TheModuleExportsTheAgentAsASingleton) {
-    // The built module, loaded from beside the test program as the host loads it.
-    testing_support::LoadedModule module;
-    ASSERT_TRUE(module.Loaded());
-    const QvCreateObjectFn create = module.create;
-    const QvDestroyObjectFn destroy = module.destroy;
-    const std::wstring name = qv::names::AgentName();
-    ASSERT_EQ(name, L"Product.ConditionalRunner.Agent");
-    void* first = nullptr;
-    void* second = nullptr;
-    ASSERT_EQ(create(name.c_str(), &EnterpriseIntegration::IAgent::iid, &first), 0);
-    ASSERT_EQ(create(name.c_str(), &IServPlugin::iid, &second), 0);
-    auto* exported = static_cast<EnterpriseIntegration::IAgent*>(first);
-    EXPECT_EQ(static_cast<IServPlugin*>(exported), static_cast<IServPlugin*>(second));
-
-    void* none = reinterpret_cast<void*>(1);
-    EXPECT_EQ(create(L"product.conditionalrunner.agent", &EnterpriseIntegration::IAgent::iid, &none), 1168);
-    EXPECT_EQ(none, nullptr);
-    EXPECT_EQ(create(name.c_str(), &IConditionalRunner::iid, &none), 1168);
-
-    // The exported object works through the host like any other instance.
-    ASSERT_EQ(exported->Init(host.main()), 0);
-    ASSERT_EQ(exported->Start(), 0);
-    EXPECT_NE(runner.listener, nullptr);  // subscribed on Start
-    host::MethodCall call(name, L"IsEnabled");
-    runner.enabledOut = true;
-    exported->RunPolicyMethod(&call);
-    EXPECT_EQ(call.GetResult(), 0);
-    EXPECT_EQ((*call.response())["enabled"], Json::Value(true));
-    exported->Stop();
-    exported->Uninit();
-
-    destroy(name.c_str(), second);
-    // Still alive after one give-back: a new request returns the same object.
-    void* third = nullptr;
-    EXPECT_EQ(create(name.c_str(), &EnterpriseIntegration::IAgent::iid, &third), 0);
-    EXPECT_EQ(third, first);
-    destroy(name.c_str(), third);
-    destroy(name.c_str(), first);
 }
 
 }  // namespace

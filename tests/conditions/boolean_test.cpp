@@ -170,7 +170,7 @@ TEST(BooleanAndOr, ABurstOfChildNotificationsGivesOneRecomputation) {
 TEST(BooleanAndOr, NeedAtLeastOneChild) {
     LogCapture capture;
     Bench bench;
-    int error = 0;
+    int32_t error = 0;
     for (const char* json : {R"({"type":"boolean.AND","data":{"conditions":[]}})",
                              R"({"type":"boolean.OR","data":{"conditions":[]}})",
                              R"({"type":"boolean.OR","data":{"conditions":{"type":"boolean.TRUE"}}})",
@@ -187,7 +187,7 @@ TEST(BooleanAndOr, NeedAtLeastOneChild) {
 TEST(BooleanTree, AChildThatFailsFailsTheWholeTreeWithItsError) {
     LogCapture capture;
     Bench bench;
-    int error = 0;
+    int32_t error = 0;
     EXPECT_EQ(bench.Create(Combine("boolean.AND", {Switch("f.a"), R"({"type":"boolean.XOR"})"}), &error), nullptr);
     EXPECT_EQ(error, 120);
     EXPECT_TRUE(capture.Contains(logging::kError,

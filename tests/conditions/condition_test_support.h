@@ -22,6 +22,7 @@
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
 #include "conditions/manager.h"
+#include "qv/user_manager.h"
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
@@ -105,8 +106,8 @@ public:
     // No Uninit here: the tests rely on the factory's deleter calling it.
     ~ConditionTestSwitch() override { --live; }
 
-    int Init(const InitData& data) override {
-        ConditionBase::Init(data);
+    int32_t Init(const InitData& data) override {
+        if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
         SwitchBoard* board = Dependency<SwitchBoard>();
         if (!board) return qv::status::kDependencyNotFound;
         const Json::Value& parameters = DataOf(data.json);
@@ -125,12 +126,12 @@ public:
         attached_ = false;
         ++uninits;
     }
-    int GetState(bool* state, bool recompute) override {
+    int32_t GetState(bool* state, bool recompute) override {
         std::lock_guard lock(lock_);
         if (recompute) {
             SwitchBoard* board = Dependency<SwitchBoard>();
             board->CountRecompute(name_);
-            if (const int status = board->Error(name_); status != 0) return status;
+            if (const int32_t status = board->Error(name_); status != 0) return status;
             state_ = board->Value(name_);
         }
         *state = state_;
@@ -159,7 +160,7 @@ int SwitchBoard::Set(const std::wstring& name, bool value) {
         values_[name] = value;
     }
     std::shared_lock lock(leavesMutex_);
-    int status = 0;
+    int32_t status = 0;
     for (ConditionTestSwitch* leaf : leaves_)
         if (leaf->name() == name) status = leaf->Apply();
     return status;
@@ -171,11 +172,11 @@ class ConditionNeedsUserManager final
     : public ConditionBaseWithDepends<ConditionBase, Product::UserManager::IUserManager> {
 public:
     static constexpr const wchar_t* kType = L"test.NeedsUserManager";
-    int Init(const InitData& data) override {
-        ConditionBase::Init(data);
+    int32_t Init(const InitData& data) override {
+        if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
         return Dependency<Product::UserManager::IUserManager>() ? 0 : qv::status::kDependencyNotFound;
     }
-    int GetState(bool* state, bool) override { return *state = true, 0; }
+    int32_t GetState(bool* state, bool) override { return *state = true, 0; }
 };
 
 // The module's manager plus the test types, and "test.NoFactory", an entry
@@ -198,9 +199,9 @@ public:
         bool state;
         size_t id;
     };
-    explicit Recorder(int status = 0) : status_(status) {}
+    explicit Recorder(int32_t status = 0) : status_(status) {}
 
-    int OnStateChanged(bool state, size_t conditionId) override {
+    int32_t OnStateChanged(bool state, size_t conditionId) override {
         {
             std::lock_guard lock(mutex_);
             notifications_.push_back({state, conditionId});
@@ -253,11 +254,11 @@ public:
             EXPECT_EQ(manager.Init(host.main()), 0);
         }
     }
-    ~Bench() { manager.Uninit(); }
+    ~Bench() { EXPECT_EQ(manager.Uninit(), 0); }
 
     // Builds a tree from JSON text through the manager.
-    ConditionPtr Create(const std::string& json, int* error = nullptr, size_t id = 0) {
-        int ignored = 0;
+    ConditionPtr Create(const std::string& json, int32_t* error = nullptr, size_t id = 0) {
+        int32_t ignored = 0;
         return manager.CreateCondition(ParseJson(json), error ? error : &ignored, id);
     }
     // Waits until the host's queues have run everything that is due.

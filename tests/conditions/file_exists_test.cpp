@@ -58,7 +58,7 @@ TEST(FileExists, NotifiesOnceWhenTheFileAppearsAndOnceWhenItGoes) {
     Bench bench;
     TempDir dir;
     const std::wstring path = dir.File(L"watched.txt");
-    int error = -1;
+    int32_t error = -1;
     ConditionPtr condition = bench.manager.CreateCondition(FileExists(path), &error, 2);
     ASSERT_NE(condition, nullptr);
     EXPECT_EQ(error, 0);
@@ -92,7 +92,7 @@ TEST(FileExists, AMissingPathFailsWith87AndLeavesNoThreadBehind) {
     // thread of their own; start one before taking the baseline.
     std::thread([] {}).join();
     const size_t threadsBefore = os::ProcessThreadCount();
-    int error = 0;
+    int32_t error = 0;
     for (const char* json : {R"({"type":"Test.FileExists","data":{}})",
                              R"({"type":"Test.FileExists","data":{"filePath":""}})"}) {
         EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
@@ -158,7 +158,7 @@ TEST(FileExists, ThousandsOfTreesLeaveNoThreadOrHandleBehind) {
     int failed = 0, built = 0;
     std::vector<ConditionPtr> alive;
     for (int i = 0; i < kTrees; ++i) {
-        int error = 0;
+        int32_t error = 0;
         // Every other tree fails half-way, after some of its polling threads were started.
         ConditionPtr root = bench.manager.CreateCondition(i % 2 ? bad : good, &error, 0);
         if (root) {

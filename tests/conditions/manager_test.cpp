@@ -5,9 +5,7 @@
 #include <string>
 
 #include "condition_test_support.h"
-#include "os/module.h"
-#include "plugin/module_exports.h"
-#include "plugin/module_names.h"
+#include "qv/computer_manager.h"
 #include "support/log_capture.h"
 
 namespace condition_testing {
@@ -52,7 +50,7 @@ TEST(ManagerInit, MissingHostServicesOnlyFailTheConditionsThatNeedThem) {
     const auto misses = MessagesFrom(capture, kInitDependencies);
     EXPECT_EQ(std::count(misses.begin(), misses.end(), L"failed to create dependency"), 2);
 
-    int error = 0;
+    int32_t error = 0;
     EXPECT_EQ(bench.Create(R"({"type":"test.NeedsUserManager"})", &error), nullptr);
     EXPECT_EQ(error, 5002);
     EXPECT_EQ(bench.Create(R"({"type":"qv.isOvraConnected","data":{"connected":true}})", &error), nullptr);
@@ -71,7 +69,7 @@ TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
     ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
     EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
     EXPECT_EQ(bench.host.components().References(host::NetworkProviderStandIn::kName), 1);
-    int error = -1;
+    int32_t error = -1;
     {
         ConditionPtr condition = bench.Create(R"({"type":"test.NeedsUserManager"})", &error);
         EXPECT_NE(condition, nullptr);
@@ -79,7 +77,7 @@ TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
     }
     // Building conditions takes no further references.
     EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
-    bench.manager.Uninit();
+    EXPECT_EQ(bench.manager.Uninit(), 0);
     EXPECT_EQ(bench.host.components().TotalReferences(), 0);
 }
 
@@ -100,7 +98,7 @@ TEST(ManagerInit, HostIdentifierTextsParseToTheHostsIdentifiers) {
 TEST(CreateCondition, BuildsAConstantWithoutDataAndLogsItsProgress) {
     LogCapture capture;
     Bench bench;
-    int error = -1;
+    int32_t error = -1;
     ConditionPtr condition = bench.Create(R"({"type":"boolean.TRUE"})", &error);
     ASSERT_NE(condition, nullptr);
     EXPECT_EQ(error, 0);
@@ -117,7 +115,7 @@ TEST(CreateCondition, RefusesJsonWithoutAStringType) {
     for (const char* json : {R"({"data":{}})", R"({"type":5})", R"({"type":null})", R"(["boolean.TRUE"])",
                              R"("boolean.TRUE")"}) {
         LogCapture capture;
-        int error = 0;
+        int32_t error = 0;
         EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
         EXPECT_EQ(error, 87) << json;
         EXPECT_TRUE(capture.Contains(logging::kDetail, kLoad, L"Failed to load subnode type")) << json;
@@ -132,7 +130,7 @@ TEST(CreateCondition, UnknownKeywordsGive120WithNoFurtherMessage) {
     for (const char* type : {"boolean.true", "Boolean.TRUE", "boolean.XOR", "", "network.IP", "network.IPRange",
                              "network.canResolveHost", "ad.User", "ad.ComputerGroup.OU"}) {
         LogCapture capture;
-        int error = 0;
+        int32_t error = 0;
         EXPECT_EQ(bench.Create(std::string(R"({"type":")") + type + "\"}", &error), nullptr) << type;
         EXPECT_EQ(error, 120) << type;
         const auto messages = MessagesFrom(capture, kCreate);
@@ -147,7 +145,7 @@ TEST(CreateCondition, FailuresAfterTheTypeWasFound) {
     LogCapture capture;
     Bench bench;
     const int uninitsBefore = ConditionTestSwitch::uninits;
-    int error = 0;
+    int32_t error = 0;
     EXPECT_EQ(bench.Create(R"({"type":"test.Switch","data":{"name":"a","failWith":1234}})", &error), nullptr);
     EXPECT_EQ(error, 1234);
     EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition of type [test.Switch] error = [1234]"));
@@ -171,7 +169,7 @@ std::string NotChain(size_t levels) {
 
 TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     Bench bench;
-    int error = -1;
+    int32_t error = -1;
     ConditionPtr deepest = bench.Create(NotChain(Manager::kMaxConditionDepth), &error);
     ASSERT_NE(deepest, nullptr);
     EXPECT_EQ(error, 0);
@@ -197,39 +195,6 @@ TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     ConditionPtr broad = bench.Create(wide, &error);
     EXPECT_NE(broad, nullptr);
     EXPECT_EQ(error, 0);
-}
-
-// Through the built module's exports, as the host reaches it.
-TEST(ManagerExport, TheModuleExportsTheConditionManagerAsASingleton) {
-    testing_support::LoadedModule module;
-    ASSERT_TRUE(module.Loaded());
-    const QvCreateObjectFn create = module.create;
-    const QvDestroyObjectFn destroy = module.destroy;
-    {
-        const std::wstring name = qv::names::kConditionManager;
-        void* managerPart = nullptr;
-        void* pluginPart = nullptr;
-        ASSERT_EQ(create(name.c_str(), &IManager::iid, &managerPart), 0);
-        ASSERT_EQ(create(name.c_str(), &IServPlugin::iid, &pluginPart), 0);
-        auto* plugin = static_cast<IServPlugin*>(pluginPart);
-        auto* manager = static_cast<IManager*>(managerPart);
-        // One object behind both requests.
-        EXPECT_EQ(plugin->QueryInterface(IManager::iid), managerPart);
-
-        host::ReferenceHost host;
-        host::NetworkProviderStandIn provider;
-        host.components().Register(host::NetworkProviderStandIn::kName, &provider);
-        ASSERT_EQ(plugin->Init(host.main()), 0);
-        int error = -1;
-        ConditionPtr condition = manager->CreateCondition(ParseJson(R"({"type":"boolean.TRUE"})"), &error, 0);
-        EXPECT_TRUE(condition && StateOf(*condition));
-        condition.reset();
-        EXPECT_EQ(plugin->Uninit(), 0);
-        EXPECT_EQ(host.components().TotalReferences(), 0);
-
-        destroy(name.c_str(), plugin->QueryInterface(IQvBaseInterface::iid));
-        destroy(name.c_str(), managerPart);
-    }
 }
 
 }  // namespace

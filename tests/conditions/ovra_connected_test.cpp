@@ -102,7 +102,7 @@ TEST_F(OvraConnected, EachReportRestartsTheWaitAndTheLastValueIsDeliveredEvenIfU
 }
 
 TEST_F(OvraConnected, RequiresABooleanConnectedMember) {
-    int error = 0;
+    int32_t error = 0;
     for (const char* json : {R"({"type":"qv.isOvraConnected"})", R"({"type":"qv.isOvraConnected","data":{}})",
                              R"({"type":"qv.isOvraConnected","data":{"connected":"yes"}})"}) {
         EXPECT_EQ(bench.Create(json, &error), nullptr) << json;

@@ -83,7 +83,7 @@ TEST(List, EnumeratorsWalkModifyAndRemove) {
     EXPECT_TRUE(list.Empty());
     EXPECT_EQ(list.GetHead(), nullptr);
     EXPECT_EQ(list.GetTail(), nullptr);
-    list.AddTail(5);
+    ASSERT_EQ(list.AddTail(5), 0);
     EXPECT_EQ(Contents<int>(list), (std::vector<int>{5}));
 
     qv::ConstListEnumPtr<int> c(static_cast<const qv::List<int>&>(list).CreateConstEnum());
@@ -115,7 +115,7 @@ TEST(List, CopiesAreDeepAndMovesTransferOwnership) {
     qv::List<std::wstring> original{L"x", L"y"};
     qv::List<std::wstring> copy(original);
     *copy.GetHead() = L"changed";
-    copy.AddTail(L"z");
+    ASSERT_EQ(copy.AddTail(L"z"), 0);
     EXPECT_EQ(Contents<std::wstring>(original), (std::vector<std::wstring>{L"x", L"y"}));
     EXPECT_FALSE(copy == original);
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "os/module.h"
-#include "plugin/module_exports.h"
+#include "module/module_exports.h"
 #include "plugin/module_names.h"
 #include "qv/serv_plugin.h"
 #include "support/log_capture.h"

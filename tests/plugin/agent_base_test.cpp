@@ -44,7 +44,7 @@ struct MiniHost {
     host::AgentManager agents;
     Fronted fronted;
     MiniHost(bool withManager, bool withFronted) {
-        if (withManager) components.Register(L"EndpointIntegration.Manager", &agents);
+        if (withManager) components.Register(EnterpriseIntegration::IManager::kPluginName, &agents);
         if (withFronted) components.Register(L"Test.Fronted", &fronted);
     }
 };
@@ -54,7 +54,7 @@ struct MiniHost {
 
 TEST(ServPlugin, LogsANullManagerAndAMissingPlugin) {
     testing_support::LogCapture capture;
-    qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"EndpointIntegration.Manager");
+    qv::ServPlugin<EnterpriseIntegration::IManager> plugin(EnterpriseIntegration::IManager::kPluginName);
     EXPECT_EQ(plugin.GetPlugin(nullptr), nullptr);
     EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
                                  L"Null component manager"));
@@ -68,13 +68,13 @@ TEST(ServPlugin, LogsANullManagerAndAMissingPlugin) {
 TEST(ServPlugin, HoldsOneReferenceAndGivesItBackByName) {
     MiniHost host(true, false);
     {
-        qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"EndpointIntegration.Manager");
+        qv::ServPlugin<EnterpriseIntegration::IManager> plugin(EnterpriseIntegration::IManager::kPluginName);
         ASSERT_EQ(plugin.GetPlugin(&host.components), &host.agents);
         // A second lookup first gives back the reference it held.
         ASSERT_EQ(plugin.GetPlugin(&host.components), &host.agents);
-        EXPECT_EQ(host.components.References(L"EndpointIntegration.Manager"), 1);
+        EXPECT_EQ(host.components.References(EnterpriseIntegration::IManager::kPluginName), 1);
     }
-    EXPECT_EQ(host.components.References(L"EndpointIntegration.Manager"), 0);
+    EXPECT_EQ(host.components.References(EnterpriseIntegration::IManager::kPluginName), 0);
 }
 
 TEST(ServPlugin, WrongInterfaceIsAFailedLookup) {
@@ -106,12 +106,12 @@ TEST(AgentBase, StartRegistersStopAndUninitUndoEverything) {
     ASSERT_EQ(agent.Start(), 0);
     EXPECT_TRUE(agent.registered());
     EXPECT_EQ(host.agents.FindAgent(L"Test.Agent"), &agent);
-    agent.Stop();
+    EXPECT_EQ(agent.Stop(), 0);
     EXPECT_FALSE(agent.registered());
     EXPECT_EQ(host.agents.GetAgentCount(), 0u);
 
     ASSERT_EQ(agent.Start(), 0);
-    agent.Uninit();  // unregisters as well
+    EXPECT_EQ(agent.Uninit(), 0);  // unregisters as well
     EXPECT_EQ(host.agents.GetAgentCount(), 0u);
     EXPECT_EQ(host.components.TotalReferences(), 0);
 }
@@ -123,7 +123,7 @@ TEST(AgentBase, RefusedRegistrationFailsStart) {
     ASSERT_EQ(agent.Init(&host.main), 0);
     EXPECT_EQ(agent.Start(), 1627);
     EXPECT_FALSE(agent.registered());
-    agent.Uninit();
+    EXPECT_EQ(agent.Uninit(), 0);
 }
 
 TEST(AgentBase, AnswersItsInterfacesAndName) {

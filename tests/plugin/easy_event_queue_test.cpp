@@ -161,20 +161,23 @@ TEST_F(EasyEventQueueOnHost, PostsFromManyThreadsAndFromInsideItemsAllRun) {
     qv::EasyEventQueue queue;
     ASSERT_EQ(queue.Init(handle, L"Cond.IsOvraConn"), 0);
     std::atomic<int> runs{0};
+    std::atomic<int> refused{0};
     auto followUp = [&] {
         ++runs;
-        queue.Post([&] { ++runs; }, 0);  // a follow-up from the queue thread
+        if (queue.Post([&] { ++runs; }, 0) != 0) ++refused;  // a follow-up from the queue thread
     };
     {
         std::vector<std::jthread> posters;
         for (int t = 0; t < 4; ++t)
             posters.emplace_back([&] {
-                for (int i = 0; i < 50; ++i) queue.Post(followUp, static_cast<uint32_t>(i % 3));
+                for (int i = 0; i < 50; ++i)
+                    if (queue.Post(followUp, static_cast<uint32_t>(i % 3)) != 0) ++refused;
             });
     }
     clock.Advance(2);
     ASSERT_TRUE(service.WaitIdle());
     EXPECT_EQ(runs.load(), 400);
+    EXPECT_EQ(refused.load(), 0);
     EXPECT_EQ(queue.PendingCount(), 0u);
 }
 

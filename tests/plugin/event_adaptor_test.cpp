@@ -12,7 +12,7 @@ using Log = std::vector<std::string>;
 
 struct IEvents {
     virtual ~IEvents() = default;
-    virtual int OnStateChanged(bool state, size_t id) = 0;
+    virtual int32_t OnStateChanged(bool state, size_t id) = 0;
     virtual int OnName(std::string name) = 0;
     virtual int OnList(const std::vector<int>& values) = 0;
     virtual int OnPing() = 0;
@@ -25,7 +25,7 @@ struct Subscriber : IEvents {
         log.push_back(name + ":" + what);
         return status;
     }
-    int OnStateChanged(bool state, size_t id) override { return Note(std::to_string(state) + "," + std::to_string(id)); }
+    int32_t OnStateChanged(bool state, size_t id) override { return Note(std::to_string(state) + "," + std::to_string(id)); }
     int OnName(std::string text) override { return Note(text); }
     int OnList(const std::vector<int>& values) override {
         lists.push_back(&values);

@@ -5,8 +5,7 @@
 #include <vector>
 
 #include "plugin/exported_objects.h"
-#include "plugin/module_exports.h"
-#include "plugin/status.h"
+#include "qv/status.h"
 #include "qv/serv_plugin.h"
 
 namespace {
@@ -37,6 +36,12 @@ qv::ExportedSingletonDeclaration<SingletonPlugin> singletonDeclaration(L"Test.Ex
 qv::ExportedObjectDeclaration<PerRequestPlugin> perRequestDeclaration(L"Test.Exports.PerRequest");
 qv::ExportedObjectDeclaration<OtherPlugin> duplicateDeclaration(L"Test.Exports.Singleton");
 
+// The registry is what the module's two exports forward to.
+int32_t CreateObject(const wchar_t* name, const GUID* iid, void** object) {
+    return qv::ExportedObjectRegistry::Instance().CreateObject(name, iid, object);
+}
+void DestroyObject(const wchar_t* name, void* object) { qv::ExportedObjectRegistry::Instance().DestroyObject(name, object); }
+
 constexpr GUID kUnknownIid = qv::MakeGuid(0x12345678, 0x1234, 0x1234, 0x1234, 0x123456789ABC);
 
 }  // namespace
@@ -44,59 +49,59 @@ constexpr GUID kUnknownIid = qv::MakeGuid(0x12345678, 0x1234, 0x1234, 0x1234, 0x
 TEST(ExportedObjects, SingletonIsSharedAndCountedUntilTheLastGiveBack) {
     void* first = nullptr;
     void* second = nullptr;
-    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &first), 0);
-    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &second), 0);
+    ASSERT_EQ(CreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &first), 0);
+    ASSERT_EQ(CreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &second), 0);
     EXPECT_EQ(first, second);
     EXPECT_EQ(singletonDeclaration.count(), 2);
     EXPECT_TRUE(singletonDeclaration.HasInstances());
 
-    QvDestroyObject(L"Test.Exports.Singleton", first);
+    DestroyObject(L"Test.Exports.Singleton", first);
     EXPECT_EQ(SingletonPlugin::live, 1);
-    QvDestroyObject(L"Test.Exports.Singleton", second);
+    DestroyObject(L"Test.Exports.Singleton", second);
     EXPECT_EQ(SingletonPlugin::live, 0);
     EXPECT_FALSE(singletonDeclaration.HasInstances());
 }
 
 TEST(ExportedObjects, NamesAreExactAndCaseSensitive) {
     void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(QvCreateObject(L"test.exports.singleton", &IServPlugin::iid, &object), qv::status::kNotFound);
+    EXPECT_EQ(CreateObject(L"test.exports.singleton", &IServPlugin::iid, &object), qv::status::kNotFound);
     EXPECT_EQ(object, nullptr);
-    EXPECT_EQ(QvCreateObject(L"Test.Exports.Singleto", &IServPlugin::iid, &object), qv::status::kNotFound);
+    EXPECT_EQ(CreateObject(L"Test.Exports.Singleto", &IServPlugin::iid, &object), qv::status::kNotFound);
     EXPECT_EQ(SingletonPlugin::live, 0);
 }
 
 TEST(ExportedObjects, MissingInterfaceGivesNotFoundAndLeavesTheCountUnchanged) {
     void* held = nullptr;
-    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IQvBaseInterface::iid, &held), 0);
+    ASSERT_EQ(CreateObject(L"Test.Exports.Singleton", &IQvBaseInterface::iid, &held), 0);
     void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(QvCreateObject(L"Test.Exports.Singleton", &kUnknownIid, &object), qv::status::kNotFound);
+    EXPECT_EQ(CreateObject(L"Test.Exports.Singleton", &kUnknownIid, &object), qv::status::kNotFound);
     EXPECT_EQ(object, nullptr);
     EXPECT_EQ(singletonDeclaration.count(), 1);
     EXPECT_EQ(SingletonPlugin::live, 1);
-    QvDestroyObject(L"Test.Exports.Singleton", held);
+    DestroyObject(L"Test.Exports.Singleton", held);
     EXPECT_EQ(SingletonPlugin::live, 0);
 
     // Without an earlier holder the object made for the failed request is deleted at once.
-    EXPECT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &kUnknownIid, &object), qv::status::kNotFound);
+    EXPECT_EQ(CreateObject(L"Test.Exports.PerRequest", &kUnknownIid, &object), qv::status::kNotFound);
     EXPECT_EQ(PerRequestPlugin::live, 0);
 }
 
 TEST(ExportedObjects, PerRequestDeclarationMakesAFreshObjectEachTime) {
     void* a = nullptr;
     void* b = nullptr;
-    ASSERT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &a), 0);
-    ASSERT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &b), 0);
+    ASSERT_EQ(CreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &a), 0);
+    ASSERT_EQ(CreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &b), 0);
     EXPECT_NE(a, b);
     EXPECT_EQ(PerRequestPlugin::live, 2);
     EXPECT_FALSE(perRequestDeclaration.HasInstances());
 
     // An object of another class is ignored by the per-request declaration.
     OtherPlugin stranger;
-    QvDestroyObject(L"Test.Exports.PerRequest", static_cast<IQvBaseInterface*>(&stranger));
+    DestroyObject(L"Test.Exports.PerRequest", static_cast<IQvBaseInterface*>(&stranger));
     EXPECT_EQ(OtherPlugin::live, 1);
 
-    QvDestroyObject(L"Test.Exports.PerRequest", a);
-    QvDestroyObject(L"Test.Exports.PerRequest", b);
+    DestroyObject(L"Test.Exports.PerRequest", a);
+    DestroyObject(L"Test.Exports.PerRequest", b);
     EXPECT_EQ(PerRequestPlugin::live, 0);
 }
 
@@ -107,29 +112,29 @@ TEST(ExportedObjects, SecondRegistrationOfANameIsRefusedAndTheFirstStays) {
               qv::status::kAlreadyExists);
 
     void* object = nullptr;
-    ASSERT_EQ(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &object), 0);
+    ASSERT_EQ(CreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &object), 0);
     EXPECT_EQ(SingletonPlugin::live, 1);
     EXPECT_EQ(OtherPlugin::live, 0);
-    QvDestroyObject(L"Test.Exports.Singleton", object);
+    DestroyObject(L"Test.Exports.Singleton", object);
 }
 
 TEST(ExportedObjects, UnknownNamesAndNullArgumentsAreHandled) {
-    QvDestroyObject(L"Test.Exports.Nobody", nullptr);
-    QvDestroyObject(nullptr, nullptr);
+    DestroyObject(L"Test.Exports.Nobody", nullptr);
+    DestroyObject(nullptr, nullptr);
     void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(QvCreateObject(nullptr, &IServPlugin::iid, &object), qv::status::kNotFound);
+    EXPECT_EQ(CreateObject(nullptr, &IServPlugin::iid, &object), qv::status::kNotFound);
     EXPECT_EQ(object, nullptr);
-    EXPECT_EQ(QvCreateObject(L"Test.Exports.Singleton", nullptr, &object), qv::status::kNotFound);
-    EXPECT_NE(QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, nullptr), 0);
+    EXPECT_EQ(CreateObject(L"Test.Exports.Singleton", nullptr, &object), qv::status::kNotFound);
+    EXPECT_NE(CreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, nullptr), 0);
     EXPECT_EQ(SingletonPlugin::live, 0);
 }
 
 TEST(ExportedObjects, LoggingIsAvailableWhileAnExportedObjectLives) {
     ASSERT_FALSE(logging::CLogDLL::Exists());
     void* object = nullptr;
-    ASSERT_EQ(QvCreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &object), 0);
+    ASSERT_EQ(CreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &object), 0);
     EXPECT_TRUE(logging::CLogDLL::Exists());
-    QvDestroyObject(L"Test.Exports.PerRequest", object);
+    DestroyObject(L"Test.Exports.PerRequest", object);
     EXPECT_FALSE(logging::CLogDLL::Exists());
 }
 
@@ -141,9 +146,9 @@ TEST(ExportedObjects, ConcurrentSingletonRequestsShareOneInstance) {
         threads.emplace_back([&] {
             for (int i = 0; i < kRounds; ++i) {
                 void* object = nullptr;
-                if (QvCreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &object) != 0) ++failures;
+                if (CreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, &object) != 0) ++failures;
                 if (SingletonPlugin::live != 1) ++failures;
-                QvDestroyObject(L"Test.Exports.Singleton", object);
+                DestroyObject(L"Test.Exports.Singleton", object);
             }
         });
     }

@@ -2,7 +2,6 @@
 // Test helper: a thread that runs posted steps one after another, so that a
 // test can make one thread take a lock, come back later on the same thread
 // to release it, and see which steps are still blocked.
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -15,31 +14,13 @@
 #include <utility>
 
 #include "os/thread_id.h"
+#include "support/waiting.h"
 
 namespace lock_testing {
 
-constexpr auto kPatience = std::chrono::seconds(10);
-
-// True when `future` finishes within the test's patience.
-inline bool Finishes(const std::future<void>& future) {
-    return future.wait_for(kPatience) == std::future_status::ready;
-}
-
-// True when `future` has not finished yet.
-inline bool Pending(const std::future<void>& future) {
-    return future.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
-}
-
-// Polls `predicate` until it holds or the test's patience runs out.
-template <class Predicate>
-bool Eventually(Predicate predicate) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using testing_support::Eventually;
+using testing_support::Finishes;
+using testing_support::Pending;
 
 class ThreadActor {
 public:

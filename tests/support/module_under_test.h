@@ -9,7 +9,7 @@
 #include <json/reader.h>
 
 #include "os/module.h"
-#include "plugin/module_exports.h"
+#include "module/module_exports.h"
 #include "support/log_capture.h"
 
 namespace testing_support {
