@@ -33,7 +33,7 @@ public:
 
     void* QueryInterface(const GUID& iid) override;
     std::optional<bool> GetEcsConnectionState() override;
-    // 0; 1627 when already registered; 87 for null.
+    // 0; kFunctionFailed when already registered; kInvalidParameter for null.
     int32_t RegisterEcsNotifications(IEcsNotifications* subscriber) override;
     int32_t UnregisterEcsNotifications(IEcsNotifications* subscriber) override;
 

@@ -12,10 +12,10 @@
 // refused, or when the service is destroyed. Item code (Run, Release) is
 // never called under the service's lock; exceptions it throws are swallowed.
 //
-// Statuses: 87 for a null or unknown argument (a handle not made here or
+// Statuses: kInvalidParameter for a null or unknown argument (a handle not made here or
 // already released, a queue name other than the handle's, a group of another
-// handle); 21 for a post or group creation on a stopped handle; 1168 for an
-// unknown group or item id; 1460 for a WaitQueue time-out; 1631 when a worker
+// handle); kNotReady for a post or group creation on a stopped handle; kNotFound for an
+// unknown group or item id; kTimeout for a WaitQueue time-out; kCreateFailed when a worker
 // thread cannot be created.
 #include <chrono>
 #include <condition_variable>

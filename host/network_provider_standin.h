@@ -32,11 +32,11 @@ public:
 
     void* QueryInterface(const GUID& iid) override;
     int32_t Start() override;
-    // 1627 when there is no Start to balance.
+    // kFunctionFailed when there is no Start to balance.
     int32_t Stop() override;
     // Leaves `out` as it is: the caller's freshly made record is the empty state.
     int32_t GetState(Product::Integration::NetworkState& out) override;
-    // 0; 1627 when already subscribed; 87 for null.
+    // 0; kFunctionFailed when already subscribed; kInvalidParameter for null.
     int32_t Subscribe(IEvents* subscriber) override;
     int32_t Unsubscribe(IEvents* subscriber) override;
 

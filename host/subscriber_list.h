@@ -15,7 +15,7 @@ namespace host {
 template <class T>
 class SubscriberList {
 public:
-    // 0; 87 for null; 1627 when already subscribed.
+    // 0; kInvalidParameter for null; kFunctionFailed when already subscribed.
     int32_t Add(T* subscriber) {
         if (!subscriber) return qv::status::kInvalidParameter;
         if (Contains(subscriber)) return qv::status::kFunctionFailed;
@@ -23,7 +23,7 @@ public:
         return 0;
     }
 
-    // 0; 1627 when not subscribed.
+    // 0; kFunctionFailed when not subscribed.
     int32_t Remove(T* subscriber) {
         auto it = std::find(subscribers_.begin(), subscribers_.end(), subscriber);
         if (it == subscribers_.end()) return qv::status::kFunctionFailed;

@@ -27,7 +27,7 @@ struct IEventQueue {
     [[nodiscard]] virtual int32_t CancelGroup(EqGroupHandle group) = 0;
     // Cancels the group's pending items and forgets the group.
     [[nodiscard]] virtual int32_t ReleaseGroup(EqGroupHandle group) = 0;
-    // Removes one pending item; 1168 when it already ran or is unknown.
+    // Removes one pending item; kNotFound when it already ran or is unknown.
     [[nodiscard]] virtual int32_t Cancel(EqItemId id) = 0;
     // Queues `item` on the worker named `queueName` (the handle's own name).
     // `delayMs` postpones it; `expireMs` (kEqNoValue: never) drops it, unrun,
@@ -48,7 +48,7 @@ struct IEventQueueFactory {
     // After Stop the handle refuses posts and its pending items are released unrun.
     [[nodiscard]] virtual int32_t StopQueue(IEventQueue* queue) = 0;
     // Waits until no item posted through the handle is running (timeout in ms,
-    // 0xFFFFFFFF for none). Returns 0, or 1460 on time-out. Called from the
+    // 0xFFFFFFFF for none). Returns 0, or kTimeout on time-out. Called from the
     // worker itself it does not wait for the item that is calling.
     [[nodiscard]] virtual int32_t WaitQueue(IEventQueue* queue, uint32_t timeoutMs) = 0;
     // Gives the handle back; the worker ends when its last handle is released.

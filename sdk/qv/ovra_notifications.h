@@ -26,9 +26,9 @@ struct IOvraClientWithNotifications : IQvBaseInterface {
 
     // The current connection state; empty when unknown.
     virtual std::optional<bool> GetEcsConnectionState() = 0;
-    // Adds a subscriber: 0, or 1627 when it is already registered.
+    // Adds a subscriber: 0, or kFunctionFailed when it is already registered.
     [[nodiscard]] virtual int32_t RegisterEcsNotifications(IEcsNotifications* subscriber) = 0;
-    // Removes a subscriber: 0, or 1627 when it was not registered. Once this
+    // Removes a subscriber: 0, or kFunctionFailed when it was not registered. Once this
     // returns, the subscriber is not called any more (a report being delivered
     // to it on another thread has finished).
     [[nodiscard]] virtual int32_t UnregisterEcsNotifications(IEcsNotifications* subscriber) = 0;

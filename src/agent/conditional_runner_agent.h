@@ -25,7 +25,7 @@ public:
     ConditionalRunnerAgent();
     ~ConditionalRunnerAgent() override;
 
-    // 0; 1300 before Init obtained the runner; 1627 when the agent manager
+    // 0; kNotAllAssigned before Init obtained the runner; kFunctionFailed when the agent manager
     // refuses the registration. On success the agent subscribes to run reports.
     [[nodiscard]] int32_t Start() override;
     // Unsubscribes from run reports and unregisters. Idempotent.
@@ -37,7 +37,7 @@ public:
     // Dispatches one console call; always reports a status through SetResult.
     void RunPolicyMethod(IMethodCall* call) override;
     // False without the runner, or when the runner reports no connection
-    // (1229 or 2250 from GetSettings).
+    // (kConnectionInvalid or kNotConnected from GetSettings).
     bool IsReady() override;
     // Reports "Product.ConditionalRunner".
     void GetNames(INameCollector* names) override;
@@ -77,8 +77,8 @@ private:
         Json::Value response;
         std::vector<std::wstring> ruleIds;
     };
-    // Builds the event of one report and sends it: 0, or 87 (no agent
-    // manager), 232 (empty report), 3 (payload not created), 1631 (refused).
+    // Builds the event of one report and sends it: 0, or kInvalidParameter (no agent
+    // manager), kNoData (empty report), kPathNotFound (payload not created), kCreateFailed (refused).
     [[nodiscard]] int32_t SendMethodSetsRun(const std::vector<RunItem>& items);
 
     bool subscribed_ = false;

@@ -32,7 +32,7 @@ public:
 
 protected:
     // Builds the children from "data"."conditions" through `manager` and
-    // subscribes to each. 87 when the member is absent, not an array or
+    // subscribes to each. kInvalidParameter when the member is absent, not an array or
     // empty; a child's error when it cannot be built (children built so far
     // are destroyed).
     [[nodiscard]] int32_t CreateChildren(const Json::Value& json, IManager* manager);

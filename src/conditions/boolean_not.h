@@ -29,7 +29,7 @@ public:
     [[nodiscard]] int32_t OnStateChanged(bool state, size_t conditionId) override;
 
 private:
-    // Builds and subscribes to the child from "data"."condition". 87 when it
+    // Builds and subscribes to the child from "data"."condition". kInvalidParameter when it
     // is absent; the child's error; or the subscription's status.
     [[nodiscard]] int32_t CreateChild(const Json::Value& json, IManager* manager);
     void ReleaseChild();

@@ -39,9 +39,9 @@ public:
     [[nodiscard]] virtual int32_t GetState(bool* state, bool recompute) = 0;
     // The type keyword the condition was built from; "" when none. Never null.
     virtual const wchar_t* GetType() = 0;
-    // 0 when added; 1627 when that subscriber is already subscribed.
+    // 0 when added; kFunctionFailed when that subscriber is already subscribed.
     [[nodiscard]] virtual int32_t Subscribe(IConditionEvent* subscriber) = 0;
-    // 0 when removed; 1627 when it was not subscribed.
+    // 0 when removed; kFunctionFailed when it was not subscribed.
     [[nodiscard]] virtual int32_t Unsubscribe(IConditionEvent* subscriber) = 0;
     // Calls the visitor with this condition, then Accept on each child in
     // order (depth first, parent before children). Returns 0.

@@ -28,10 +28,10 @@ public:
     IEventQueueFactory* factory() const noexcept { return factory_; }
 
     // Creates the queue `name` through the factory, closing any earlier one.
-    // 0; 5002 without a factory; otherwise the host's status.
+    // 0; kDependencyNotFound without a factory; otherwise the host's status.
     [[nodiscard]] int32_t Open(const std::wstring& name);
     // Runs `work` on the queue's thread after `delayMs`. 0 or the host's
-    // status (21 when the queue is not open or closing).
+    // status (kNotReady when the queue is not open or closing).
     [[nodiscard]] int32_t Post(std::function<void()> work, uint32_t delayMs);
     // Stops the queue (pending work is dropped unrun), waits without a time
     // limit for work that is running, and gives the queue back. Afterwards no

@@ -23,9 +23,9 @@ public:
 
     ~ConditionFileExists() override;
 
-    // Reads the path (absent, not a string or empty: 87, but the condition is
+    // Reads the path (absent, not a string or empty: kInvalidParameter, but the condition is
     // still completed and polls the empty path, which never exists), takes
-    // the initial state and starts polling. 1627 when the thread cannot start.
+    // the initial state and starts polling. kFunctionFailed when the thread cannot start.
     [[nodiscard]] int32_t Init(const InitData& data) override;
     // Signals the polling thread and waits for it to end. Idempotent.
     void Uninit() override;

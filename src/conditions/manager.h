@@ -14,7 +14,7 @@
 // thread.
 //
 // Nesting bound: a tree nested deeper than kMaxConditionDepth conditions is
-// refused with 87, so that a hostile or broken console cannot exhaust the
+// refused with kInvalidParameter, so that a hostile or broken console cannot exhaust the
 // stack of the service process. 64 levels is far beyond any real rule.
 #include <cstddef>
 #include <cstdint>
@@ -48,7 +48,7 @@ public:
     void* QueryInterface(const GUID& iid) override;
 
     // Fills the type table, resolves the dependencies through the host's
-    // component manager and obtains the network provider. 5002 when there is
+    // component manager and obtains the network provider. kDependencyNotFound when there is
     // no network provider; the status of InitDependencies when it fails. On
     // failure nothing stays acquired.
     [[nodiscard]] int32_t Init(IServMain* main) override;
@@ -57,8 +57,8 @@ public:
     [[nodiscard]] int32_t Start() override { return 0; }
     [[nodiscard]] int32_t Stop() override { return 0; }
 
-    // Builds one condition tree (see IManager). Failures: 87 for a missing or
-    // non-string "type" or a tree nested too deeply; 120 for an unknown type
+    // Builds one condition tree (see IManager). Failures: kInvalidParameter for a missing or
+    // non-string "type" or a tree nested too deeply; kCallNotImplemented for an unknown type
     // keyword; otherwise the failing condition's Init status (the condition is
     // destroyed through its deleter).
     [[nodiscard]] ConditionPtr CreateCondition(const Json::Value& json, int32_t* error, size_t id) override;
@@ -66,7 +66,7 @@ public:
     // Resolves every dependency record of every type once: the manager itself,
     // the host's queue factory, or the host plug-in of that name. A record
     // that cannot be resolved is logged and left null (the condition that
-    // needs it fails in its own Init). 87 for a null component manager.
+    // needs it fails in its own Init). kInvalidParameter for a null component manager.
     [[nodiscard]] int32_t InitDependencies(IComponentManager* components);
 
 protected:

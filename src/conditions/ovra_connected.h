@@ -37,7 +37,7 @@ public:
 
     ~ConditionisOvraConnected() override;
 
-    // 5002 without the agent client (or without a queue); 87 when
+    // kDependencyNotFound without the agent client (or without a queue); kInvalidParameter when
     // "connected" is absent or not a boolean; the client's status when it
     // refuses the registration. The initial state comes from the client's
     // current state (unknown counts as not connected) and is not notified.

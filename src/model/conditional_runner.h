@@ -110,7 +110,7 @@ struct IConditionalRunner {
     [[nodiscard]] virtual int32_t GetRules(qv::IList<Rule>& rules) = 0;
     // Adds or replaces one method set; with `signal` an evaluation follows.
     [[nodiscard]] virtual int32_t SetMethod(const Method& methodSet, bool signal) = 0;
-    // 1168 when `id` is unknown.
+    // kNotFound when `id` is unknown.
     [[nodiscard]] virtual int32_t GetMethodSet(const std::wstring& id, Method& methodSet) = 0;
     [[nodiscard]] virtual int32_t DeleteMethodSet(const std::wstring& id) = 0;
     [[nodiscard]] virtual int32_t DeleteAllMethodSets() = 0;
@@ -121,7 +121,7 @@ struct IConditionalRunner {
     [[nodiscard]] virtual int32_t SetEnabled(bool enabled) = 0;
     [[nodiscard]] virtual int32_t IsEnabled(bool& enabled) = 0;
     // Adds / removes a report subscriber (not owned). `flags` is reserved (0).
-    // 87 for a null listener; removing an absent one gives 1627.
+    // kInvalidParameter for a null listener; removing an absent one gives kFunctionFailed.
     [[nodiscard]] virtual int32_t Subscribe(IEvents* listener, int32_t flags) = 0;
     [[nodiscard]] virtual int32_t Unsubscribe(IEvents* listener, int32_t flags) = 0;
     virtual ~IConditionalRunner() = default;
@@ -136,7 +136,7 @@ struct IConditionalRunnerLocal : IConditionalRunner {
     protected:
         ~IRuleVisitor() = default;
     };
-    // 0 after visiting the rule with that id, 1168 when there is none.
+    // 0 after visiting the rule with that id, kNotFound when there is none.
     [[nodiscard]] virtual int32_t NavigateRulesById(const std::wstring& id, IRuleVisitor& visitor) = 0;
 };
 

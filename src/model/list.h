@@ -59,7 +59,7 @@ using ConstListEnumPtr = std::unique_ptr<IConstListEnum<T>, EnumReleaser>;
 
 template <class T>
 struct IList {
-    // Appends a copy at the end: 0, or 8 after logging "list too long" when
+    // Appends a copy at the end: 0, or kNotEnoughMemory after logging "list too long" when
     // the list already holds its maximum count.
     [[nodiscard]] virtual int32_t AddTail(const T& value) = 0;
     // Inserts a copy at the front; same results as AddTail.
@@ -67,15 +67,15 @@ struct IList {
     // The last element, or null when empty.
     virtual T* GetTail() = 0;
     virtual const T* GetTail() const = 0;
-    // Copies the last element into `out`: 0, or 1168 when empty (`out` untouched).
+    // Copies the last element into `out`: 0, or kNotFound when empty (`out` untouched).
     [[nodiscard]] virtual int32_t CopyTail(T& out) const = 0;
     // The first element, or null when empty.
     virtual T* GetHead() = 0;
     virtual const T* GetHead() const = 0;
-    // Copies the first element into `out`: 0, or 1168 when empty.
+    // Copies the first element into `out`: 0, or kNotFound when empty.
     [[nodiscard]] virtual int32_t CopyHead(T& out) const = 0;
     // Removes the element at `position` and moves `position` to the next one:
-    // 0; 1168 when `position` is at the end; 87 when it belongs to another list.
+    // 0; kNotFound when `position` is at the end; kInvalidParameter when it belongs to another list.
     [[nodiscard]] virtual int32_t RemoveAt(IListEnum<T>& position) = 0;
     // New enumerators positioned at the first element; the caller releases them.
     virtual IConstListEnum<T>* CreateConstEnum() const = 0;

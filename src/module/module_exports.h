@@ -11,7 +11,7 @@
 #define QV_MODULE_EXPORT extern "C" __attribute__((visibility("default")))
 #endif
 
-// 0 with *object set, or 1168 with *object null when the name is unknown or
+// 0 with *object set, or kNotFound with *object null when the name is unknown or
 // the object lacks `iid` (the object is then given back at once).
 QV_MODULE_EXPORT int32_t QvCreateObject(const wchar_t* name, const GUID* iid, void** object);
 // Gives back an object obtained from QvCreateObject under the same name.

@@ -39,9 +39,9 @@ public:
     [[nodiscard]] virtual int32_t Stop() = 0;
     // Copies the current state into `out`; 0.
     [[nodiscard]] virtual int32_t GetState(NetworkState& out) = 0;
-    // 0, or 1627 when `subscriber` is already subscribed.
+    // 0, or kFunctionFailed when `subscriber` is already subscribed.
     [[nodiscard]] virtual int32_t Subscribe(IEvents* subscriber) = 0;
-    // 0, or 1627 when `subscriber` was not subscribed. Once this returns the
+    // 0, or kFunctionFailed when `subscriber` was not subscribed. Once this returns the
     // subscriber is not called any more.
     [[nodiscard]] virtual int32_t Unsubscribe(IEvents* subscriber) = 0;
 

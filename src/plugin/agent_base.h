@@ -45,7 +45,7 @@ public:
         return 0;
     }
 
-    // Registers with the agent manager; 1627 when it refuses.
+    // Registers with the agent manager; kFunctionFailed when it refuses.
     [[nodiscard]] int32_t Start() override {
         if (!agentManager_ || !agentManager_->RegisterAgent(this)) return qv::status::kFunctionFailed;
         registered_ = true;
@@ -96,7 +96,7 @@ class Agent : public AgentBase {
 public:
     Agent(std::wstring agentName, std::wstring pluginName) : AgentBase(std::move(agentName)), plugin_(std::move(pluginName)) {}
 
-    // 5002 when the agent manager or the fronted plug-in is missing; whatever
+    // kDependencyNotFound when the agent manager or the fronted plug-in is missing; whatever
     // was acquired is then given back.
     [[nodiscard]] int32_t Init(IServMain* main) override {
         IComponentManager* manager = main ? main->GetComponentManager() : nullptr;

@@ -36,12 +36,12 @@ public:
     EasyEventQueue& operator=(const EasyEventQueue&) = delete;
 
     // Binds to a host queue handle (not owned) and creates the client's group.
-    // 0 or the host's status; 87 without a queue, 183 when already bound.
+    // 0 or the host's status; kInvalidParameter without a queue, kAlreadyExists when already bound.
     [[nodiscard]] int32_t Init(IEventQueue* queue, std::wstring name);
     // Posts `fn` to run on the queue's thread after `delayMs`; `second` is the
     // optional second value (kEqNoValue when absent), which the host reads as
     // the expiry in milliseconds after the item became due. Returns the host's
-    // status (21 when not bound); on success *id (if given) receives the item id.
+    // status (kNotReady when not bound); on success *id (if given) receives the item id.
     [[nodiscard]] int32_t Post(std::function<void()> fn, uint32_t delayMs, std::optional<uint32_t> second = std::nullopt,
                  EqItemId* id = nullptr);
     // Cancels the group's pending items, releases the group handle, forgets the

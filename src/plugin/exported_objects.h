@@ -29,7 +29,7 @@ class ExportedObjectRegistry {
 public:
     static ExportedObjectRegistry& Instance();
 
-    // 0, or 183 when the name is present (the table is left unchanged).
+    // 0, or kAlreadyExists when the name is present (the table is left unchanged).
     [[nodiscard]] int32_t Register(const std::wstring& name, IObjectConstructor* declaration);
     void Unregister(const std::wstring& name);
 
@@ -54,7 +54,7 @@ public:
         registration_ = ExportedObjectRegistry::Instance().Register(name_, this);
     }
     const std::wstring& name() const noexcept { return name_; }
-    // 0, or 183 when the name was taken by an earlier declaration.
+    // 0, or kAlreadyExists when the name was taken by an earlier declaration.
     int32_t registration() const noexcept { return registration_; }
 
 protected:

@@ -43,7 +43,7 @@ class SynchronyzedObjectContainer<T*> : public __Event_LockAdaptor<CSyncRWLock> 
 public:
     using value_type = T*;
 
-    // 0 when added at the end; 1627 when already present; 87 for null.
+    // 0 when added at the end; kFunctionFailed when already present; kInvalidParameter for null.
     [[nodiscard]] int32_t Add(T* object) {
         if (!object) return status::kInvalidParameter;
         WriteLockGuard guard(*this);
@@ -52,7 +52,7 @@ public:
         return status::kSuccess;
     }
 
-    // 0 when removed (the order of the rest is kept); 1627 when absent.
+    // 0 when removed (the order of the rest is kept); kFunctionFailed when absent.
     [[nodiscard]] int32_t Remove(T* object) {
         WriteLockGuard guard(*this);
         auto it = std::find(objects_.begin(), objects_.end(), object);
