@@ -2,6 +2,8 @@
 // Loading shared libraries (DLLs / shared objects) at run time.
 #include <string>
 
+#include "os/path.h"
+
 namespace os {
 
 using ModuleHandle = void*;
@@ -26,11 +28,5 @@ std::wstring ModulePathOf(const void* address);
 
 // Base address (instance handle) of the binary that contains `address`.
 void* ModuleBaseOf(const void* address) noexcept;
-
-// `path` without its last component and separator ("" when there is none).
-std::wstring DirectoryOf(const std::wstring& path);
-
-// `directory` joined with `name` by the platform's separator.
-std::wstring JoinPath(const std::wstring& directory, const std::wstring& name);
 
 }  // namespace os

@@ -39,13 +39,4 @@ void* ModuleBaseOf(const void* address) noexcept {
     return ::dladdr(address, &info) ? info.dli_fbase : nullptr;
 }
 
-std::wstring DirectoryOf(const std::wstring& path) {
-    auto pos = path.find_last_of(L'/');
-    return pos == std::wstring::npos ? std::wstring() : path.substr(0, pos);
-}
-
-std::wstring JoinPath(const std::wstring& directory, const std::wstring& name) {
-    return directory + L"/" + name;
-}
-
 }  // namespace os

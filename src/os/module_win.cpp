@@ -43,13 +43,4 @@ std::wstring ModulePathOf(const void* address) {
     return std::wstring(buffer.data(), n);
 }
 
-std::wstring DirectoryOf(const std::wstring& path) {
-    auto pos = path.find_last_of(L"\\/");
-    return pos == std::wstring::npos ? std::wstring() : path.substr(0, pos);
-}
-
-std::wstring JoinPath(const std::wstring& directory, const std::wstring& name) {
-    return directory + L"\\" + name;
-}
-
 }  // namespace os
