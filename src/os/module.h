@@ -14,6 +14,11 @@ std::wstring SharedLibraryFileName(const std::wstring& stem);
 // Loads the library at `path` (never searched for elsewhere); null on failure.
 ModuleHandle LoadModule(const std::wstring& path) noexcept;
 
+// Why the calling thread's last LoadModule failed, in the system's words
+// (dlerror() text on Linux; the error code and its FormatMessageW text on
+// Windows); "" after a successful load or before any.
+std::wstring LastModuleError();
+
 // The already loaded library whose file name is `fileName`, with its reference
 // count raised (release it with ReleaseModule); null when it is not loaded.
 ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept;

@@ -94,7 +94,7 @@ TEST_F(LifecycleTest, NamesItselfAndTheModule) {
 TEST_F(LifecycleTest, TheModuleExportsTheAgentAsASingleton) {
     // The built module, loaded from beside the test program as the host loads it.
     testing_support::LoadedModule module;
-    ASSERT_TRUE(module.Loaded());
+    ASSERT_TRUE(module.Loaded()) << module.loadError();
     const QvCreateObjectFn create = module.create;
     const QvDestroyObjectFn destroy = module.destroy;
     const std::wstring name = qv::names::AgentName();

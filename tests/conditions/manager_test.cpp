@@ -202,7 +202,7 @@ TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
 // Through the built module's exports, as the host reaches it.
 TEST(ManagerExport, TheModuleExportsTheConditionManagerAsASingleton) {
     testing_support::LoadedModule module;
-    ASSERT_TRUE(module.Loaded());
+    ASSERT_TRUE(module.Loaded()) << module.loadError();
     const QvCreateObjectFn create = module.create;
     const QvDestroyObjectFn destroy = module.destroy;
     {
