@@ -1,7 +1,9 @@
 #include "conditions/file_exists.h"
 
 #include "model/json_composed_serializer.h"
+#include "os/event.h"
 #include "os/file_system.h"
+#include "plugin/log.h"
 #include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
@@ -32,8 +34,17 @@ int32_t ConditionFileExists::GetState(bool* state, bool recompute) {
 }
 
 void ConditionFileExists::Poll(os::AutoResetEvent& stop) {
-    // A failed wait counts as a time-out: only the stop signal ends the loop.
-    while (!stop.Wait(kPollIntervalMs)) {
+    for (;;) {
+        const int woken = os::WaitAny({&stop}, kPollIntervalMs);
+        if (woken == 0) return;
+        if (woken == os::kWaitFailed) {
+            // The stop event cannot be waited on, so the loop could neither
+            // pause between looks nor notice the stop: polling ends here, and
+            // GetState(…, true) still reads the file.
+            logging::Log(logging::kError, L"ConditionFileExists::Poll", L"Waiting failed; polling of %s ends",
+                         filePath_.c_str());
+            return;
+        }
         const bool now = os::PathExists(filePath_);
         std::lock_guard lock(lock_);
         if (now != exists_) {

@@ -101,6 +101,25 @@ Json::Value* JsonComposedSerializer::FindOrCreate(Json::Value& root, std::wstrin
     return current;
 }
 
+const Json::Value* JsonComposedSerializer::FindAsCreated(const Json::Value& root, std::wstring_view path) {
+    const auto steps = ParsePath(path);
+    if (!steps) return nullptr;
+    const Json::Value* current = &root;
+    for (const Step& step : *steps) {
+        // Whatever create mode would make here starts as null, and every
+        // later step from a made value would make null values too.
+        if (step.isIndex) {
+            if (!current->isArray() || !current->isValidIndex(step.index)) return &Json::Value::nullSingleton();
+            current = &(*current)[step.index];
+        } else {
+            if (!current->isObject()) return &Json::Value::nullSingleton();
+            current = current->find(step.name.data(), step.name.data() + step.name.size());
+            if (!current) return &Json::Value::nullSingleton();
+        }
+    }
+    return current;
+}
+
 const Json::Value* JsonComposedSerializer::LoadNode(const Json::Value& root, const std::wstring& path) {
     const Json::Value* node = Find(root, path);
     if (!node) LogMissing(path);

@@ -33,6 +33,12 @@ public:
     // grow an array without bound.
     static Json::Value* FindOrCreate(Json::Value& root, std::wstring_view path);
     static constexpr uint32_t kMaxIndex = 1'000'000;
+    // Create-mode navigation that leaves `root` unchanged: the value
+    // FindOrCreate would return before the caller overwrites it. Where create
+    // mode would add a member, grow an array or replace a value of the wrong
+    // type, the result is a shared null value. Null only when the path is
+    // malformed.
+    static const Json::Value* FindAsCreated(const Json::Value& root, std::wstring_view path);
 
     // Find that logs "Failed to load subnode %s" with `path` (as Load does)
     // when the path is absent.

@@ -13,7 +13,22 @@ const Json::Value* RecordNode(const Json::Value& root, const std::wstring& path)
     return path.empty() ? &root : JsonComposedSerializer::LoadNode(root, path);
 }
 
-// Reads the array at `path` element by element with `readElement`.
+// The object of a Rule or a Method. A non-empty path is followed the way
+// create mode follows it, so that a missing or null record reads as an empty
+// one and the first missing member is what gets logged; only a malformed path
+// yields nothing. The request is const and shared with the caller, so nothing
+// is actually created: FindAsCreated gives the value create mode would start
+// from without touching the document. A malformed path is logged like a member.
+const Json::Value* RecordNodeAsCreated(const Json::Value& root, const std::wstring& path) {
+    if (path.empty()) return &root;
+    const Json::Value* node = JsonComposedSerializer::FindAsCreated(root, path);
+    if (!node) JsonComposedSerializer::LogMissing(path);
+    return node;
+}
+
+// Reads the array at `path` element by element with `readElement`, from
+// index 0 up to the first index without an element (past the end or null),
+// where the read ends successfully.
 template <class T, class Reader>
 bool ReadList(const Json::Value& root, const std::wstring& path, qv::IList<T>& list, Reader readElement) {
     const Json::Value* array = JsonComposedSerializer::Find(root, path);
@@ -21,9 +36,11 @@ bool ReadList(const Json::Value& root, const std::wstring& path, qv::IList<T>& l
         JsonComposedSerializer::LogMissing(path);
         return false;
     }
-    for (int i = 0; array->isValidIndex(static_cast<Json::ArrayIndex>(i)); ++i) {
+    for (int i = 0;; ++i) {
+        const std::wstring elementPath = JsonComposedSerializer::ElementPath(path, i);
+        if (!JsonComposedSerializer::Find(root, elementPath)) break;
         T element{};
-        if (!readElement(root, JsonComposedSerializer::ElementPath(path, i), element)) return false;
+        if (!readElement(root, elementPath, element)) return false;
         if (list.AddTail(element) != 0) return false;
     }
     return true;
@@ -43,7 +60,7 @@ bool WriteList(Json::Value& root, const std::wstring& path, const qv::IList<T>& 
 }  // namespace
 
 bool ReadRule(const Json::Value& root, const std::wstring& path, Rule& rule) {
-    const Json::Value* node = RecordNode(root, path);
+    const Json::Value* node = RecordNodeAsCreated(root, path);
     if (!node) return false;
     Rule read;
     if (!JsonComposedSerializer::Load(*node, keys::kId, read.id) ||
@@ -65,7 +82,7 @@ bool WriteRule(Json::Value& root, const std::wstring& path, const Rule& rule) {
 }
 
 bool ReadMethod(const Json::Value& root, const std::wstring& path, Method& method) {
-    const Json::Value* node = RecordNode(root, path);
+    const Json::Value* node = RecordNodeAsCreated(root, path);
     if (!node) return false;
     Method read;
     if (!JsonComposedSerializer::Load(*node, keys::kId, read.id) ||

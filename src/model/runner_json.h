@@ -44,7 +44,10 @@ inline constexpr const wchar_t* kEnabled = L"enabled";
 }  // namespace keys
 
 // {"id", "displayName", "methodSetId", "matchIf"}: all required; "matchIf"
-// is kept as given (any non-null value).
+// is kept as given (any non-null value). Rule and Method readers follow a
+// non-empty path as create mode would, without changing `root`: a missing or
+// null record fails on its first member ("id"); only a malformed path fails
+// on the path itself.
 [[nodiscard]] bool ReadRule(const Json::Value& root, const std::wstring& path, Rule& rule);
 bool WriteRule(Json::Value& root, const std::wstring& path, const Rule& rule);
 
@@ -65,7 +68,8 @@ bool WriteSettings(Json::Value& root, const std::wstring& path, const Settings& 
 
 // Arrays at `path` ("rules", "rulesErrors", "methods", "ids" in commands).
 // Reading requires an array and reads elements "%s[%i]" from index 0 up to
-// the first missing one; an empty array reads as no elements. Writing first
+// the first missing one, where it ends successfully (a null element counts as
+// missing); an empty array reads as no elements. Writing first
 // sets `path` to an empty array, then writes element i at "%s[%i]".
 [[nodiscard]] bool ReadRules(const Json::Value& root, const std::wstring& path, qv::IList<Rule>& rules);
 bool WriteRules(Json::Value& root, const std::wstring& path, const qv::IList<Rule>& rules);

@@ -6,9 +6,9 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
-#include <vector>
 
 namespace os {
 
@@ -47,28 +47,36 @@ bool TryConsume(int fd) {
 }
 }  // namespace
 
-int WaitAny(std::initializer_list<AutoResetEvent*> events, uint32_t timeoutMs) noexcept {
+int WaitAny(std::span<AutoResetEvent* const> events, uint32_t timeoutMs) noexcept {
     using Clock = std::chrono::steady_clock;
+    if (events.empty() || events.size() > kMaxWaitEvents) return kWaitFailed;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    std::vector<pollfd> fds;
-    fds.reserve(events.size());
-    for (AutoResetEvent* e : events) fds.push_back(pollfd{e->native().fd, POLLIN, 0});
+    // A fixed array: poll() would silently skip the negative fd of an invalid
+    // event, so those are refused here, as WaitForMultipleObjects refuses them.
+    std::array<pollfd, kMaxWaitEvents> fds{};
+    for (size_t i = 0; i < events.size(); ++i) {
+        if (!events[i] || !events[i]->Valid()) return kWaitFailed;
+        fds[i] = pollfd{events[i]->native().fd, POLLIN, 0};
+    }
     for (;;) {
         int waitMs = -1;
         if (timeoutMs != kInfinite) {
             auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
             waitMs = left > 0 ? static_cast<int>(left) : 0;
         }
-        int ready = ::poll(fds.data(), fds.size(), waitMs);
-        if (ready < 0 && errno != EINTR) return kWaitTimeout;
+        int ready = ::poll(fds.data(), events.size(), waitMs);
+        if (ready < 0 && errno != EINTR) return kWaitFailed;
         if (ready > 0) {
-            for (size_t i = 0; i < fds.size(); ++i)
+            for (size_t i = 0; i < events.size(); ++i) {
                 if ((fds[i].revents & POLLIN) && TryConsume(fds[i].fd)) return static_cast<int>(i);
+                // An fd closed or broken under the wait would report this at once, forever.
+                if (fds[i].revents & (POLLNVAL | POLLERR)) return kWaitFailed;
+            }
         }
         if (ready == 0 && waitMs == 0) return kWaitTimeout;
         if (timeoutMs != kInfinite && Clock::now() >= deadline) {
             // One last non-blocking look so that a signal raced with the deadline is not lost.
-            for (size_t i = 0; i < fds.size(); ++i)
+            for (size_t i = 0; i < events.size(); ++i)
                 if (TryConsume(fds[i].fd)) return static_cast<int>(i);
             return kWaitTimeout;
         }

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <vector>
+#include <array>
 
 namespace os {
 
@@ -26,14 +26,21 @@ bool AutoResetEvent::Wait(uint32_t timeoutMs) noexcept {
     return ::WaitForSingleObject(native_->handle, timeoutMs) == WAIT_OBJECT_0;
 }
 
-int WaitAny(std::initializer_list<AutoResetEvent*> events, uint32_t timeoutMs) noexcept {
-    std::vector<HANDLE> handles;
-    handles.reserve(events.size());
-    for (AutoResetEvent* e : events) handles.push_back(e->native().handle);
+static_assert(kMaxWaitEvents == MAXIMUM_WAIT_OBJECTS);
+
+int WaitAny(std::span<AutoResetEvent* const> events, uint32_t timeoutMs) noexcept {
+    if (events.empty() || events.size() > kMaxWaitEvents) return kWaitFailed;
+    std::array<HANDLE, kMaxWaitEvents> handles{};
+    for (size_t i = 0; i < events.size(); ++i) {
+        if (!events[i] || !events[i]->Valid()) return kWaitFailed;
+        handles[i] = events[i]->native().handle;
+    }
     // WaitForMultipleObjects reports (and consumes) the lowest signalled index.
-    DWORD r = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, timeoutMs);
-    if (r < WAIT_OBJECT_0 + handles.size()) return static_cast<int>(r - WAIT_OBJECT_0);
-    return kWaitTimeout;
+    const DWORD count = static_cast<DWORD>(events.size());
+    const DWORD r = ::WaitForMultipleObjects(count, handles.data(), FALSE, timeoutMs);
+    if (r < WAIT_OBJECT_0 + count) return static_cast<int>(r - WAIT_OBJECT_0);
+    if (r == WAIT_TIMEOUT) return kWaitTimeout;
+    return kWaitFailed;  // WAIT_FAILED; abandonment does not apply to events
 }
 
 }  // namespace os

@@ -2,9 +2,13 @@
 
 #include <sys/stat.h>
 
+#include "os/path.h"
 #include "os/utf8.h"
 
 namespace os {
+
+const wchar_t kPathSeparator = L'/';
+const wchar_t kPathSeparators[] = L"/";
 
 bool PathExists(const std::wstring& path) noexcept {
     if (path.empty()) return false;

@@ -3,7 +3,12 @@
 #include <windows.h>
 #include <shlwapi.h>
 
+#include "os/path.h"
+
 namespace os {
+
+const wchar_t kPathSeparator = L'\\';
+const wchar_t kPathSeparators[] = L"\\/";
 
 bool PathExists(const std::wstring& path) noexcept {
     if (path.empty()) return false;

@@ -2,6 +2,8 @@
 // Loading shared libraries (DLLs / shared objects) at run time.
 #include <string>
 
+#include "os/path.h"
+
 namespace os {
 
 using ModuleHandle = void*;
@@ -11,6 +13,11 @@ std::wstring SharedLibraryFileName(const std::wstring& stem);
 
 // Loads the library at `path` (never searched for elsewhere); null on failure.
 ModuleHandle LoadModule(const std::wstring& path) noexcept;
+
+// Why the calling thread's last LoadModule failed, in the system's words
+// (dlerror() text on Linux; the error code and its FormatMessageW text on
+// Windows); "" after a successful load or before any.
+std::wstring LastModuleError();
 
 // The already loaded library whose file name is `fileName`, with its reference
 // count raised (release it with ReleaseModule); null when it is not loaded.
@@ -26,11 +33,5 @@ std::wstring ModulePathOf(const void* address);
 
 // Base address (instance handle) of the binary that contains `address`.
 void* ModuleBaseOf(const void* address) noexcept;
-
-// `path` without its last component and separator ("" when there is none).
-std::wstring DirectoryOf(const std::wstring& path);
-
-// `directory` joined with `name` by the platform's separator.
-std::wstring JoinPath(const std::wstring& directory, const std::wstring& name);
 
 }  // namespace os

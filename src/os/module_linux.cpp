@@ -8,11 +8,37 @@ namespace os {
 
 std::wstring SharedLibraryFileName(const std::wstring& stem) { return L"lib" + stem + L".so"; }
 
-ModuleHandle LoadModule(const std::wstring& path) noexcept {
-    auto narrow = WideToUtf8(path);
-    if (!narrow || narrow->empty() || narrow->find('/') == std::string::npos) return nullptr;
-    return ::dlopen(narrow->c_str(), RTLD_NOW | RTLD_LOCAL);
+namespace {
+// The reason of the thread's last failed LoadModule.
+thread_local std::wstring lastLoadError;
+
+void RememberLoadError(const char* reason) noexcept {
+    try {
+        lastLoadError = Utf8ToWideLossy(reason ? reason : "dlopen failed");
+    } catch (...) {
+        lastLoadError.clear();  // allocation failure: no text to give
+    }
 }
+}  // namespace
+
+ModuleHandle LoadModule(const std::wstring& path) noexcept {
+    lastLoadError.clear();
+    auto narrow = WideToUtf8(path);
+    if (!narrow) {
+        RememberLoadError("path is not valid text");
+        return nullptr;
+    }
+    // dlopen would search the library path for a name without a slash.
+    if (narrow->find('/') == std::string::npos) {
+        RememberLoadError(narrow->empty() ? "empty path" : "not a path (a bare name would be searched for)");
+        return nullptr;
+    }
+    ModuleHandle module = ::dlopen(narrow->c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!module) RememberLoadError(::dlerror());
+    return module;
+}
+
+std::wstring LastModuleError() { return lastLoadError; }
 
 ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept {
     auto narrow = WideToUtf8(fileName);
@@ -37,15 +63,6 @@ std::wstring ModulePathOf(const void* address) {
 void* ModuleBaseOf(const void* address) noexcept {
     Dl_info info{};
     return ::dladdr(address, &info) ? info.dli_fbase : nullptr;
-}
-
-std::wstring DirectoryOf(const std::wstring& path) {
-    auto pos = path.find_last_of(L'/');
-    return pos == std::wstring::npos ? std::wstring() : path.substr(0, pos);
-}
-
-std::wstring JoinPath(const std::wstring& directory, const std::wstring& name) {
-    return directory + L"/" + name;
 }
 
 }  // namespace os

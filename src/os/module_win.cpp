@@ -8,10 +8,43 @@ namespace os {
 
 std::wstring SharedLibraryFileName(const std::wstring& stem) { return stem + L".dll"; }
 
-ModuleHandle LoadModule(const std::wstring& path) noexcept {
-    if (path.empty()) return nullptr;
-    return ::LoadLibraryW(path.c_str());
+namespace {
+// The reason of the thread's last failed LoadModule.
+thread_local std::wstring lastLoadError;
+
+// "error 126: <the system's text>", or only the code when there is no text.
+void RememberLoadError(DWORD code) noexcept {
+    wchar_t* text = nullptr;
+    const DWORD length = ::FormatMessageW(
+        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
+        reinterpret_cast<LPWSTR>(&text), 0, nullptr);
+    try {
+        lastLoadError = L"error " + std::to_wstring(code);
+        if (length && text) {
+            std::wstring message(text, length);
+            while (!message.empty() && (message.back() == L'\r' || message.back() == L'\n' || message.back() == L' '))
+                message.pop_back();
+            if (!message.empty()) lastLoadError += L": " + message;
+        }
+    } catch (...) {
+        lastLoadError.clear();  // allocation failure: no text to give
+    }
+    if (text) ::LocalFree(text);
 }
+}  // namespace
+
+ModuleHandle LoadModule(const std::wstring& path) noexcept {
+    lastLoadError.clear();
+    if (path.empty()) {
+        RememberLoadError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    HMODULE module = ::LoadLibraryW(path.c_str());
+    if (!module) RememberLoadError(::GetLastError());
+    return module;
+}
+
+std::wstring LastModuleError() { return lastLoadError; }
 
 ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept {
     HMODULE module = nullptr;
@@ -41,15 +74,6 @@ std::wstring ModulePathOf(const void* address) {
     std::vector<wchar_t> buffer(32767);
     DWORD n = ::GetModuleFileNameW(module, buffer.data(), static_cast<DWORD>(buffer.size()));
     return std::wstring(buffer.data(), n);
-}
-
-std::wstring DirectoryOf(const std::wstring& path) {
-    auto pos = path.find_last_of(L"\\/");
-    return pos == std::wstring::npos ? std::wstring() : path.substr(0, pos);
-}
-
-std::wstring JoinPath(const std::wstring& directory, const std::wstring& name) {
-    return directory + L"\\" + name;
 }
 
 }  // namespace os

@@ -23,8 +23,11 @@ protected:
 };
 
 // Name -> declaration, exact and case-sensitive (ordinal order of code units).
-// Every operation runs under the registry's mutex; CreateInstance and
+// Every operation runs under the registry's lock; CreateInstance and
 // DestroyInstance run inside it, so declarations need no lock of their own.
+// The lock is re-entrant: an object whose constructor or destructor takes or
+// gives back another object of this module on the same thread does not
+// deadlock.
 class ExportedObjectRegistry {
 public:
     static ExportedObjectRegistry& Instance();
@@ -43,7 +46,7 @@ public:
     bool Contains(const std::wstring& name);
 
 private:
-    std::mutex mutex_;
+    std::recursive_mutex mutex_;
     std::map<std::wstring, IObjectConstructor*> table_;
 };
 

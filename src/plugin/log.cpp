@@ -39,7 +39,10 @@ void Bind(os::ModuleHandle module, const char* name, Fn& slot) {
 CLogDLL::CLogDLL(const std::wstring& fileName, const std::wstring& directory, void* moduleBase)
     : moduleBase_(moduleBase) {
     module_ = os::FindLoadedModule(fileName);
-    if (!module_ && !directory.empty()) module_ = os::LoadModule(os::JoinPath(directory, fileName));
+    if (!module_ && !directory.empty()) {
+        module_ = os::LoadModule(os::JoinPath(directory, fileName));
+        if (!module_) loadError_ = os::LastModuleError();
+    }
     if (module_) {
         if (auto init = reinterpret_cast<LogProc>(os::FindSymbol(module_, "LogInit"))) init();
         Bind(module_, "LogApplySettings", logApplySettings_);

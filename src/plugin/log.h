@@ -44,6 +44,10 @@ public:
                    va_list args);
 
     bool LibraryLoaded() const noexcept { return module_ != nullptr; }
+    // Why loading the library from the directory failed, in the system's
+    // words; "" when it loaded, was already loaded or was not looked for.
+    // Nothing can be logged about it, the library being the log.
+    const std::wstring& LoadError() const noexcept { return loadError_; }
     // True when "LogWrite" came from the library rather than the silent stand-in.
     bool WriterBound() const noexcept { return writeBound_; }
     // Number of the library's optional entry points that were found.
@@ -60,6 +64,7 @@ public:
 
 private:
     os::ModuleHandle module_ = nullptr;
+    std::wstring loadError_;
     LogProc logApplySettings_ = nullptr;
     LogProc logSetSettingsFile_ = nullptr;
     LogProc logEnable_ = nullptr;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "plugin/log.h"
+#include "qv/status.h"
 #include "qv/serv_plugin.h"
 
 namespace qv {
@@ -24,7 +25,10 @@ public:
     ServPlugin& operator=(const ServPlugin&) = delete;
 
     // Releases any held plug-in, then asks `manager` for (name, T::iid).
-    // Null on failure, after logging why.
+    // Null on failure, after logging why. A manager that answers success
+    // counted a reference even when it hands out null: that answer returns
+    // null without a log line, and the reference is still given back by
+    // Release.
     T* GetPlugin(IComponentManager* manager) {
         Release();
         const std::wstring function = L"ServPlugin<" + std::wstring(InterfaceName<T>::value) + L">::GetPlugin";
@@ -34,7 +38,7 @@ public:
         }
         void* out = nullptr;
         const int32_t status = manager->GetPlugin(name_.c_str(), T::iid, &out);
-        if (status != 0 || !out) {
+        if (status != status::kSuccess) {
             logging::Log(logging::kWarning, function.c_str(), L"Error %d getting plugin \"%s\"", status, name_.c_str());
             return nullptr;
         }
@@ -43,9 +47,10 @@ public:
         return plugin_;
     }
 
-    // Gives the plug-in back to the manager it came from.
+    // Gives the reference back to the manager it came from (also when the
+    // manager handed out null with success).
     void Release() {
-        if (plugin_ && manager_) manager_->ReleasePlugin(name_.c_str());
+        if (manager_) manager_->ReleasePlugin(name_.c_str());
         plugin_ = nullptr;
         manager_ = nullptr;
     }

@@ -85,6 +85,10 @@ TEST_F(DispatchTest, RuleCommandsPassRulesAndReportErrors) {
     Expect(L"SetRules", R"({"rules": []})", 0, R"({"rulesErrors": []})");
     EXPECT_TRUE(runner.received().rules.Empty());
 
+    // The list ends at a null element.
+    Expect(L"SetRules", "{\"rules\": [" + std::string(kRule1) + ", null]}", 0, R"({"rulesErrors": []})");
+    EXPECT_TRUE(runner.received().rules == qv::List<Rule>{RuleOf(kRule1)});
+
     runner.rulesOut = {RuleOf(kRule2), RuleOf(kRule1)};
     Expect(L"GetRules", "{}", 0, "{\"rules\": [" + Join(kRule2, kRule1) + "]}");
 
@@ -98,7 +102,7 @@ TEST_F(DispatchTest, RuleCommandsPassRulesAndReportErrors) {
     Expect(L"UpdateRulesAndMethods", "{\"rules\": [" + std::string(kRule1) + "], \"methods\": [" + Join(kMethod1, kMethod2) + "]}", 0);
     EXPECT_TRUE(runner.received().rules == qv::List<Rule>{RuleOf(kRule1)});
     EXPECT_TRUE(runner.received().methodSets == (qv::List<Method>{MethodOf(kMethod1), MethodOf(kMethod2)}));
-    EXPECT_EQ(runner.Calls(), (std::vector<std::string>{"SetRules", "SetRules", "GetRules", "GetRules", "GetRules",
+    EXPECT_EQ(runner.Calls(), (std::vector<std::string>{"SetRules", "SetRules", "SetRules", "GetRules", "GetRules", "GetRules",
                                                          "UpdateRulesAndMethods"}));
 }
 

@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "condition_test_support.h"
+#include "conditions/condition_queue.h"
 
 namespace condition_testing {
 namespace {
@@ -42,12 +45,13 @@ TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
     }
     std::vector<std::thread> readers;
     for (int r = 0; r < 2; ++r) {
+        // Each reader queries at least once, however soon the writers finish.
         readers.emplace_back([&, r] {
-            while (running) {
+            do {
                 bool state = false;
                 EXPECT_EQ(tree->GetState(&state, r == 0), 0);
                 ++queries;
-            }
+            } while (running);
         });
     }
     for (auto& t : threads) t.join();
@@ -99,6 +103,52 @@ TEST(Concurrency, TreesBuiltAndDestroyedOnSeveralThreadsAtOnce) {
     flipper.join();
     bench.Settle();
     EXPECT_EQ(bench.board.AttachedLeaves(), 0u);
+}
+
+TEST(Concurrency, CloseWaitsForRunningWorkBeforeTheOwnerMayFreeTheQueue) {
+    using namespace std::chrono_literals;
+    host::ReferenceHost host;
+    constexpr const wchar_t* kName = L"Test.CloseWaits";
+    // A second client of the same name keeps the worker alive, so that giving
+    // the condition's handle back does not by itself wait for the worker.
+    IEventQueue* other = nullptr;
+    ASSERT_EQ(host.queues().CreateQueue(kName, &other), 0);
+
+    // Stands for a condition that owns its queue and is freed after Close.
+    struct Owner {
+        ConditionQueue queue;
+        int workDone = 0;
+    };
+    auto* owner = new Owner;
+    owner->queue.SetFactory(&host.queues());
+    ASSERT_EQ(owner->queue.Open(kName), 0);
+
+    std::promise<void> started, release;
+    std::future<void> startedSeen = started.get_future();
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> finished{false};
+    ASSERT_EQ(owner->queue.Post([&, owner] {
+        started.set_value();
+        released.wait();
+        owner->workDone = 1;  // a use after free if Close returned early
+        finished = true;
+    }, 0), 0);
+    if (startedSeen.wait_for(10s) != std::future_status::ready) {
+        release.set_value();
+        FAIL() << "the posted work never started";
+    }
+
+    std::atomic<bool> finishedWhenClosed{false};
+    auto closing = std::async(std::launch::async, [&, owner] {
+        owner->queue.Close();
+        finishedWhenClosed = finished.load();
+        delete owner;
+    });
+    EXPECT_EQ(closing.wait_for(200ms), std::future_status::timeout) << "Close returned while work was running";
+    release.set_value();
+    closing.get();
+    EXPECT_TRUE(finishedWhenClosed);
+    EXPECT_EQ(host.queues().ReleaseQueue(other), 0);
 }
 
 }  // namespace

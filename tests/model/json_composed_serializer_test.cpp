@@ -154,3 +154,17 @@ TEST(JsonLoad, InvalidUtf8IsACleanFailure) {
     EXPECT_FALSE(JsonComposedSerializer::Load(parsed, L"s", out));
     EXPECT_EQ(log.Messages(16).size(), std::size(bad) + 1);
 }
+
+TEST(JsonPath, CreateModeViewMatchesCreateModeWithoutChangingTheValue) {
+    const Json::Value doc = Parse(R"({"obj": {"x": 1}, "arr": [1, {"y": 2}], "n": null, "s": "t"})");
+    for (const wchar_t* path : {L"", L"/", L"obj/x", L"arr[1]/y", L"n", L"missing", L"obj/y/z", L"arr[5]", L"s/x",
+                                L"s[0]", L"obj[0]", L"arr/x"}) {
+        Json::Value created = doc;
+        const Json::Value* view = JsonComposedSerializer::FindAsCreated(doc, path);
+        ASSERT_NE(view, nullptr) << path;
+        EXPECT_EQ(*view, *JsonComposedSerializer::FindOrCreate(created, path)) << path;
+    }
+    EXPECT_EQ(JsonComposedSerializer::FindAsCreated(doc, L""), &doc);
+    EXPECT_EQ(JsonComposedSerializer::FindAsCreated(doc, L"arr[x]"), nullptr);
+    EXPECT_EQ(doc, Parse(R"({"obj": {"x": 1}, "arr": [1, {"y": 2}], "n": null, "s": "t"})"));
+}

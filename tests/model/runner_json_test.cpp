@@ -139,7 +139,7 @@ TEST(RecordJson, ARuleMissingAMemberIsRejectedNamingIt) {
 TEST(RecordJson, ListsRejectWrongShapesAndBadElements) {
     LogCapture log;
     qv::List<Rule> rules;
-    for (const char* json : {R"({"rules": {"0": {}}})", R"({"other": []})", R"({"rules": [null]})", R"({"rules": [1]})"})
+    for (const char* json : {R"({"rules": {"0": {}}})", R"({"other": []})", R"({"rules": [1]})"})
         EXPECT_FALSE(ReadRules(Parse(json), keys::kRules, rules)) << json;
     EXPECT_TRUE(log.Contains(L"Failed to load subnode rules"));
 
@@ -159,4 +159,46 @@ TEST(RecordJson, ListsRejectWrongShapesAndBadElements) {
     Json::Value two;
     WriteRules(two, keys::kRules, qv::List<Rule>{MakeRule(L"a", L"m"), MakeRule(L"b", L"m")});
     EXPECT_FALSE(ReadRules(two, keys::kRules, small));
+}
+
+TEST(RecordJson, ListsEndAtTheFirstMissingOrNullElement) {
+    Json::Value doc;
+    WriteRule(doc, L"rules[0]", MakeRule(L"r", L"m"));
+    doc["rules"][1] = Json::Value();
+    WriteRule(doc, L"rules[2]", MakeRule(L"after", L"m"));
+    LogCapture log;
+    qv::List<Rule> rules;
+    ASSERT_TRUE(ReadRules(doc, keys::kRules, rules));
+    EXPECT_TRUE(rules == qv::List<Rule>{MakeRule(L"r", L"m")});
+    qv::List<Rule> none;
+    ASSERT_TRUE(ReadRules(Parse(R"({"rules": [null]})"), keys::kRules, none));
+    EXPECT_TRUE(none.Empty());
+    qv::List<std::wstring> ids;
+    ASSERT_TRUE(ReadIds(Parse(R"({"ids": ["a", null, "c"]})"), keys::kIds, ids));
+    EXPECT_TRUE(ids == qv::List<std::wstring>{L"a"});
+    EXPECT_TRUE(log.Messages().empty());
+}
+
+TEST(RecordJson, ARecordAtAMissingPathReadsAsAnEmptyRecordWithoutChangingTheInput) {
+    Json::Value doc = Parse(R"({"rules": [{"id": "r"}], "s": "text", "n": null})");
+    const Json::Value before = doc;
+    for (const wchar_t* path : {L"rules[3]", L"other/rule", L"s/rule", L"s[0]", L"n"}) {
+        LogCapture log;
+        Rule rule = MakeRule(L"kept", L"kept");
+        Method method = MakeMethod(L"kept", false);
+        EXPECT_FALSE(ReadRule(doc, path, rule)) << path;
+        EXPECT_FALSE(ReadMethod(doc, path, method)) << path;
+        // The record's first member is what is missing, not the path itself.
+        EXPECT_EQ(log.Messages(), (std::vector<std::wstring>{L"Failed to load subnode id", L"Failed to load subnode id"}))
+            << path;
+        EXPECT_EQ(rule.id, L"kept");
+        EXPECT_EQ(method.id, L"kept");
+    }
+    EXPECT_EQ(doc, before);
+
+    // A malformed path yields nothing to read from.
+    LogCapture log;
+    Rule rule;
+    EXPECT_FALSE(ReadRule(doc, L"rules[", rule));
+    EXPECT_EQ(log.Messages(), std::vector<std::wstring>{L"Failed to load subnode rules["});
 }

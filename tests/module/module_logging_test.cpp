@@ -31,7 +31,7 @@ int32_t InitAgentWithoutHost(LoadedModule& module) {
 TEST(ModuleLogging, WritesThroughTheLibraryBesideIt) {
     testing_support::LogCapture capture;
     LoadedModule module;
-    ASSERT_TRUE(module.Loaded());
+    ASSERT_TRUE(module.Loaded()) << module.loadError();
     EXPECT_EQ(InitAgentWithoutHost(module), 5002);
     EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
                                  L"Null component manager"));
@@ -49,7 +49,7 @@ TEST(ModuleLogging, RunsUnchangedWithoutTheLibrary) {
                                std::filesystem::path(alone.File(moduleName)));
     {
         LoadedModule module(alone.path());
-        ASSERT_TRUE(module.Loaded());
+        ASSERT_TRUE(module.Loaded()) << module.loadError();
         EXPECT_EQ(InitAgentWithoutHost(module), 5002);
 
         void* object = reinterpret_cast<void*>(1);

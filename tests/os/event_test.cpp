@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "os/clock.h"
 #include "os/event.h"
@@ -36,6 +38,26 @@ TEST(WaitAny, LowestSignalledIndexWinsAndOnlyItsSignalIsConsumed) {
     EXPECT_EQ(os::WaitAny({&stop, &eval, &pause}, 0), 1);
     EXPECT_EQ(os::WaitAny({&stop, &eval, &pause}, 0), os::kWaitTimeout);
     EXPECT_EQ(os::WaitAny({&stop, &eval, &pause}, 20), os::kWaitTimeout);
+}
+
+TEST(WaitAny, TooManyEventsOrANullOneFailAtOnceWithoutTakingASignal) {
+    std::vector<std::unique_ptr<os::AutoResetEvent>> owned;
+    std::vector<os::AutoResetEvent*> events;
+    for (size_t i = 0; i <= os::kMaxWaitEvents; ++i) {
+        owned.push_back(std::make_unique<os::AutoResetEvent>());
+        events.push_back(owned.back().get());
+    }
+    const std::span<os::AutoResetEvent* const> all(events);
+    events[63]->Set();
+    EXPECT_EQ(os::WaitAny(all.first(os::kMaxWaitEvents), 0), 63);
+
+    events[64]->Set();
+    const uint32_t start = os::TickMs();
+    EXPECT_EQ(os::WaitAny(all, 2000), os::kWaitFailed);
+    EXPECT_EQ(os::WaitAny({events[0], nullptr}, 2000), os::kWaitFailed);
+    EXPECT_EQ(os::WaitAny(all.first(0), 2000), os::kWaitFailed);
+    EXPECT_LT(os::TickMs() - start, 1000u) << "refused without waiting";
+    EXPECT_TRUE(events[64]->Wait(0)) << "the refused wait consumed nothing";
 }
 
 TEST(WaitAny, WakesWhenAnotherThreadSignals) {

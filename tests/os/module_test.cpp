@@ -21,7 +21,17 @@ TEST(Module, NeverSearchesForABareNameAndReportsMissingFiles) {
     EXPECT_EQ(os::FindLoadedModule(os::SharedLibraryFileName(L"cr_never_built")), nullptr);
     testing_support::TempDir empty;
     EXPECT_EQ(os::LoadModule(empty.File(os::SharedLibraryFileName(L"logwrite_only"))), nullptr);
+    const std::wstring missing = os::LastModuleError();
+    EXPECT_FALSE(missing.empty());
     EXPECT_EQ(os::LoadModule(L""), nullptr);
+    EXPECT_FALSE(os::LastModuleError().empty());
+
+    // A later success clears the reason.
+    os::ModuleHandle module =
+        os::LoadModule(os::JoinPath(testing_support::ProgramDirectory(), os::SharedLibraryFileName(L"logwrite_only")));
+    ASSERT_NE(module, nullptr) << os::LastModuleError();
+    EXPECT_EQ(os::LastModuleError(), L"");
+    os::ReleaseModule(module);
 }
 
 TEST(Module, KnowsWhereTheRunningBinaryLives) {
@@ -30,6 +40,8 @@ TEST(Module, KnowsWhereTheRunningBinaryLives) {
     EXPECT_NE(path.find(L"test_os"), std::wstring::npos);
     EXPECT_NE(os::ModuleBaseOf(&anchor), nullptr);
     EXPECT_EQ(os::DirectoryOf(os::JoinPath(L"dir", L"file")), L"dir");
+    EXPECT_EQ(os::DirectoryOf(L"/a/b"), L"/a");  // '/' separates on every platform
+    EXPECT_EQ(os::DirectoryOf(L"file"), L"");
 }
 
 TEST(Environment, SetAndRemoveVariables) {

@@ -4,6 +4,7 @@
 #include "host/component_manager.h"
 #include "plugin/agent_base.h"
 #include "plugin/serv_plugin.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -82,6 +83,49 @@ TEST(ServPlugin, WrongInterfaceIsAFailedLookup) {
     qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"Test.Fronted");
     EXPECT_EQ(plugin.GetPlugin(&host.components), nullptr);
     EXPECT_EQ(host.components.TotalReferences(), 0);
+}
+
+namespace {
+
+// A component manager that answers success without handing out a plug-in,
+// and counts the references it believes it gave.
+class NullAnsweringManager final : public IComponentManager {
+public:
+    int references = 0;
+    std::wstring lastReleased;
+    int32_t GetPlugin(const wchar_t*, const GUID&, void** out) override {
+        *out = nullptr;
+        ++references;
+        return qv::status::kSuccess;
+    }
+    void ReleasePlugin(const wchar_t* name) override {
+        --references;
+        lastReleased = name;
+    }
+    IEventQueueFactory* GetEventQueueFactory() override { return nullptr; }
+};
+
+}  // namespace
+
+TEST(ServPlugin, SuccessWithANullPluginIsNoErrorButTheReferenceIsGivenBack) {
+    testing_support::LogCapture capture;
+    NullAnsweringManager manager;
+    {
+        qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"EndpointIntegration.Manager");
+        EXPECT_EQ(plugin.GetPlugin(&manager), nullptr);
+        EXPECT_TRUE(capture.Messages().empty());
+        EXPECT_EQ(plugin.manager(), &manager);
+        EXPECT_EQ(manager.references, 1);
+        // Asking again gives the first reference back before taking another.
+        EXPECT_EQ(plugin.GetPlugin(&manager), nullptr);
+        EXPECT_EQ(manager.references, 1);
+        plugin.Release();
+        EXPECT_EQ(manager.references, 0);
+        EXPECT_EQ(manager.lastReleased, L"EndpointIntegration.Manager");
+        EXPECT_EQ(plugin.GetPlugin(&manager), nullptr);
+    }
+    EXPECT_EQ(manager.references, 0) << "the destructor gives the last reference back";
+    EXPECT_TRUE(capture.Messages().empty());
 }
 
 TEST(AgentBase, InitNeedsTheAgentManagerAndTheFrontedPlugin) {

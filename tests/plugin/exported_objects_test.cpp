@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -41,6 +45,23 @@ int32_t CreateObject(const wchar_t* name, const GUID* iid, void** object) {
     return qv::ExportedObjectRegistry::Instance().CreateObject(name, iid, object);
 }
 void DestroyObject(const wchar_t* name, void* object) { qv::ExportedObjectRegistry::Instance().DestroyObject(name, object); }
+
+// Takes another object of the module while it is made and gives it back
+// while it is destroyed, both on the thread of the outer request.
+class NestingPlugin final : public CountedPlugin<4> {
+public:
+    // A failed request leaves inner() null, which the test checks.
+    NestingPlugin() { static_cast<void>(CreateObject(L"Test.Exports.PerRequest", &IServPlugin::iid, &inner_)); }
+    ~NestingPlugin() override {
+        if (inner_) DestroyObject(L"Test.Exports.PerRequest", inner_);
+    }
+    void* inner() const { return inner_; }
+
+private:
+    void* inner_ = nullptr;
+};
+
+qv::ExportedObjectDeclaration<NestingPlugin> nestingDeclaration(L"Test.Exports.Nesting");
 
 constexpr GUID kUnknownIid = qv::MakeGuid(0x12345678, 0x1234, 0x1234, 0x1234, 0x123456789ABC);
 
@@ -155,4 +176,25 @@ TEST(ExportedObjects, ConcurrentSingletonRequestsShareOneInstance) {
     for (auto& t : threads) t.join();
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(SingletonPlugin::live, 0);
+}
+
+TEST(ExportedObjects, AnObjectMayTakeAndGiveBackAnotherWhileMadeAndDestroyed) {
+    auto nested = std::async(std::launch::async, [] {
+        void* object = nullptr;
+        if (CreateObject(L"Test.Exports.Nesting", &IServPlugin::iid, &object) != 0) return false;
+        auto* outer = static_cast<NestingPlugin*>(static_cast<IServPlugin*>(object));
+        const bool innerMade = outer->inner() != nullptr && PerRequestPlugin::live == 1;
+        DestroyObject(L"Test.Exports.Nesting", object);
+        return innerMade;
+    });
+    if (nested.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        // The request hangs on the registry's lock; its thread cannot be
+        // joined, so the program ends here instead of waiting forever.
+        std::fprintf(stderr, "Nested CreateObject/DestroyObject did not return within 10 s (deadlock)\n");
+        std::fflush(stderr);
+        std::_Exit(EXIT_FAILURE);
+    }
+    EXPECT_TRUE(nested.get());
+    EXPECT_EQ(PerRequestPlugin::live, 0);
+    EXPECT_EQ(CountedPlugin<4>::live, 0);
 }

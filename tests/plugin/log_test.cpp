@@ -50,6 +50,7 @@ TEST(LogBinding, MissingLibraryLeavesASilentWriter) {
     testing_support::TempDir empty;
     logging::CLogDLL log(os::SharedLibraryFileName(L"cr_absent_log"), empty.path(), nullptr);
     EXPECT_FALSE(log.LibraryLoaded());
+    EXPECT_FALSE(log.LoadError().empty());
     EXPECT_FALSE(log.WriterBound());
     EXPECT_EQ(log.Write(0, logging::kError, L"F", L"x %d", 1), logging::kNoInterface);
 }

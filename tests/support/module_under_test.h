@@ -27,6 +27,7 @@ class LoadedModule {
 public:
     explicit LoadedModule(const std::wstring& directory = ProgramDirectory())
         : handle_(os::LoadModule(os::JoinPath(directory, os::SharedLibraryFileName(L"ConditionalRunner")))),
+          loadError_(handle_ ? std::wstring() : os::LastModuleError()),
           create(reinterpret_cast<QvCreateObjectFn>(os::FindSymbol(handle_, "QvCreateObject"))),
           destroy(reinterpret_cast<QvDestroyObjectFn>(os::FindSymbol(handle_, "QvDestroyObject"))) {}
     ~LoadedModule() { os::ReleaseModule(handle_); }
@@ -34,9 +35,12 @@ public:
     LoadedModule& operator=(const LoadedModule&) = delete;
 
     bool Loaded() const { return handle_ && create && destroy; }
+    // Why the library did not load ("" when it did), for failure messages.
+    const std::wstring& loadError() const { return loadError_; }
 
 private:
     os::ModuleHandle handle_;
+    std::wstring loadError_;
 
 public:
     const QvCreateObjectFn create;
