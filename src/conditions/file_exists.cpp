@@ -2,9 +2,13 @@
 
 #include "model/json_composed_serializer.h"
 #include "os/file_system.h"
+#include "plugin/log.h"
 #include "plugin/status.h"
 
 namespace Product::Integration::ConditionManager {
+namespace {
+constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::ConditionFileExists::Init";
+}  // namespace
 
 ConditionFileExists::~ConditionFileExists() { ConditionFileExists::Uninit(); }
 
@@ -12,7 +16,14 @@ int ConditionFileExists::Init(const InitData& data) {
     ConditionBase::Init(data);
     thread_.Stop();
     filePath_.clear();
-    const bool loaded = qv::JsonComposedSerializer::Load(DataOf(data.json), L"filePath", filePath_);
+    bool loaded = qv::JsonComposedSerializer::Load(DataOf(data.json), L"filePath", filePath_);
+    // The system call would end the path at an embedded NUL and test what
+    // precedes it, which is not the path that was asked for.
+    if (filePath_.find(L'\0') != std::wstring::npos) {
+        logging::Log(logging::kError, kInit, L"File path contains a NUL character");
+        filePath_.clear();
+        loaded = false;
+    }
     {
         std::lock_guard lock(lock_);
         exists_ = os::PathExists(filePath_);

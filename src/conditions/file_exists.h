@@ -23,8 +23,9 @@ public:
 
     ~ConditionFileExists() override;
 
-    // Reads the path (absent, not a string or empty: 87, but the condition is
-    // still completed and polls the empty path, which never exists), takes
+    // Reads the path (absent, not a string, empty or holding a NUL character:
+    // 87, but the condition is still completed and polls the empty path,
+    // which never exists), takes
     // the initial state and starts polling. 1627 when the thread cannot start.
     int Init(const InitData& data) override;
     // Signals the polling thread and waits for it to end. Idempotent.

@@ -7,7 +7,8 @@
 namespace os {
 
 bool PathExists(const std::wstring& path) noexcept {
-    if (path.empty()) return false;
+    // The system call would stop at an embedded NUL and test a shorter path.
+    if (path.empty() || path.find(L'\0') != std::wstring::npos) return false;
     try {
         const std::optional<std::string> narrow = WideToUtf8(path);
         if (!narrow) return false;

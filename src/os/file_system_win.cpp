@@ -6,7 +6,8 @@
 namespace os {
 
 bool PathExists(const std::wstring& path) noexcept {
-    if (path.empty()) return false;
+    // The system call would stop at an embedded NUL and test a shorter path.
+    if (path.empty() || path.find(L'\0') != std::wstring::npos) return false;
     return ::PathFileExistsW(path.c_str()) != FALSE;
 }
 

@@ -4,7 +4,10 @@
 
 #include <chrono>
 #include <filesystem>
+#include <string>
 #include <thread>
+
+#include <json/writer.h>
 
 #include "condition_test_support.h"
 #include "os/file_io.h"
@@ -100,6 +103,22 @@ TEST(FileExists, AMissingPathFailsWith87AndLeavesNoThreadBehind) {
     }
     EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode filePath"));
     EXPECT_TRUE(Eventually([&] { return os::ProcessThreadCount() == threadsBefore; }));
+}
+
+// The system call would stop at an embedded NUL and test the existing folder
+// in front of it; the whole path names nothing, so the path is refused.
+TEST(FileExists, RefusesAPathWithAnEmbeddedNul) {
+    Bench bench;
+    TempDir dir;
+    std::string quoted = Json::valueToQuotedString(os::WideToUtf8Lossy(dir.path()).c_str());
+    quoted.pop_back();  // the closing quote
+    int error = 0;
+    for (const char* tail : {"\\u0000", "\\u0000missing", "\\u0000/../missing"}) {
+        const std::string json = R"({"type":"Test.FileExists","data":{"filePath":)" + quoted + tail + "\"}}";
+        ConditionPtr condition = bench.Create(json, &error);
+        EXPECT_EQ(condition, nullptr) << json;
+        EXPECT_EQ(error, 87) << json;
+    }
 }
 
 // AND( exists(a), NOT(exists(b)) ), where b becomes a directory.
