@@ -13,9 +13,15 @@
 // re-entrant, the combinators calling it for their children on the caller's
 // thread.
 //
-// Nesting bound: a tree nested deeper than kMaxConditionDepth conditions is
-// refused with 87, so that a hostile or broken console cannot exhaust the
-// stack of the service process. 64 levels is far beyond any real rule.
+// Shape bounds: a tree nested deeper than kMaxConditionDepth conditions, with
+// more than kMaxConditionNodes conditions, or whose JSON is nested deeper than
+// kMaxJsonDepth values is refused with 87, so that a hostile or broken console
+// cannot exhaust the stack or the memory of the service process. The
+// outermost CreateCondition of a thread checks the caller's whole value
+// before anything is copied or built, walking it without recursion; a
+// refused tree builds nothing. 64 levels and 10,000 conditions are far beyond
+// any real rule; each condition level takes three or four JSON levels, which
+// leaves room for the conditions' own parameters within 512.
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -38,6 +44,8 @@ namespace Product::Integration::ConditionManager {
 class Manager : public IManager, public IServPlugin {
 public:
     static constexpr size_t kMaxConditionDepth = 64;
+    static constexpr size_t kMaxConditionNodes = 10000;
+    static constexpr size_t kMaxJsonDepth = 512;
 
     Manager();
     ~Manager() override;
@@ -58,7 +66,7 @@ public:
     int32_t Stop() override { return 0; }
 
     // Builds one condition tree (see IManager). Failures: 87 for a missing or
-    // non-string "type" or a tree nested too deeply; 120 for an unknown type
+    // non-string "type" or a tree beyond the shape bounds; 120 for an unknown type
     // keyword; otherwise the failing condition's Init status (the condition is
     // destroyed through its deleter).
     ConditionPtr CreateCondition(const Json::Value& json, int* error, size_t id) override;
