@@ -103,7 +103,7 @@ bool WithinShapeBounds(const Json::Value& root) {
 
 }  // namespace
 
-Manager::Manager() : networkProvider_(qv::names::kNetworkProvider), name_(qv::names::kConditionManager) {}
+Manager::Manager() : name_(qv::names::kConditionManager) {}
 
 Manager::~Manager() { Uninit(); }
 
@@ -117,7 +117,6 @@ void* Manager::QueryInterface(const GUID& iid) {
 int32_t Manager::Init(IServMain* main) {
     logging::CallTrace trace(kInit);
     std::lock_guard lock(mutex_);
-    networkProvider_.Release();
     ReleaseDependencies();
     host_ = main;
     if (const int32_t status = InitFactory(); status != 0) return status;
@@ -126,7 +125,7 @@ int32_t Manager::Init(IServMain* main) {
         logging::Log(logging::kError, kInit, L"failed to init dependencies");
         return status;
     }
-    if (!networkProvider_.GetPlugin(components)) {
+    if (!plugins_->GetNetworkProvider()) {
         logging::Log(logging::kError, kInit, L"failed to get network provider");
         ReleaseDependencies();
         return qv::status::kDependencyNotFound;
@@ -136,7 +135,6 @@ int32_t Manager::Init(IServMain* main) {
 
 int32_t Manager::Uninit() {
     std::lock_guard lock(mutex_);
-    networkProvider_.Release();
     ReleaseDependencies();
     return 0;
 }
@@ -159,7 +157,7 @@ int32_t Manager::InitDependencies(IComponentManager* components) {
     logging::CallTrace trace(kInitDependencies);
     if (!components) return qv::status::kInvalidParameter;
     ReleaseDependencies();
-    components_ = components;
+    plugins_ = std::make_shared<HeldPlugins>(components);
     for (auto& [keyword, entry] : factory_) {
         for (DependencyRecord& record : entry.dependencies) {
             logging::Log(logging::kTrace, kInitDependencies, L"creating dependency [%s]", record.name.c_str());
@@ -171,11 +169,9 @@ int32_t Manager::InitDependencies(IComponentManager* components) {
             case DependencySource::kQueueFactory:
                 record.object = components->GetEventQueueFactory();
                 break;
-            case DependencySource::kHost: {
-                void* object = nullptr;
-                if (components->GetPlugin(record.name.c_str(), record.iid, &object) == 0) record.object = object;
+            case DependencySource::kHost:
+                record.object = plugins_->Acquire(record.name, record.iid);
                 break;
-            }
             }
             if (!record.object) logging::Log(logging::kWarning, kInitDependencies, L"failed to create dependency");
         }
@@ -184,14 +180,9 @@ int32_t Manager::InitDependencies(IComponentManager* components) {
 }
 
 void Manager::ReleaseDependencies() {
-    for (auto& [keyword, entry] : factory_) {
-        for (DependencyRecord& record : entry.dependencies) {
-            if (record.source == DependencySource::kHost && record.object && components_)
-                components_->ReleasePlugin(record.name.c_str());
-            record.object = nullptr;
-        }
-    }
-    components_ = nullptr;
+    for (auto& [keyword, entry] : factory_)
+        for (DependencyRecord& record : entry.dependencies) record.object = nullptr;
+    plugins_.reset();
 }
 
 ConditionPtr Manager::CreateCondition(const Json::Value& json, int* error, size_t id) {
@@ -246,6 +237,14 @@ ConditionPtr Manager::Build(const Json::Value& json, int* error, size_t id) {
         *error = qv::status::kFunctionFailed;
         return nullptr;
     }
+    // The condition keeps the plug-ins it is given until it has been freed
+    // (also when Init fails below). The deleter lets go of them as soon as it
+    // has run, and refers to nothing of the manager.
+    ConditionDeleter destroy = std::move(condition.get_deleter());
+    condition.get_deleter() = [destroy = std::move(destroy), plugins = plugins_](ICondition* object) mutable {
+        destroy(object);
+        plugins.reset();
+    };
     for (const DependencyRecord& record : entry.dependencies) condition->Inject(record.iid, record.object);
     ConditionBase::InitData data;
     data.json = json;

@@ -5,8 +5,11 @@
 //
 // Lifecycle: the host calls Init once (which fills the type table and
 // resolves every declared dependency once), then any number of
-// CreateCondition calls, then Uninit. Trees must be destroyed before Uninit:
-// their conditions keep the resolved dependencies as plain pointers.
+// CreateCondition calls, then Uninit. The resolved host plug-ins are shared
+// (HeldPlugins): the manager drops its reference at Uninit, and every
+// condition it handed out keeps one until it is freed, so trees may outlive
+// Uninit and the manager itself. A condition's deleter never touches the
+// manager.
 //
 // Thread rules: Init and Uninit on the host's thread. CreateCondition from any
 // thread without a lock: it only reads the table, which Init filled; it is
@@ -34,8 +37,8 @@
 
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
+#include "conditions/held_plugins.h"
 #include "conditions/manager_interface.h"
-#include "network/network_provider_lookup.h"
 #include "plugin/serv_plugin.h"
 #include "qv/serv_plugin.h"
 
@@ -60,7 +63,8 @@ public:
     // no network provider; the status of InitDependencies when it fails. On
     // failure nothing stays acquired.
     int32_t Init(IServMain* main) override;
-    // Gives back every plug-in that Init obtained.
+    // Drops the manager's reference to the plug-ins that Init obtained; they
+    // are given back once no condition built from them remains.
     int32_t Uninit() override;
     int32_t Start() override { return 0; }
     int32_t Stop() override { return 0; }
@@ -75,6 +79,7 @@ public:
     // the host's queue factory, or the host plug-in of that name. A record
     // that cannot be resolved is logged and left null (the condition that
     // needs it fails in its own Init). 87 for a null component manager.
+    // Whatever an earlier call resolved is dropped first.
     int32_t InitDependencies(IComponentManager* components);
 
 protected:
@@ -133,13 +138,13 @@ private:
     }
 
     ConditionPtr Build(const Json::Value& json, int* error, size_t id);
-    // Gives back the host plug-ins held by the dependency records.
+    // Clears the dependency records and drops the manager's reference to the
+    // plug-ins behind them.
     void ReleaseDependencies();
 
     std::map<std::wstring, FactoryEntry> factory_;
     IServMain* host_ = nullptr;
-    IComponentManager* components_ = nullptr;  // where the records' plug-ins came from
-    qv::ServPlugin<Product::Integration::INetworkProvider> networkProvider_;
+    SharedPlugins plugins_;  // the records' plug-ins and the network provider
     std::mutex mutex_;  // serialises Init and Uninit
     std::wstring name_;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <memory>
 #include <string>
 
 #include "condition_test_support.h"
@@ -82,6 +83,37 @@ TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
     EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
     bench.manager.Uninit();
     EXPECT_EQ(bench.host.components().TotalReferences(), 0);
+}
+
+// The host may end the manager before the trees it built: the plug-ins the
+// conditions use are given back only once the last tree is gone, and a
+// condition still reaches its source when it is destroyed.
+TEST(ManagerInit, TreesKeepTheHostPluginsAfterTheManagerIsGone) {
+    Bench bench(true, false);
+    host::ComponentManager& components = bench.host.components();
+    auto manager = std::make_unique<TestManager>();
+    ASSERT_EQ(manager->Init(bench.host.main()), 0);
+    const std::string connected = R"({"type":"qv.isOvraConnected","data":{"connected":true}})";
+    ConditionPtr alone = manager->CreateCondition(ParseJson(connected), nullptr, 0);
+    ConditionPtr tree = manager->CreateCondition(
+        ParseJson(R"({"type":"boolean.AND","data":{"conditions":[{"type":"boolean.TRUE"},)" + connected + "]}}"),
+        nullptr, 0);
+    ASSERT_NE(alone, nullptr);
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 2u);
+    bench.agentClient.SetConnectionState(false);  // a delivery is pending in both
+
+    EXPECT_EQ(manager->Uninit(), 0);
+    manager.reset();
+    EXPECT_EQ(components.References(host::AgentClientNotifications::kName), 1);
+    EXPECT_EQ(components.References(host::NetworkProviderStandIn::kName), 1);
+    alone.reset();
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 1u);
+    EXPECT_EQ(components.References(host::AgentClientNotifications::kName), 1);
+    tree.reset();
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 0u);
+    EXPECT_EQ(components.TotalReferences(), 0);
+    EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
 }
 
 TEST(ManagerInit, HostIdentifierTextsParseToTheHostsIdentifiers) {
