@@ -14,7 +14,7 @@ ConditionFileExists::~ConditionFileExists() { ConditionFileExists::Uninit(); }
 
 int ConditionFileExists::Init(const InitData& data) {
     ConditionBase::Init(data);
-    thread_.Stop();
+    poller_.Unregister(this);
     filePath_.clear();
     bool loaded = qv::JsonComposedSerializer::Load(DataOf(data.json), L"filePath", filePath_);
     // The system call would end the path at an embedded NUL and test what
@@ -28,11 +28,11 @@ int ConditionFileExists::Init(const InitData& data) {
         std::lock_guard lock(lock_);
         exists_ = os::PathExists(filePath_);
     }
-    if (!thread_.Start([this](os::AutoResetEvent& stop) { Poll(stop); })) return qv::status::kFunctionFailed;
+    if (!poller_.Register(this)) return qv::status::kFunctionFailed;
     return loaded && !filePath_.empty() ? 0 : qv::status::kInvalidParameter;
 }
 
-void ConditionFileExists::Uninit() { thread_.Stop(); }
+void ConditionFileExists::Uninit() { poller_.Unregister(this); }
 
 int ConditionFileExists::GetState(bool* state, bool recompute) {
     if (!state) return qv::status::kInvalidParameter;
@@ -42,15 +42,12 @@ int ConditionFileExists::GetState(bool* state, bool recompute) {
     return 0;
 }
 
-void ConditionFileExists::Poll(os::AutoResetEvent& stop) {
-    // A failed wait counts as a time-out: only the stop signal ends the loop.
-    while (!stop.Wait(kPollIntervalMs)) {
-        const bool now = os::PathExists(filePath_);
-        std::lock_guard lock(lock_);
-        if (now != exists_) {
-            exists_ = now;
-            NotifyChanged(now);
-        }
+void ConditionFileExists::Poll() {
+    const bool now = os::PathExists(filePath_);
+    std::lock_guard lock(lock_);
+    if (now != exists_) {
+        exists_ = now;
+        NotifyChanged(now);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <json/writer.h>
 
@@ -102,6 +103,40 @@ TEST(FileExists, AMissingPathFailsWith87AndLeavesNoThreadBehind) {
         EXPECT_EQ(error, 87) << json;
     }
     EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode filePath"));
+    EXPECT_TRUE(Eventually([&] { return os::ProcessThreadCount() == threadsBefore; }));
+}
+
+// Thousands of file conditions are served by one polling thread, which ends
+// with the last of them; a change of one path still reaches its condition
+// only, once each way.
+TEST(FileExists, ThousandsOfConditionsShareOneThread) {
+    Bench bench;
+    TempDir dir;
+    std::thread([] {}).join();  // see AMissingPathFailsWith87AndLeavesNoThreadBehind
+    const size_t threadsBefore = os::ProcessThreadCount();
+    constexpr size_t kConditions = 2000;
+    constexpr size_t kWatched = 1234;
+    Recorder recorder;
+    std::vector<ConditionPtr> conditions;
+    for (size_t i = 0; i < kConditions; ++i) {
+        conditions.push_back(bench.manager.CreateCondition(FileExists(dir.File(L"f" + std::to_wstring(i))), nullptr, i));
+        ASSERT_NE(conditions.back(), nullptr);
+        conditions.back()->Subscribe(&recorder);
+    }
+    EXPECT_LE(os::ProcessThreadCount(), threadsBefore + 1);
+
+    CreateFile(dir.File(L"f" + std::to_wstring(kWatched)));
+    ASSERT_TRUE(recorder.WaitForCount(1, kPollPatience));
+    std::filesystem::remove(std::filesystem::path(dir.File(L"f" + std::to_wstring(kWatched))));
+    ASSERT_TRUE(recorder.WaitForCount(2, kPollPatience));
+    std::this_thread::sleep_for(300ms);
+    ASSERT_EQ(recorder.Count(), 2u);
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
+    EXPECT_EQ(recorder.Notifications()[0].id, kWatched);
+    EXPECT_EQ(recorder.Notifications()[1].id, kWatched);
+
+    for (ConditionPtr& condition : conditions) condition->Unsubscribe(&recorder);
+    conditions.clear();
     EXPECT_TRUE(Eventually([&] { return os::ProcessThreadCount() == threadsBefore; }));
 }
 
