@@ -37,7 +37,8 @@ int32_t NetworkProviderStandIn::Unsubscribe(IEvents* subscriber) {
 
 size_t NetworkProviderStandIn::NotifySubscribers() {
     std::lock_guard lock(mutex_);
-    return subscribers_.ForEachStillSubscribed([](IEvents* s) { s->OnNetworkStateChanged(); });
+    // A provider only tells; what a subscriber makes of the news is its own.
+    return subscribers_.ForEachStillSubscribed([](IEvents* s) { static_cast<void>(s->OnNetworkStateChanged()); });
 }
 
 size_t NetworkProviderStandIn::SubscriberCount() const {

@@ -18,7 +18,8 @@ constexpr const wchar_t* kUpdateState = L"Product::Integration::ConditionManager
 
 int32_t ConditionAggregate::Accept(IConditionVisitor& visitor) {
     visitor.Visit(*this);
-    for (ConditionPtr& child : children_) child->Accept(visitor);
+    for (ConditionPtr& child : children_)
+        if (const int32_t status = child->Accept(visitor); status != 0) return status;
     return 0;
 }
 
@@ -38,12 +39,24 @@ int32_t ConditionAggregate::CreateChildren(const Json::Value& json, IManager* ma
         }
         children_.push_back(std::move(child));
     }
-    for (ConditionPtr& child : children_) child->Subscribe(this);
+    for (ConditionPtr& child : children_) {
+        if (const int32_t status = child->Subscribe(this); status != 0) {
+            logging::Log(logging::kError, kCreateChildren, L"Failed to register for child events");
+            DestroyChildren();
+            return status;
+        }
+    }
     return 0;
 }
 
+void ConditionAggregate::UnsubscribeFromChildren() {
+    // A child refuses only when the subscription never happened (a failed
+    // build); either way it no longer notifies this aggregate.
+    for (ConditionPtr& child : children_) static_cast<void>(child->Unsubscribe(this));
+}
+
 void ConditionAggregate::DestroyChildren() {
-    for (ConditionPtr& child : children_) child->Unsubscribe(this);
+    UnsubscribeFromChildren();
     children_.clear();
 }
 
@@ -73,7 +86,7 @@ int32_t ConditionBooleanAndOr::Init(const InitData& data) {
 }
 
 void ConditionBooleanAndOr::Uninit() {
-    for (ConditionPtr& child : children_) child->Unsubscribe(this);
+    UnsubscribeFromChildren();
     queue().Close();
     queue().SetFactory(nullptr);
     std::vector<ConditionPtr> children;

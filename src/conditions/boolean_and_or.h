@@ -38,6 +38,7 @@ protected:
     [[nodiscard]] int32_t CreateChildren(const Json::Value& json, IManager* manager);
     // Unsubscribes from and destroys every child.
     void DestroyChildren();
+    void UnsubscribeFromChildren();
     ConditionQueue& queue() noexcept { return Slot<EvQueueWithName>().queue(); }
 
     std::vector<ConditionPtr> children_;

@@ -20,8 +20,10 @@ int32_t ConditionBooleanNot::Init(const InitData& data) {
     }
     if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
     if (const int32_t status = CreateChild(data.json, manager); status != 0) return status;
+    // The child's status is not looked at: a child that cannot answer yet
+    // leaves `value` false, and the negation starts true.
     bool value = false;
-    child_->GetState(&value, true);
+    static_cast<void>(child_->GetState(&value, true));
     state_ = !value;
     return 0;
 }
@@ -46,7 +48,8 @@ int32_t ConditionBooleanNot::CreateChild(const Json::Value& json, IManager* mana
 
 void ConditionBooleanNot::ReleaseChild() {
     if (!child_) return;
-    child_->Unsubscribe(this);
+    // Refused only when the subscription never happened (a failed build).
+    static_cast<void>(child_->Unsubscribe(this));
     child_.reset();
 }
 
@@ -64,8 +67,7 @@ int32_t ConditionBooleanNot::GetState(bool* state, bool recompute) {
 
 int32_t ConditionBooleanNot::Accept(IConditionVisitor& visitor) {
     visitor.Visit(*this);
-    if (child_) child_->Accept(visitor);
-    return 0;
+    return child_ ? child_->Accept(visitor) : 0;
 }
 
 int32_t ConditionBooleanNot::OnStateChanged(bool state, size_t) {

@@ -1,5 +1,7 @@
 #include "conditions/condition_base.h"
 
+#include <string_view>
+
 #include "model/json_composed_serializer.h"
 #include "os/utf8.h"
 #include "plugin/log.h"
@@ -22,7 +24,8 @@ int32_t ConditionBase::Init(const InitData& data) {
     id_ = data.id;
     type_.clear();
     if (data.json.isObject()) {
-        const Json::Value* type = data.json.find("type", "type" + 4);
+        constexpr std::string_view kTypeMember = "type";
+        const Json::Value* type = data.json.find(kTypeMember.data(), kTypeMember.data() + kTypeMember.size());
         if (type && type->isString()) type_ = os::Utf8ToWideLossy(type->asString());
     }
     return 0;

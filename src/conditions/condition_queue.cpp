@@ -8,6 +8,13 @@
 namespace Product::Integration::ConditionManager {
 namespace {
 constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
+
+// The host refuses these steps only for a queue it did not make. A refusal is
+// logged: it is the wait that keeps running work from outliving its owner.
+void Check(int32_t status, const wchar_t* step, const std::wstring& name) {
+    if (status != 0)
+        logging::Log(logging::kError, L"ConditionQueue", L"cannot %s event queue [%s] [%d]", step, name.c_str(), status);
+}
 }
 
 int32_t OpenQueue(ConditionQueue& queue, const wchar_t* name, const wchar_t* function) {
@@ -25,7 +32,7 @@ int32_t ConditionQueue::Open(const std::wstring& name) {
     if (status != 0 || !queue) return status != 0 ? status : qv::status::kFunctionFailed;
     status = client_.Init(queue, name);
     if (status != 0) {
-        factory_->ReleaseQueue(queue);
+        Check(factory_->ReleaseQueue(queue), L"release", name);
         return status;
     }
     queue_ = queue;
@@ -41,10 +48,10 @@ void ConditionQueue::Close() {
     if (!queue_) return;
     IEventQueue* queue = std::exchange(queue_, nullptr);
     IEventQueueFactory* factory = std::exchange(openedWith_, nullptr);
-    factory->StopQueue(queue);
-    factory->WaitQueue(queue, kNoTimeLimit);
+    Check(factory->StopQueue(queue), L"stop", name_);
+    Check(factory->WaitQueue(queue, kNoTimeLimit), L"wait for", name_);
     client_.Shutdown();
-    factory->ReleaseQueue(queue);
+    Check(factory->ReleaseQueue(queue), L"release", name_);
 }
 
 }  // namespace Product::Integration::ConditionManager

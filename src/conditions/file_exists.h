@@ -1,43 +1,49 @@
 #pragma once
 // "Test.FileExists": true while "data"."filePath" names an existing file or
-// directory. The path has no change notification, so the condition polls it
-// on a thread of its own every 100 ms and notifies when the answer flips.
-// A change that comes and goes between two polls is not seen.
-#include <cstdint>
+// directory. The path has no change notification, so the condition is polled
+// by the poller shared by all file conditions of the process (every 100 ms
+// plus the time a pass takes) and notifies when the answer flips. A change
+// that comes and goes between two polls is not seen.
 #include <mutex>
 #include <string>
 
 #include "conditions/condition_base.h"
-#include "os/worker_thread.h"
+#include "conditions/file_poller.h"
 
 namespace Product::Integration::ConditionManager {
 
-// Thread rules: the polling thread compares and notifies under the critical
-// section, so subscribers are called on that thread with it held; GetState
-// takes it too. Init starts the thread and Uninit stops and joins it; the
-// destructor does the same, so the thread never outlives the object.
-class ConditionFileExists final : public ConditionBase {
+// Thread rules: Poll runs on the poller's thread and compares and notifies
+// under the critical section, so subscribers are called on that thread with
+// it held; GetState takes it too. Init registers with the poller and Uninit
+// unregisters, waiting for a poll of this condition in progress; the
+// destructor does the same, so the poller never touches a freed condition.
+// Hence Uninit must not be called while holding a lock that a subscriber
+// takes in its notification, and a subscriber must not destroy the condition
+// that notifies it (it may call its Uninit, which then does not wait).
+class ConditionFileExists final : public ConditionBase, private FilePoller::Client {
 public:
     static constexpr const wchar_t* kType = L"Test.FileExists";
-    static constexpr uint32_t kPollIntervalMs = 100;
 
+    // Polled by `poller`, which must outlive the condition.
+    explicit ConditionFileExists(FilePoller& poller = FilePoller::Shared()) : poller_(poller) {}
     ~ConditionFileExists() override;
 
-    // Reads the path (absent, not a string or empty: kInvalidParameter, but the condition is
-    // still completed and polls the empty path, which never exists), takes
-    // the initial state and starts polling. kFunctionFailed when the thread cannot start.
+    // Reads the path (absent, not a string, empty or holding a NUL character:
+    // kInvalidParameter, but the condition is still completed and polls the empty path,
+    // which never exists), takes the initial state and starts polling. kFunctionFailed
+    // when the poller cannot start its thread.
     [[nodiscard]] int32_t Init(const InitData& data) override;
-    // Signals the polling thread and waits for it to end. Idempotent.
+    // Stops polling this condition. Idempotent.
     void Uninit() override;
     // With `recompute` tests the path again; 0.
     [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
 
 private:
-    void Poll(os::AutoResetEvent& stop);
+    void Poll() override;
 
-    std::wstring filePath_;  // set by Init before the thread starts
+    FilePoller& poller_;
+    std::wstring filePath_;  // set by Init before polling starts
     std::recursive_mutex lock_;
-    os::WorkerThread thread_;
     bool exists_ = false;
 };
 

@@ -1,6 +1,8 @@
 #include "conditions/manager.h"
 
 #include <exception>
+#include <string_view>
+#include <vector>
 
 #include "conditions/boolean_and_or.h"
 #include "conditions/boolean_constant.h"
@@ -31,9 +33,77 @@ public:
     DepthScope& operator=(const DepthScope&) = delete;
 };
 
+// What a JSON value is within a condition tree: a condition object, its
+// "data", the "conditions" array of a combinator, or anything else.
+enum class Role { kCondition, kData, kConditionList, kOther };
+
+Role ChildRole(Role parent, const Json::Value::const_iterator& child, bool inArray) {
+    if (inArray) return parent == Role::kConditionList ? Role::kCondition : Role::kOther;
+    const char* end = nullptr;
+    const char* begin = child.memberName(&end);
+    const std::string_view name = begin ? std::string_view(begin, static_cast<size_t>(end - begin)) : std::string_view();
+    if (parent == Role::kCondition && name == "data") return Role::kData;
+    if (parent == Role::kData && name == "condition") return Role::kCondition;
+    if (parent == Role::kData && name == "conditions") return Role::kConditionList;
+    return Role::kOther;
+}
+
+// Walks a whole tree's JSON once, without recursion and without copying, and
+// logs and returns false when it breaks a bound of the manager. Conditions are
+// counted where the combinators look for them ("data"."condition" and the
+// elements of "data"."conditions"), also under types that have no children,
+// so the count never falls short of what would be built. The walk keeps one
+// frame per open array or object, so its memory is bounded by the JSON depth.
+bool WithinShapeBounds(const Json::Value& root) {
+    struct Frame {
+        const Json::Value* value;
+        Json::Value::const_iterator next;
+        Role role;
+        size_t conditionDepth;
+    };
+    std::vector<Frame> open;
+    size_t conditions = 0;
+    auto enter = [&](const Json::Value& value, Role role, size_t conditionDepth) {
+        if (role == Role::kCondition) {
+            if (++conditionDepth > Manager::kMaxConditionDepth) {
+                logging::Log(logging::kError, kCreateCondition, L"Condition tree nested deeper than %d levels",
+                             static_cast<int>(Manager::kMaxConditionDepth));
+                return false;
+            }
+            if (++conditions > Manager::kMaxConditionNodes) {
+                logging::Log(logging::kError, kCreateCondition, L"Condition tree has more than %d conditions",
+                             static_cast<int>(Manager::kMaxConditionNodes));
+                return false;
+            }
+        }
+        if (!value.isArray() && !value.isObject()) return true;
+        if (open.size() >= Manager::kMaxJsonDepth) {
+            logging::Log(logging::kError, kCreateCondition, L"Condition JSON nested deeper than %d levels",
+                         static_cast<int>(Manager::kMaxJsonDepth));
+            return false;
+        }
+        open.push_back(Frame{&value, value.begin(), role, conditionDepth});
+        return true;
+    };
+    if (!enter(root, Role::kCondition, 0)) return false;
+    while (!open.empty()) {
+        Frame& top = open.back();
+        if (top.next == top.value->end()) {
+            open.pop_back();
+            continue;
+        }
+        const Json::Value& child = *top.next;
+        const Role role = ChildRole(top.role, top.next, top.value->isArray());
+        const size_t conditionDepth = top.conditionDepth;
+        ++top.next;
+        if (!enter(child, role, conditionDepth)) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
-Manager::Manager() : networkProvider_(qv::names::kNetworkProvider), name_(qv::names::kConditionManager) {}
+Manager::Manager() : name_(qv::names::kConditionManager) {}
 
 Manager::~Manager() { static_cast<void>(Uninit()); }  // Uninit always succeeds
 
@@ -47,7 +117,6 @@ void* Manager::QueryInterface(const GUID& iid) {
 int32_t Manager::Init(IServMain* main) {
     logging::CallTrace trace(kInit);
     std::lock_guard lock(mutex_);
-    networkProvider_.Release();
     ReleaseDependencies();
     host_ = main;
     if (const int32_t status = InitFactory(); status != 0) return status;
@@ -56,7 +125,7 @@ int32_t Manager::Init(IServMain* main) {
         logging::Log(logging::kError, kInit, L"failed to init dependencies");
         return status;
     }
-    if (!networkProvider_.GetPlugin(components)) {
+    if (!plugins_->GetNetworkProvider()) {
         logging::Log(logging::kError, kInit, L"failed to get network provider");
         ReleaseDependencies();
         return qv::status::kDependencyNotFound;
@@ -66,7 +135,6 @@ int32_t Manager::Init(IServMain* main) {
 
 int32_t Manager::Uninit() {
     std::lock_guard lock(mutex_);
-    networkProvider_.Release();
     ReleaseDependencies();
     return 0;
 }
@@ -89,7 +157,7 @@ int32_t Manager::InitDependencies(IComponentManager* components) {
     logging::CallTrace trace(kInitDependencies);
     if (!components) return qv::status::kInvalidParameter;
     ReleaseDependencies();
-    components_ = components;
+    plugins_ = std::make_shared<HeldPlugins>(components);
     for (auto& [keyword, entry] : factory_) {
         for (DependencyRecord& record : entry.dependencies) {
             logging::Log(logging::kTrace, kInitDependencies, L"creating dependency [%s]", record.name.c_str());
@@ -101,11 +169,9 @@ int32_t Manager::InitDependencies(IComponentManager* components) {
             case DependencySource::kQueueFactory:
                 record.object = components->GetEventQueueFactory();
                 break;
-            case DependencySource::kHost: {
-                void* object = nullptr;
-                if (components->GetPlugin(record.name.c_str(), record.iid, &object) == 0) record.object = object;
+            case DependencySource::kHost:
+                record.object = plugins_->Acquire(record.name, record.iid);
                 break;
-            }
             }
             if (!record.object) logging::Log(logging::kWarning, kInitDependencies, L"failed to create dependency");
         }
@@ -114,14 +180,9 @@ int32_t Manager::InitDependencies(IComponentManager* components) {
 }
 
 void Manager::ReleaseDependencies() {
-    for (auto& [keyword, entry] : factory_) {
-        for (DependencyRecord& record : entry.dependencies) {
-            if (record.source == DependencySource::kHost && record.object && components_)
-                components_->ReleasePlugin(record.name.c_str());
-            record.object = nullptr;
-        }
-    }
-    components_ = nullptr;
+    for (auto& [keyword, entry] : factory_)
+        for (DependencyRecord& record : entry.dependencies) record.object = nullptr;
+    plugins_.reset();
 }
 
 ConditionPtr Manager::CreateCondition(const Json::Value& json, int32_t* error, size_t id) {
@@ -130,6 +191,12 @@ ConditionPtr Manager::CreateCondition(const Json::Value& json, int32_t* error, s
     if (!error) error = &ignored;
     *error = 0;
     DepthScope depth;
+    // The outermost call checks the caller's whole tree before any copy; the
+    // calls for the children below it build parts of a tree already checked.
+    if (buildDepth == 1 && !WithinShapeBounds(json)) {
+        *error = qv::status::kInvalidParameter;
+        return nullptr;
+    }
     if (buildDepth > kMaxConditionDepth) {
         logging::Log(logging::kError, kCreateCondition, L"Condition tree nested deeper than %d levels",
                      static_cast<int>(kMaxConditionDepth));
@@ -170,6 +237,14 @@ ConditionPtr Manager::Build(const Json::Value& json, int32_t* error, size_t id) 
         *error = qv::status::kFunctionFailed;
         return nullptr;
     }
+    // The condition keeps the plug-ins it is given until it has been freed
+    // (also when Init fails below). The deleter lets go of them as soon as it
+    // has run, and refers to nothing of the manager.
+    ConditionDeleter destroy = std::move(condition.get_deleter());
+    condition.get_deleter() = [destroy = std::move(destroy), plugins = plugins_](ICondition* object) mutable {
+        destroy(object);
+        plugins.reset();
+    };
     for (const DependencyRecord& record : entry.dependencies) condition->Inject(record.iid, record.object);
     ConditionBase::InitData data;
     data.json = json;

@@ -5,17 +5,26 @@
 //
 // Lifecycle: the host calls Init once (which fills the type table and
 // resolves every declared dependency once), then any number of
-// CreateCondition calls, then Uninit. Trees must be destroyed before Uninit:
-// their conditions keep the resolved dependencies as plain pointers.
+// CreateCondition calls, then Uninit. The resolved host plug-ins are shared
+// (HeldPlugins): the manager drops its reference at Uninit, and every
+// condition it handed out keeps one until it is freed, so trees may outlive
+// Uninit and the manager itself. A condition's deleter never touches the
+// manager.
 //
 // Thread rules: Init and Uninit on the host's thread. CreateCondition from any
 // thread without a lock: it only reads the table, which Init filled; it is
 // re-entrant, the combinators calling it for their children on the caller's
 // thread.
 //
-// Nesting bound: a tree nested deeper than kMaxConditionDepth conditions is
-// refused with kInvalidParameter, so that a hostile or broken console cannot exhaust the
-// stack of the service process. 64 levels is far beyond any real rule.
+// Shape bounds: a tree nested deeper than kMaxConditionDepth conditions, with
+// more than kMaxConditionNodes conditions, or whose JSON is nested deeper than
+// kMaxJsonDepth values is refused with kInvalidParameter, so that a hostile or broken console
+// cannot exhaust the stack or the memory of the service process. The
+// outermost CreateCondition of a thread checks the caller's whole value
+// before anything is copied or built, walking it without recursion; a
+// refused tree builds nothing. 64 levels and 10,000 conditions are far beyond
+// any real rule; each condition level takes three or four JSON levels, which
+// leaves room for the conditions' own parameters within 512.
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -28,8 +37,8 @@
 
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
+#include "conditions/held_plugins.h"
 #include "conditions/manager_interface.h"
-#include "network/network_provider_lookup.h"
 #include "plugin/serv_plugin.h"
 #include "qv/serv_plugin.h"
 
@@ -38,6 +47,8 @@ namespace Product::Integration::ConditionManager {
 class Manager : public IManager, public IServPlugin {
 public:
     static constexpr size_t kMaxConditionDepth = 64;
+    static constexpr size_t kMaxConditionNodes = 10000;
+    static constexpr size_t kMaxJsonDepth = 512;
 
     Manager();
     ~Manager() override;
@@ -52,13 +63,14 @@ public:
     // no network provider; the status of InitDependencies when it fails. On
     // failure nothing stays acquired.
     [[nodiscard]] int32_t Init(IServMain* main) override;
-    // Gives back every plug-in that Init obtained.
+    // Drops the manager's reference to the plug-ins that Init obtained; they
+    // are given back once no condition built from them remains.
     [[nodiscard]] int32_t Uninit() override;
     [[nodiscard]] int32_t Start() override { return 0; }
     [[nodiscard]] int32_t Stop() override { return 0; }
 
     // Builds one condition tree (see IManager). Failures: kInvalidParameter for a missing or
-    // non-string "type" or a tree nested too deeply; kCallNotImplemented for an unknown type
+    // non-string "type" or a tree beyond the shape bounds; kCallNotImplemented for an unknown type
     // keyword; otherwise the failing condition's Init status (the condition is
     // destroyed through its deleter).
     [[nodiscard]] ConditionPtr CreateCondition(const Json::Value& json, int32_t* error, size_t id) override;
@@ -67,6 +79,7 @@ public:
     // the host's queue factory, or the host plug-in of that name. A record
     // that cannot be resolved is logged and left null (the condition that
     // needs it fails in its own Init). kInvalidParameter for a null component manager.
+    // Whatever an earlier call resolved is dropped first.
     [[nodiscard]] int32_t InitDependencies(IComponentManager* components);
 
 protected:
@@ -125,13 +138,13 @@ private:
     }
 
     [[nodiscard]] ConditionPtr Build(const Json::Value& json, int32_t* error, size_t id);
-    // Gives back the host plug-ins held by the dependency records.
+    // Clears the dependency records and drops the manager's reference to the
+    // plug-ins behind them.
     void ReleaseDependencies();
 
     std::map<std::wstring, FactoryEntry> factory_;
     IServMain* host_ = nullptr;
-    IComponentManager* components_ = nullptr;  // where the records' plug-ins came from
-    qv::ServPlugin<Product::Integration::INetworkProvider> networkProvider_;
+    SharedPlugins plugins_;  // the records' plug-ins and the network provider
     std::mutex mutex_;  // serialises Init and Uninit
     std::wstring name_;
 };

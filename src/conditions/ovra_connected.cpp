@@ -45,7 +45,8 @@ int32_t ConditionisOvraConnected::Init(const InitData& data) {
 
 void ConditionisOvraConnected::Uninit() {
     if (Client* client = Dependency<Client>()) {
-        client->UnregisterEcsNotifications(this);
+        // Refused only when the registration never happened (a failed Init).
+        static_cast<void>(client->UnregisterEcsNotifications(this));
         Slot<Client>().reset();
     }
     Slot<EvQueueWithName>().queue().Close();

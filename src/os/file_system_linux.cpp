@@ -11,7 +11,8 @@ const wchar_t kPathSeparator = L'/';
 const wchar_t kPathSeparators[] = L"/";
 
 bool PathExists(const std::wstring& path) noexcept {
-    if (path.empty()) return false;
+    // The system call would stop at an embedded NUL and test a shorter path.
+    if (path.empty() || path.find(L'\0') != std::wstring::npos) return false;
     try {
         const std::optional<std::string> narrow = WideToUtf8(path);
         if (!narrow) return false;

@@ -33,7 +33,7 @@ public:
 
     [[nodiscard]] int32_t Init(IServMain* main) override {
         IComponentManager* manager = main ? main->GetComponentManager() : nullptr;
-        qv::ScopeExit undo([this] { Uninit(); });
+        qv::ScopeExit undo([this] { static_cast<void>(Uninit()); });  // undoing cannot fail
         if (!agentManager_.GetPlugin(manager)) return qv::status::kDependencyNotFound;
         undo.Dismiss();
         return 0;
@@ -100,7 +100,7 @@ public:
     // was acquired is then given back.
     [[nodiscard]] int32_t Init(IServMain* main) override {
         IComponentManager* manager = main ? main->GetComponentManager() : nullptr;
-        qv::ScopeExit undo([this] { Uninit(); });
+        qv::ScopeExit undo([this] { static_cast<void>(Uninit()); });  // undoing cannot fail
         if (!agentManager().GetPlugin(manager)) return qv::status::kDependencyNotFound;
         if (!plugin_.GetPlugin(manager)) return qv::status::kDependencyNotFound;
         undo.Dismiss();

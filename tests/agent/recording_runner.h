@@ -125,7 +125,7 @@ private:
     }
     template <class T>
     static void Append(const qv::IList<T>& from, qv::IList<T>& to) {
-        from.ForEach([&](const T& v) { to.AddTail(v); });
+        from.ForEach([&](const T& v) { EXPECT_EQ(to.AddTail(v), 0); });
     }
 
     template <class Fn = void (*)(Received&)>

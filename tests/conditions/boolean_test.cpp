@@ -57,7 +57,7 @@ TEST(BooleanAndOr, NotifyOnlyWhenTheResultChanges) {
         }
         EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false})) << c.type;
         EXPECT_EQ(recorder.Notifications()[0].id, 3u);
-        tree->Unsubscribe(&recorder);
+        EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
     }
 }
 
@@ -75,10 +75,10 @@ TEST(BooleanAndOr, InitialStateCountsChildrenAlreadyTrue) {
     EXPECT_TRUE(StateOf(*either));
     EXPECT_FALSE(StateOf(*notAll));
     Recorder recorder;
-    both->Subscribe(&recorder);
+    EXPECT_EQ(both->Subscribe(&recorder), 0);
     bench.Settle();
     EXPECT_EQ(recorder.Count(), 0u);
-    both->Unsubscribe(&recorder);
+    EXPECT_EQ(both->Unsubscribe(&recorder), 0);
 }
 
 TEST(BooleanNot, ForwardsEveryChildNotificationAtOnce) {
@@ -87,14 +87,14 @@ TEST(BooleanNot, ForwardsEveryChildNotificationAtOnce) {
     ASSERT_NE(tree, nullptr);
     EXPECT_TRUE(StateOf(*tree));
     Recorder recorder;
-    tree->Subscribe(&recorder);
+    EXPECT_EQ(tree->Subscribe(&recorder), 0);
     // Synchronous: the notification has arrived when Set returns.
     bench.board.Set(L"not.a", true);
     EXPECT_EQ(recorder.States(), std::vector<bool>{false});
     EXPECT_FALSE(StateOf(*tree));
     bench.board.Set(L"not.a", false);
     EXPECT_EQ(recorder.States(), (std::vector<bool>{false, true}));
-    tree->Unsubscribe(&recorder);
+    EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
 }
 
 TEST(BooleanTree, NestedCombinatorsCarryAChangeToTheRoot) {
@@ -106,7 +106,7 @@ TEST(BooleanTree, NestedCombinatorsCarryAChangeToTheRoot) {
     ASSERT_NE(tree, nullptr);
     EXPECT_FALSE(StateOf(*tree));
     Recorder recorder;
-    tree->Subscribe(&recorder);
+    EXPECT_EQ(tree->Subscribe(&recorder), 0);
 
     bench.board.Set(L"t.a", true);  // AND turns true, so does OR
     bench.Settle();
@@ -127,7 +127,7 @@ TEST(BooleanTree, NestedCombinatorsCarryAChangeToTheRoot) {
     EXPECT_EQ(tree->Accept(types), 0);
     EXPECT_EQ(types.types, (std::vector<std::wstring>{L"boolean.OR", L"boolean.AND", L"test.Switch", L"boolean.NOT",
                                                       L"test.Switch", L"test.Switch"}));
-    tree->Unsubscribe(&recorder);
+    EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
 }
 
 TEST(BooleanAndOr, ABurstOfChildNotificationsGivesOneRecomputation) {
@@ -136,7 +136,7 @@ TEST(BooleanAndOr, ABurstOfChildNotificationsGivesOneRecomputation) {
     ConditionPtr tree = bench.Create(Combine("boolean.AND", {Switch("burst.a"), Switch("burst.b")}));
     ASSERT_NE(tree, nullptr);
     Recorder recorder;
-    tree->Subscribe(&recorder);
+    EXPECT_EQ(tree->Subscribe(&recorder), 0);
     const int recomputesBefore = bench.board.Recomputes(L"burst.a");
 
     // Hold the aggregates' queue with an item of our own, so that both child
@@ -164,7 +164,7 @@ TEST(BooleanAndOr, ABurstOfChildNotificationsGivesOneRecomputation) {
 
     blocker.Shutdown();
     bench.host.queues().ReleaseQueue(handle);
-    tree->Unsubscribe(&recorder);
+    EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
 }
 
 TEST(BooleanAndOr, NeedAtLeastOneChild) {
@@ -210,7 +210,7 @@ TEST(BooleanAndOr, AChildErrorDuringRecomputeKeepsTheCachedValueAndNotifiesNobod
     ConditionPtr tree = bench.Create(Combine("boolean.AND", {Switch("err.a"), Switch("err.b")}));
     ASSERT_NE(tree, nullptr);
     Recorder recorder;
-    tree->Subscribe(&recorder);
+    EXPECT_EQ(tree->Subscribe(&recorder), 0);
 
     bench.board.SetError(L"err.b", 1234);
     bool state = true;
@@ -226,7 +226,7 @@ TEST(BooleanAndOr, AChildErrorDuringRecomputeKeepsTheCachedValueAndNotifiesNobod
     bench.board.Set(L"err.a", true);
     bench.Settle();
     EXPECT_EQ(recorder.States(), std::vector<bool>{true});
-    tree->Unsubscribe(&recorder);
+    EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
 }
 
 TEST(ConditionBase, SubscriberBookkeepingAndTheLastStatusRule) {
@@ -254,7 +254,7 @@ TEST(ConditionBase, SubscriberBookkeepingAndTheLastStatusRule) {
     EXPECT_TRUE(capture.Contains(logging::kTrace,
                                  L"Product::Integration::ConditionManager::ConditionBase::NotifyChanged",
                                  L"Condition [test.Switch] notify [TRUE]"));
-    leaf->Unsubscribe(&first);
+    EXPECT_EQ(leaf->Unsubscribe(&first), 0);
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
     ConditionPtr tree = bench.Create(json);
     ASSERT_NE(tree, nullptr);
     Recorder recorder;
-    tree->Subscribe(&recorder);
+    EXPECT_EQ(tree->Subscribe(&recorder), 0);
 
     const std::vector<std::wstring> names{L"c.a", L"c.b", L"c.c", L"c.d"};
     constexpr int kFlips = 300;
@@ -72,7 +72,7 @@ TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
     bench.Settle();
     ASSERT_EQ(recorder.Count(), before + 1);
     EXPECT_FALSE(recorder.Notifications().back().state);
-    tree->Unsubscribe(&recorder);
+    EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
 }
 
 TEST(Concurrency, TreesBuiltAndDestroyedOnSeveralThreadsAtOnce) {
@@ -91,10 +91,10 @@ TEST(Concurrency, TreesBuiltAndDestroyedOnSeveralThreadsAtOnce) {
                 Recorder recorder;
                 ConditionPtr tree = bench.Create(json);
                 ASSERT_NE(tree, nullptr);
-                tree->Subscribe(&recorder);
+                EXPECT_EQ(tree->Subscribe(&recorder), 0);
                 bool state = false;
                 EXPECT_EQ(tree->GetState(&state, true), 0);
-                tree->Unsubscribe(&recorder);
+                EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
             }
         });
     }

@@ -4,7 +4,11 @@
 
 #include <chrono>
 #include <filesystem>
+#include <string>
 #include <thread>
+#include <vector>
+
+#include <json/writer.h>
 
 #include "condition_test_support.h"
 #include "os/file_io.h"
@@ -67,8 +71,8 @@ TEST(FileExists, NotifiesOnceWhenTheFileAppearsAndOnceWhenItGoes) {
     ASSERT_NE(existing, nullptr);
     EXPECT_TRUE(StateOf(*existing));
     Recorder recorder;
-    condition->Subscribe(&recorder);
-    existing->Subscribe(&recorder);
+    EXPECT_EQ(condition->Subscribe(&recorder), 0);
+    EXPECT_EQ(existing->Subscribe(&recorder), 0);
 
     CreateFile(path);
     ASSERT_TRUE(recorder.WaitForCount(1, kPollPatience));
@@ -81,8 +85,8 @@ TEST(FileExists, NotifiesOnceWhenTheFileAppearsAndOnceWhenItGoes) {
     ASSERT_EQ(recorder.Count(), 2u);
     EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
     EXPECT_EQ(recorder.Notifications()[0].id, 2u);
-    condition->Unsubscribe(&recorder);
-    existing->Unsubscribe(&recorder);
+    EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
+    EXPECT_EQ(existing->Unsubscribe(&recorder), 0);
 }
 
 TEST(FileExists, AMissingPathFailsWith87AndLeavesNoThreadBehind) {
@@ -102,6 +106,56 @@ TEST(FileExists, AMissingPathFailsWith87AndLeavesNoThreadBehind) {
     EXPECT_TRUE(Eventually([&] { return os::ProcessThreadCount() == threadsBefore; }));
 }
 
+// Thousands of file conditions are served by one polling thread, which ends
+// with the last of them; a change of one path still reaches its condition
+// only, once each way.
+TEST(FileExists, ThousandsOfConditionsShareOneThread) {
+    Bench bench;
+    TempDir dir;
+    std::thread([] {}).join();  // see AMissingPathFailsWith87AndLeavesNoThreadBehind
+    const size_t threadsBefore = os::ProcessThreadCount();
+    constexpr size_t kConditions = 2000;
+    constexpr size_t kWatched = 1234;
+    Recorder recorder;
+    std::vector<ConditionPtr> conditions;
+    for (size_t i = 0; i < kConditions; ++i) {
+        conditions.push_back(bench.manager.CreateCondition(FileExists(dir.File(L"f" + std::to_wstring(i))), nullptr, i));
+        ASSERT_NE(conditions.back(), nullptr);
+        ASSERT_EQ(conditions.back()->Subscribe(&recorder), 0);
+    }
+    EXPECT_LE(os::ProcessThreadCount(), threadsBefore + 1);
+
+    CreateFile(dir.File(L"f" + std::to_wstring(kWatched)));
+    ASSERT_TRUE(recorder.WaitForCount(1, kPollPatience));
+    std::filesystem::remove(std::filesystem::path(dir.File(L"f" + std::to_wstring(kWatched))));
+    ASSERT_TRUE(recorder.WaitForCount(2, kPollPatience));
+    std::this_thread::sleep_for(300ms);
+    ASSERT_EQ(recorder.Count(), 2u);
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
+    EXPECT_EQ(recorder.Notifications()[0].id, kWatched);
+    EXPECT_EQ(recorder.Notifications()[1].id, kWatched);
+
+    for (ConditionPtr& condition : conditions) EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
+    conditions.clear();
+    EXPECT_TRUE(Eventually([&] { return os::ProcessThreadCount() == threadsBefore; }));
+}
+
+// The system call would stop at an embedded NUL and test the existing folder
+// in front of it; the whole path names nothing, so the path is refused.
+TEST(FileExists, RefusesAPathWithAnEmbeddedNul) {
+    Bench bench;
+    TempDir dir;
+    std::string quoted = Json::valueToQuotedString(os::WideToUtf8Lossy(dir.path()).c_str());
+    quoted.pop_back();  // the closing quote
+    int32_t error = 0;
+    for (const char* tail : {"\\u0000", "\\u0000missing", "\\u0000/../missing"}) {
+        const std::string json = R"({"type":"Test.FileExists","data":{"filePath":)" + quoted + tail + "\"}}";
+        ConditionPtr condition = bench.Create(json, &error);
+        EXPECT_EQ(condition, nullptr) << json;
+        EXPECT_EQ(error, 87) << json;
+    }
+}
+
 // AND( exists(a), NOT(exists(b)) ), where b becomes a directory.
 TEST(FileExists, DrivesATreeThroughRealFiles) {
     Bench bench;
@@ -112,13 +166,13 @@ TEST(FileExists, DrivesATreeThroughRealFiles) {
     ASSERT_NE(root, nullptr);
     EXPECT_FALSE(StateOf(*root));
     Recorder recorder;
-    root->Subscribe(&recorder);
+    EXPECT_EQ(root->Subscribe(&recorder), 0);
     CreateFile(a);
     ASSERT_TRUE(recorder.WaitForCount(1, kPollPatience));
     std::filesystem::create_directory(std::filesystem::path(b));
     ASSERT_TRUE(recorder.WaitForCount(2, kPollPatience));
     EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
-    root->Unsubscribe(&recorder);
+    EXPECT_EQ(root->Unsubscribe(&recorder), 0);
 }
 
 // Many trees with polling leaves come and go; every thread and handle they

@@ -2,6 +2,8 @@
 // CreateCondition, the nesting bound, and its export.
 #include <gtest/gtest.h>
 
+#include <deque>
+#include <memory>
 #include <string>
 
 #include "condition_test_support.h"
@@ -79,6 +81,37 @@ TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
     EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
     EXPECT_EQ(bench.manager.Uninit(), 0);
     EXPECT_EQ(bench.host.components().TotalReferences(), 0);
+}
+
+// The host may end the manager before the trees it built: the plug-ins the
+// conditions use are given back only once the last tree is gone, and a
+// condition still reaches its source when it is destroyed.
+TEST(ManagerInit, TreesKeepTheHostPluginsAfterTheManagerIsGone) {
+    Bench bench(true, false);
+    host::ComponentManager& components = bench.host.components();
+    auto manager = std::make_unique<TestManager>();
+    ASSERT_EQ(manager->Init(bench.host.main()), 0);
+    const std::string connected = R"({"type":"qv.isOvraConnected","data":{"connected":true}})";
+    ConditionPtr alone = manager->CreateCondition(ParseJson(connected), nullptr, 0);
+    ConditionPtr tree = manager->CreateCondition(
+        ParseJson(R"({"type":"boolean.AND","data":{"conditions":[{"type":"boolean.TRUE"},)" + connected + "]}}"),
+        nullptr, 0);
+    ASSERT_NE(alone, nullptr);
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 2u);
+    bench.agentClient.SetConnectionState(false);  // a delivery is pending in both
+
+    EXPECT_EQ(manager->Uninit(), 0);
+    manager.reset();
+    EXPECT_EQ(components.References(host::AgentClientNotifications::kName), 1);
+    EXPECT_EQ(components.References(host::NetworkProviderStandIn::kName), 1);
+    alone.reset();
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 1u);
+    EXPECT_EQ(components.References(host::AgentClientNotifications::kName), 1);
+    tree.reset();
+    EXPECT_EQ(bench.agentClient.SubscriberCount(), 0u);
+    EXPECT_EQ(components.TotalReferences(), 0);
+    EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
 }
 
 TEST(ManagerInit, HostIdentifierTextsParseToTheHostsIdentifiers) {
@@ -194,6 +227,76 @@ TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     wide += "]}}";
     ConditionPtr broad = bench.Create(wide, &error);
     EXPECT_NE(broad, nullptr);
+    EXPECT_EQ(error, 0);
+}
+
+// An OR over `leaves` switches: one condition more than its leaves.
+std::string OrOfSwitches(size_t leaves) {
+    std::string json = R"({"type":"boolean.OR","data":{"conditions":[)";
+    for (size_t i = 0; i < leaves; ++i) json += std::string(i ? "," : "") + R"({"type":"test.Switch","data":{"name":"s"}})";
+    return json + "]}}";
+}
+
+// A refused tree builds nothing: not one leaf comes to life.
+TEST(CreateCondition, RefusesTreesWithMoreConditionsThanTheBound) {
+    Bench bench;
+    int32_t error = -1;
+    ConditionPtr largest = bench.Create(OrOfSwitches(Manager::kMaxConditionNodes - 1), &error);
+    ASSERT_NE(largest, nullptr);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(ConditionTestSwitch::live, static_cast<int>(Manager::kMaxConditionNodes - 1));
+    largest.reset();
+
+    LogCapture capture;
+    const int uninitsBefore = ConditionTestSwitch::uninits;
+    EXPECT_EQ(bench.Create(OrOfSwitches(Manager::kMaxConditionNodes), &error), nullptr);
+    EXPECT_EQ(error, 87);
+    EXPECT_EQ(ConditionTestSwitch::live, 0);
+    EXPECT_EQ(ConditionTestSwitch::uninits, uninitsBefore);
+    EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition tree has more than 10000 conditions"));
+}
+
+// Takes a value apart from the top, so that no recursion of the JSON library
+// runs over its depth.
+void Dismantle(Json::Value& value) {
+    std::deque<Json::Value> pending;
+    pending.push_back(std::move(value));
+    while (!pending.empty()) {
+        Json::Value current = std::move(pending.back());
+        pending.pop_back();
+        for (Json::Value& child : current) pending.push_back(std::move(child));
+    }
+}
+
+// Values nested far deeper than the JSON reader allows can still come from
+// memory; they are refused before the manager copies (and so recurses over)
+// any part of them.
+TEST(CreateCondition, RefusesDeeplyNestedValuesBeforeCopyingThem) {
+    constexpr int kLevels = 100000;
+    Bench bench;
+    // A constant whose "data" holds nested arrays.
+    Json::Value arrays = ParseJson(R"({"type":"boolean.TRUE","data":{"junk":[]}})");
+    Json::Value* inner = &arrays["data"]["junk"];
+    for (int i = 0; i < kLevels; ++i) inner = &inner->append(Json::Value(Json::arrayValue));
+    // A chain of negations.
+    Json::Value negations;
+    inner = &negations;
+    for (int i = 0; i < kLevels; ++i) {
+        (*inner)["type"] = "boolean.NOT";
+        inner = &(*inner)["data"]["condition"];
+    }
+    (*inner)["type"] = "boolean.TRUE";
+
+    for (Json::Value* deep : {&arrays, &negations}) {
+        int32_t error = -1;
+        EXPECT_EQ(bench.manager.CreateCondition(*deep, &error, 0), nullptr);
+        EXPECT_EQ(error, 87);
+        Dismantle(*deep);
+    }
+    // Within the bounds, parameters may nest some hundreds of levels.
+    int32_t error = -1;
+    EXPECT_NE(bench.Create(R"({"type":"boolean.TRUE","data":{"junk":)" + std::string(400, '[') +
+                           std::string(400, ']') + "}}", &error), nullptr);
     EXPECT_EQ(error, 0);
 }
 

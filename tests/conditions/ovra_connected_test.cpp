@@ -44,7 +44,7 @@ TEST_F(OvraConnected, StartsFromTheCurrentConnectionAndTakesUnknownAsNotConnecte
     EXPECT_TRUE(capture.Contains(logging::kTrace,
                                  L"Product::Integration::ConditionManager::ConditionisOvraConnected::Init",
                                  L"Condition isOvraConnected initial state 1"));
-    wantConnected->Subscribe(&recorder);
+    EXPECT_EQ(wantConnected->Subscribe(&recorder), 0);
     Advance(60000);
     EXPECT_EQ(recorder.Count(), 0u);
 
@@ -57,13 +57,13 @@ TEST_F(OvraConnected, StartsFromTheCurrentConnectionAndTakesUnknownAsNotConnecte
     ConditionPtr late = bench.Create(Connected(false));
     ASSERT_NE(late, nullptr);
     EXPECT_TRUE(StateOf(*late));
-    wantConnected->Unsubscribe(&recorder);
+    EXPECT_EQ(wantConnected->Unsubscribe(&recorder), 0);
 }
 
 TEST_F(OvraConnected, DeliversAChangeAfterTwentyQuietSecondsAndShowsItAtOnceOnRecompute) {
     ConditionPtr condition = bench.Create(Connected(true), nullptr, 5);
     ASSERT_NE(condition, nullptr);
-    condition->Subscribe(&recorder);
+    EXPECT_EQ(condition->Subscribe(&recorder), 0);
 
     EXPECT_EQ(bench.agentClient.SetConnectionState(false), 1u);
     EXPECT_FALSE(StateOf(*condition, true));
@@ -77,13 +77,13 @@ TEST_F(OvraConnected, DeliversAChangeAfterTwentyQuietSecondsAndShowsItAtOnceOnRe
     EXPECT_EQ(recorder.Notifications()[0].id, 5u);
     EXPECT_FALSE(StateOf(*condition, false));
     EXPECT_TRUE(capture.Contains(logging::kTrace, kDoNotify, L"20s passed since last notification. new status [0]"));
-    condition->Unsubscribe(&recorder);
+    EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
 }
 
 TEST_F(OvraConnected, EachReportRestartsTheWaitAndTheLastValueIsDeliveredEvenIfUnchanged) {
     ConditionPtr condition = bench.Create(Connected(true));
     ASSERT_NE(condition, nullptr);
-    condition->Subscribe(&recorder);
+    EXPECT_EQ(condition->Subscribe(&recorder), 0);
 
     bench.agentClient.SetConnectionState(false);
     Advance(10000);
@@ -98,7 +98,7 @@ TEST_F(OvraConnected, EachReportRestartsTheWaitAndTheLastValueIsDeliveredEvenIfU
     bench.agentClient.Report();
     Advance(20000);
     EXPECT_EQ(recorder.States(), (std::vector<bool>{true, true}));
-    condition->Unsubscribe(&recorder);
+    EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
 }
 
 TEST_F(OvraConnected, RequiresABooleanConnectedMember) {
@@ -116,9 +116,9 @@ TEST_F(OvraConnected, DestroyingTheConditionStopsReportsAndDropsAPendingDelivery
     ConditionPtr condition = bench.Create(Connected(true));
     ASSERT_NE(condition, nullptr);
     EXPECT_EQ(bench.agentClient.SubscriberCount(), 1u);
-    condition->Subscribe(&recorder);
+    EXPECT_EQ(condition->Subscribe(&recorder), 0);
     bench.agentClient.SetConnectionState(false);
-    condition->Unsubscribe(&recorder);
+    EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
     condition.reset();
     EXPECT_EQ(bench.agentClient.SubscriberCount(), 0u);
     EXPECT_EQ(bench.agentClient.SetConnectionState(true), 0u);

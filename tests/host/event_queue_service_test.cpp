@@ -300,8 +300,8 @@ TEST_F(EventQueueServiceTest, DelaysFollowRealTimeOnTheSystemClockAndLeftoversAr
         host::EventQueueService real(systemClock);
         IEventQueue* q = nullptr;
         ASSERT_EQ(real.CreateQueue(L"Q", &q), 0);
-        q->Post(nullptr, 60000, kEqNoValue, new TestItem(recorder, "pending"), 0, nullptr);
-        q->Post(nullptr, 30, kEqNoValue, new TestItem(recorder, "delayed", body), 0, nullptr);
+        EXPECT_EQ(q->Post(nullptr, 60000, kEqNoValue, new TestItem(recorder, "pending"), 0, nullptr), 0);
+        EXPECT_EQ(q->Post(nullptr, 30, kEqNoValue, new TestItem(recorder, "delayed", body), 0, nullptr), 0);
         ASSERT_TRUE(ran.Wait());
         EXPECT_GE(ranAt - posted, 29ms);
         ASSERT_TRUE(real.WaitIdle());
