@@ -15,10 +15,12 @@
 #include "os/process_info.h"
 #include "os/utf8.h"
 #include "support/log_capture.h"
+#include "support/waiting.h"
 
 namespace condition_testing {
 namespace {
 
+using testing_support::Eventually;
 using testing_support::LogCapture;
 using testing_support::TempDir;
 using namespace std::chrono_literals;
@@ -45,17 +47,6 @@ Json::Value Tree(const char* type, std::initializer_list<Json::Value> children) 
 }
 
 void CreateFile(const std::wstring& path) { ASSERT_TRUE(os::OpenFile(path, L"wb")); }
-
-// Waits (real time, bounded) until `probe` holds.
-template <class Probe>
-bool Eventually(Probe probe) {
-    const auto deadline = std::chrono::steady_clock::now() + kPollPatience;
-    while (!probe()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
 
 // A directory counts as existing; the start state is never notified.
 TEST(FileExists, NotifiesOnceWhenTheFileAppearsAndOnceWhenItGoes) {
@@ -229,10 +220,12 @@ TEST(FileExists, ThousandsOfTreesLeaveNoThreadOrHandleBehind) {
     EXPECT_EQ(failed, kTrees / 2);
     EXPECT_TRUE(Eventually([&] { return os::ProcessThreadCount() == threadsBefore; }))
         << os::ProcessThreadCount() << " threads, " << threadsBefore << " before";
-    // The Windows thread library recycles its thread records, and with them a
-    // wait event or two; a leak per tree would show as thousands.
+    // Threads start and end hundreds of times here (the file poller's and the
+    // host queues' workers), and the Windows thread library keeps some of their
+    // records, each with a handle, for reuse: a few to some tens, varying from
+    // run to run. A leak per tree would show as hundreds at least.
 #if defined(_WIN32)
-    constexpr size_t kRecycledHandles = 4;
+    constexpr size_t kRecycledHandles = 50;
 #else
     constexpr size_t kRecycledHandles = 0;
 #endif

@@ -10,11 +10,13 @@
 #include <thread>
 
 #include "conditions/file_poller.h"
+#include "support/waiting.h"
 
 namespace condition_testing {
 namespace {
 
 using Product::Integration::ConditionManager::FilePoller;
+using testing_support::Eventually;
 using namespace std::chrono_literals;
 
 constexpr uint32_t kFastIntervalMs = 1;
@@ -29,17 +31,6 @@ public:
     std::atomic<int> polls{0};
     std::function<void()> onPoll;
 };
-
-// Waits (real time, bounded) until `probe` holds.
-template <class Probe>
-bool Eventually(Probe probe) {
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (!probe()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 TEST(FilePoller, PollsEveryClientRepeatedlyAndRunsOnlyWhileItHasClients) {
     FilePoller poller(kFastIntervalMs);
