@@ -12,7 +12,6 @@
 #include "model/json_composed_serializer.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
-#include "plugin/module_names.h"
 #include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
@@ -103,7 +102,7 @@ bool WithinShapeBounds(const Json::Value& root) {
 
 }  // namespace
 
-Manager::Manager() : name_(qv::names::kConditionManager) {}
+Manager::Manager() = default;
 
 Manager::~Manager() { static_cast<void>(Uninit()); }  // Uninit always succeeds
 

@@ -146,7 +146,6 @@ private:
     IServMain* host_ = nullptr;
     SharedPlugins plugins_;  // the records' plug-ins and the network provider
     std::mutex mutex_;  // serialises Init and Uninit
-    std::wstring name_;
 };
 
 }  // namespace Product::Integration::ConditionManager
