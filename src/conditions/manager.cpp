@@ -1,14 +1,13 @@
 #include "conditions/manager.h"
 
 #include <exception>
-#include <string_view>
-#include <vector>
 
 #include "conditions/boolean_and_or.h"
 #include "conditions/boolean_constant.h"
 #include "conditions/boolean_not.h"
 #include "conditions/file_exists.h"
 #include "conditions/ovra_connected.h"
+#include "conditions/tree_shape.h"
 #include "model/json_composed_serializer.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -24,6 +23,9 @@ constexpr const wchar_t* kCreateCondition = L"Product::Integration::ConditionMan
 // Conditions being built on this thread: the nesting of the tree so far.
 thread_local size_t buildDepth = 0;
 
+constexpr TreeShapeLimits kShapeLimits{Manager::kMaxConditionDepth, Manager::kMaxConditionNodes,
+                                       Manager::kMaxJsonDepth};
+
 class DepthScope {
 public:
     DepthScope() { ++buildDepth; }
@@ -32,73 +34,6 @@ public:
     DepthScope& operator=(const DepthScope&) = delete;
 };
 
-// What a JSON value is within a condition tree: a condition object, its
-// "data", the "conditions" array of a combinator, or anything else.
-enum class Role { kCondition, kData, kConditionList, kOther };
-
-Role ChildRole(Role parent, const Json::Value::const_iterator& child, bool inArray) {
-    if (inArray) return parent == Role::kConditionList ? Role::kCondition : Role::kOther;
-    const char* end = nullptr;
-    const char* begin = child.memberName(&end);
-    const std::string_view name = begin ? std::string_view(begin, static_cast<size_t>(end - begin)) : std::string_view();
-    if (parent == Role::kCondition && name == "data") return Role::kData;
-    if (parent == Role::kData && name == "condition") return Role::kCondition;
-    if (parent == Role::kData && name == "conditions") return Role::kConditionList;
-    return Role::kOther;
-}
-
-// Walks a whole tree's JSON once, without recursion and without copying, and
-// logs and returns false when it breaks a bound of the manager. Conditions are
-// counted where the combinators look for them ("data"."condition" and the
-// elements of "data"."conditions"), also under types that have no children,
-// so the count never falls short of what would be built. The walk keeps one
-// frame per open array or object, so its memory is bounded by the JSON depth.
-bool WithinShapeBounds(const Json::Value& root) {
-    struct Frame {
-        const Json::Value* value;
-        Json::Value::const_iterator next;
-        Role role;
-        size_t conditionDepth;
-    };
-    std::vector<Frame> open;
-    size_t conditions = 0;
-    auto enter = [&](const Json::Value& value, Role role, size_t conditionDepth) {
-        if (role == Role::kCondition) {
-            if (++conditionDepth > Manager::kMaxConditionDepth) {
-                logging::Log(logging::kError, kCreateCondition, L"Condition tree nested deeper than %d levels",
-                             static_cast<int>(Manager::kMaxConditionDepth));
-                return false;
-            }
-            if (++conditions > Manager::kMaxConditionNodes) {
-                logging::Log(logging::kError, kCreateCondition, L"Condition tree has more than %d conditions",
-                             static_cast<int>(Manager::kMaxConditionNodes));
-                return false;
-            }
-        }
-        if (!value.isArray() && !value.isObject()) return true;
-        if (open.size() >= Manager::kMaxJsonDepth) {
-            logging::Log(logging::kError, kCreateCondition, L"Condition JSON nested deeper than %d levels",
-                         static_cast<int>(Manager::kMaxJsonDepth));
-            return false;
-        }
-        open.push_back(Frame{&value, value.begin(), role, conditionDepth});
-        return true;
-    };
-    if (!enter(root, Role::kCondition, 0)) return false;
-    while (!open.empty()) {
-        Frame& top = open.back();
-        if (top.next == top.value->end()) {
-            open.pop_back();
-            continue;
-        }
-        const Json::Value& child = *top.next;
-        const Role role = ChildRole(top.role, top.next, top.value->isArray());
-        const size_t conditionDepth = top.conditionDepth;
-        ++top.next;
-        if (!enter(child, role, conditionDepth)) return false;
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -192,7 +127,7 @@ ConditionPtr Manager::CreateCondition(const Json::Value& json, int32_t* error, s
     DepthScope depth;
     // The outermost call checks the caller's whole tree before any copy; the
     // calls for the children below it build parts of a tree already checked.
-    if (buildDepth == 1 && !WithinShapeBounds(json)) {
+    if (buildDepth == 1 && !WithinShapeLimits(json, kShapeLimits, kCreateCondition)) {
         *error = qv::status::kInvalidParameter;
         return nullptr;
     }
