@@ -2,13 +2,9 @@
 
 #include <sys/stat.h>
 
-#include "os/path.h"
 #include "os/utf8.h"
 
 namespace os {
-
-const wchar_t kPathSeparator = L'/';
-const wchar_t kPathSeparators[] = L"/";
 
 bool PathExists(const std::wstring& path) noexcept {
     // The system call would stop at an embedded NUL and test a shorter path.

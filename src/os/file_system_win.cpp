@@ -3,12 +3,7 @@
 #include <windows.h>
 #include <shlwapi.h>
 
-#include "os/path.h"
-
 namespace os {
-
-const wchar_t kPathSeparator = L'\\';
-const wchar_t kPathSeparators[] = L"\\/";
 
 bool PathExists(const std::wstring& path) noexcept {
     // The system call would stop at an embedded NUL and test a shorter path.

@@ -1,6 +1,6 @@
 #pragma once
 // Path text helpers, written once for both builds; only the separators differ
-// per platform (defined beside the platform's file-system code). Pure
+// per platform (path_win.cpp, path_linux.cpp). Pure
 // functions of their arguments: callable from any thread.
 #include <string>
 

@@ -1,0 +1,9 @@
+// Linux paths: '/' only.
+#include "os/path.h"
+
+namespace os {
+
+const wchar_t kPathSeparator = L'/';
+const wchar_t kPathSeparators[] = L"/";
+
+}  // namespace os
