@@ -1,9 +1,6 @@
 #include "host/agent_client_notifications.h"
 
-
 namespace host {
-namespace {
-}  // namespace
 
 void* AgentClientNotifications::QueryInterface(const GUID& iid) {
     if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IOvraClientWithNotifications::iid))
