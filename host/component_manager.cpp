@@ -40,9 +40,9 @@ int ComponentManager::TotalReferences() const {
 }
 
 int32_t ComponentManager::GetPlugin(const wchar_t* name, const GUID& iid, void** out) {
-    if (!out) return 87;
+    if (!out) return qv::status::kInvalidParameter;
     *out = nullptr;
-    if (!name) return 87;
+    if (!name) return qv::status::kInvalidParameter;
     std::lock_guard lock(mutex_);
     auto it = plugins_.find(name);
     if (it == plugins_.end() || !it->second.object) return qv::status::kNotFound;
