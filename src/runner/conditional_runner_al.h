@@ -1,0 +1,153 @@
+#pragma once
+// The runner: owns the rules with their live conditions, the method sets and
+// the record of the last run; evaluates the rules on its own thread when a
+// condition changes, runs the method sets of the rules that became true
+// through the host's policy runner, reports each pass to its subscribers and
+// keeps its state in the host's settings tree. Exported to the host as
+// "Product.ConditionalRunner", a new object per request.
+//
+// Thread rules: the host calls Init, Start, Stop, Uninit and the console
+// operations on its own threads; every console operation and every
+// evaluation holds the runner's (re-entrant) lock for its whole run, method
+// set runs included. Condition notifications and service events come on any
+// thread and only raise a signal or a flag. Subscribers are called on the
+// evaluation thread with the lock held: they must not call back into the
+// runner and wait for another thread that does.
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "conditions/condition.h"
+#include "conditions/condition_queue.h"
+#include "conditions/manager_interface.h"
+#include "model/conditional_runner.h"
+#include "plugin/event_adaptor.h"
+#include "plugin/serv_plugin.h"
+#include "qv/host_services.h"
+#include "qv/serv_plugin.h"
+#include "runner/evaluation_loop.h"
+#include "runner/host_plugins.h"
+#include "runner/run_policy_agent.h"
+#include "runner/runner_signals.h"
+#include "runner/runner_store.h"
+
+namespace Product::Integration::ConditionalRunner {
+
+class ConditionalRunnerAL final : public IServPlugin,
+                                  public IConditionalRunnerLocal,
+                                  public ConditionManager::IConditionEvent,
+                                  public EndpointService::IControl {
+public:
+    static constexpr const wchar_t* kServiceControlGroup = L"ConditionalRunner.ServiceControl";
+    static constexpr const wchar_t* kQueueName = L"qv::EasyEventQueue";
+    static constexpr uint32_t kRetryDelayMs = 30000;
+    static constexpr uint32_t kStopWaitTimeoutMs = 180000;
+
+    ConditionalRunnerAL();
+    ~ConditionalRunnerAL() override;
+    ConditionalRunnerAL(const ConditionalRunnerAL&) = delete;
+    ConditionalRunnerAL& operator=(const ConditionalRunnerAL&) = delete;
+
+    // The plug-in interface and IConditionalRunner (the agent's view).
+    void* QueryInterface(const GUID& iid) override;
+
+    // Obtains the settings store, the condition manager, the policy runner
+    // and the service-control group, and opens the runner's event queue.
+    // A missing one ends Init with its message and the lookup's status.
+    [[nodiscard]] int32_t Init(IServMain* main) override;
+    // Stops the queue and gives back everything Init obtained; the rules'
+    // conditions are freed before the condition manager is given back.
+    [[nodiscard]] int32_t Uninit() override;
+    // Loads the stored state, starts the evaluation thread and registers with
+    // the service controls. kNotReady when the thread cannot start.
+    [[nodiscard]] int32_t Start() override;
+    // Ends the thread (waiting up to kStopWaitTimeoutMs), detaches from the
+    // conditions and the service controls, and saves the enabled flag.
+    [[nodiscard]] int32_t Stop() override;
+
+    // Console operations.
+    [[nodiscard]] int32_t GetSettings(Settings& settings) override;
+    [[nodiscard]] int32_t SetSettings(const Settings& settings) override;
+    [[nodiscard]] int32_t BeginTransaction() override;
+    [[nodiscard]] int32_t EndTransaction() override;
+    [[nodiscard]] int32_t SetRules(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors) override;
+    [[nodiscard]] int32_t GetRules(qv::IList<Rule>& rules) override;
+    [[nodiscard]] int32_t SetMethod(const Method& methodSet, bool signal) override;
+    [[nodiscard]] int32_t GetMethodSet(const std::wstring& id, Method& methodSet) override;
+    [[nodiscard]] int32_t DeleteMethodSet(const std::wstring& id) override;
+    [[nodiscard]] int32_t DeleteAllMethodSets() override;
+    [[nodiscard]] int32_t GetMethodSetIds(qv::IList<std::wstring>& ids) override;
+    [[nodiscard]] int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules,
+                                                const qv::IList<Method>& methodSets) override;
+    [[nodiscard]] int32_t UpdateMethods(const qv::IList<Method>& methodSets) override;
+    [[nodiscard]] int32_t SetEnabled(bool enabled) override;
+    [[nodiscard]] int32_t IsEnabled(bool& enabled) override;
+    [[nodiscard]] int32_t Subscribe(IEvents* listener, int32_t flags) override;
+    [[nodiscard]] int32_t Unsubscribe(IEvents* listener, int32_t flags) override;
+    [[nodiscard]] int32_t NavigateRulesById(const std::wstring& id, IRuleVisitor& visitor) override;
+
+    // A rule's condition changed: asks for an evaluation. Any thread.
+    [[nodiscard]] int32_t OnStateChanged(bool state, size_t conditionId) override;
+    // The service connected: the next evaluation recomputes every condition.
+    void OnConnectionEvent(int32_t event) override;
+    // The runner is a sink of service controls, not one itself.
+    [[nodiscard]] int32_t RegisterControl(EndpointService::IControl*) override;
+    [[nodiscard]] int32_t UnregisterControl(EndpointService::IControl*) override;
+
+    // One evaluation pass: runs the method sets of the rules that became true
+    // since the last run. Called by the evaluation thread; 0.
+    [[nodiscard]] int32_t ReEvalRules();
+
+private:
+    struct RuleEntry {
+        Rule rule;
+        ConditionManager::ConditionPtr condition;
+    };
+    using OnMethodSetsRunEvent =
+        qv::Event<qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
+
+    // Builds the conditions of `rules`; kept in `entries` in order. The
+    // caller attaches the runner to them.
+    int32_t SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors);
+    int32_t LoadSettings();
+    void AttachTo(std::list<RuleEntry>& entries);
+    void DetachFrom(std::list<RuleEntry>& entries);
+    // Asks for an evaluation and wakes a runner paused by a console update
+    // (in memory only: the stored flag stays). Under the lock.
+    void SignalEvaluation();
+    void RemoveFromLastRun(const std::wstring& methodSetId);
+    int32_t RunMethod(const std::wstring& methodSetId, std::wstring& response, MethodRunData& run);
+    void RunEvaluationThread();
+    void ReleaseServiceControls();
+
+    qv::ServPlugin<IEPSettings> settingsPlugin_;
+    qv::ServPlugin<ConditionManager::IManager> conditionManager_;
+    qv::ServPlugin<EnterpriseIntegration::IRunPolicy> policyRunner_;
+    qv::ServPlugin<Framework::IGroupsManager> groups_;
+    std::vector<EndpointService::IControl*> serviceControls_;  // members of the group, held through groups_
+
+    std::recursive_mutex lock_;  // guards everything below but the subscribers and the atomics
+    std::list<RuleEntry> rules_;
+    MethodSets methodSets_;
+    qv::List<Rule> lastRunRules_;
+    bool isDisabled_ = false;
+    RunnerStore store_{nullptr};
+
+    qv::SynchronyzedObjectContainer<IEvents*> subscribers_;
+    OnMethodSetsRunEvent onMethodSetsRun_{subscribers_};
+
+    PostponeSettings postpone_;
+    RunnerSignals signals_;
+    std::thread evalThread_;
+    os::AutoResetEvent evalThreadEnded_;
+    std::atomic<bool> invalidateCache_{false};
+    std::atomic<bool> transactionInProgress_{false};
+    ConditionManager::ConditionQueue eventQueue_;
+    ConditionalRunnerRunPolicyAgent runPolicyAgent_;
+};
+
+}  // namespace Product::Integration::ConditionalRunner
