@@ -167,43 +167,6 @@ TEST(BooleanAndOr, ABurstOfChildNotificationsGivesOneRecomputation) {
     EXPECT_EQ(tree->Unsubscribe(&recorder), 0);
 }
 
-TEST(BooleanAndOr, NeedAtLeastOneChild) {
-    LogCapture capture;
-    Bench bench;
-    int32_t error = 0;
-    for (const char* json : {R"({"type":"boolean.AND","data":{"conditions":[]}})",
-                             R"({"type":"boolean.OR","data":{"conditions":[]}})",
-                             R"({"type":"boolean.OR","data":{"conditions":{"type":"boolean.TRUE"}}})",
-                             R"({"type":"boolean.AND"})"}) {
-        EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
-        EXPECT_EQ(error, 87) << json;
-    }
-    EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode conditions"));
-    EXPECT_EQ(bench.Create(R"({"type":"boolean.NOT","data":{}})", &error), nullptr);
-    EXPECT_EQ(error, 87);
-    EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode condition"));
-}
-
-TEST(BooleanTree, AChildThatFailsFailsTheWholeTreeWithItsError) {
-    LogCapture capture;
-    Bench bench;
-    int32_t error = 0;
-    EXPECT_EQ(bench.Create(Combine("boolean.AND", {Switch("f.a"), R"({"type":"boolean.XOR"})"}), &error), nullptr);
-    EXPECT_EQ(error, 120);
-    EXPECT_TRUE(capture.Contains(logging::kError,
-                                 L"Product::Integration::ConditionManager::ConditionAggregate::CreateChildren",
-                                 L"Failed to create child condition"));
-    EXPECT_EQ(bench.Create(Not(Combine("boolean.OR", {R"({"type":"test.Switch","data":{}})"})), &error), nullptr);
-    EXPECT_EQ(error, 87);
-    EXPECT_TRUE(capture.Contains(logging::kError,
-                                 L"Product::Integration::ConditionManager::ConditionBooleanNot::CreateChild",
-                                 L"Failed to create child condition"));
-    // The children built before the failure are gone, with their queues.
-    EXPECT_EQ(ConditionTestSwitch::live, 0);
-    EXPECT_EQ(bench.board.AttachedLeaves(), 0u);
-    EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
-}
-
 TEST(BooleanAndOr, AChildErrorDuringRecomputeKeepsTheCachedValueAndNotifiesNobody) {
     Bench bench;
     bench.board.Set(L"err.a", true);

@@ -101,17 +101,6 @@ TEST_F(OvraConnected, EachReportRestartsTheWaitAndTheLastValueIsDeliveredEvenIfU
     EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
 }
 
-TEST_F(OvraConnected, RequiresABooleanConnectedMember) {
-    int32_t error = 0;
-    for (const char* json : {R"({"type":"qv.isOvraConnected"})", R"({"type":"qv.isOvraConnected","data":{}})",
-                             R"({"type":"qv.isOvraConnected","data":{"connected":"yes"}})"}) {
-        EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
-        EXPECT_EQ(error, 87) << json;
-    }
-    EXPECT_TRUE(capture.Contains(logging::kDetail, L"JsonComposedSerializer::Load", L"Failed to load subnode connected"));
-    EXPECT_EQ(bench.agentClient.SubscriberCount(), 0u);
-}
-
 TEST_F(OvraConnected, DestroyingTheConditionStopsReportsAndDropsAPendingDelivery) {
     ConditionPtr condition = bench.Create(Connected(true));
     ASSERT_NE(condition, nullptr);
