@@ -8,12 +8,10 @@
 
 #include "condition_test_support.h"
 #include "qv/computer_manager.h"
-#include "support/log_capture.h"
 
 namespace condition_testing {
 namespace {
 
-using testing_support::LogCapture;
 
 constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::Manager::Init";
 constexpr const wchar_t* kInitDependencies = L"Product::Integration::ConditionManager::Manager::InitDependencies";
@@ -178,10 +176,8 @@ TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
         missing(R"({"type":"boolean.AND"})", L"conditions"),
         missing(R"({"type":"boolean.NOT","data":{}})", L"condition"),
         // A child that fails fails the whole tree with its error.
-        {R"({"type":"boolean.AND","data":{"conditions":[{"type":"test.Switch","data":{"name":"f.a"}},{"type":"boolean.XOR"}]}})",
-         120, logging::kError, kChildren, L"Failed to create child condition", 1},
-        {R"({"type":"boolean.NOT","data":{"condition":{"type":"boolean.OR","data":{"conditions":[{"type":"test.Switch","data":{}}]}}}})",
-         87, logging::kError, kChild, L"Failed to create child condition", 1},
+        {Combine("boolean.AND", {Switch("f.a"), R"({"type":"boolean.XOR"})"}), 120, logging::kError, kChildren, L"Failed to create child condition", 1},
+        {Not(Combine("boolean.OR", {R"({"type":"test.Switch","data":{}})"})), 87, logging::kError, kChild, L"Failed to create child condition", 1},
         missing(R"({"type":"qv.isOvraConnected"})", L"connected"),
         missing(R"({"type":"qv.isOvraConnected","data":{}})", L"connected"),
         missing(R"({"type":"qv.isOvraConnected","data":{"connected":"yes"}})", L"connected"),
@@ -219,11 +215,7 @@ TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
 }
 
 // A chain of `levels` conditions: NOT over NOT ... over boolean.TRUE.
-std::string NotChain(size_t levels) {
-    std::string json = R"({"type":"boolean.TRUE"})";
-    for (size_t i = 1; i < levels; ++i) json = R"({"type":"boolean.NOT","data":{"condition":)" + json + "}}";
-    return json;
-}
+std::string NotChain(size_t levels) { return levels > 1 ? Not(NotChain(levels - 1)) : R"({"type":"boolean.TRUE"})"; }
 
 TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     Bench bench;
@@ -247,20 +239,13 @@ TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     EXPECT_EQ(error, 87);
 
     // The bound counts nesting, not size, and is reset after each tree.
-    std::string wide = R"({"type":"boolean.AND","data":{"conditions":[)";
-    for (int i = 0; i < 100; ++i) wide += std::string(i ? "," : "") + NotChain(30);
-    wide += "]}}";
-    ConditionPtr broad = bench.Create(wide, &error);
+    ConditionPtr broad = bench.Create(Combine("boolean.AND", std::vector<std::string>(100, NotChain(30))), &error);
     EXPECT_NE(broad, nullptr);
     EXPECT_EQ(error, 0);
 }
 
 // An OR over `leaves` switches: one condition more than its leaves.
-std::string OrOfSwitches(size_t leaves) {
-    std::string json = R"({"type":"boolean.OR","data":{"conditions":[)";
-    for (size_t i = 0; i < leaves; ++i) json += std::string(i ? "," : "") + R"({"type":"test.Switch","data":{"name":"s"}})";
-    return json + "]}}";
-}
+std::string OrOfSwitches(size_t leaves) { return Combine("boolean.OR", std::vector<std::string>(leaves, Switch("s"))); }
 
 // A refused tree builds nothing: not one leaf comes to life.
 TEST(CreateCondition, RefusesTreesWithMoreConditionsThanTheBound) {
