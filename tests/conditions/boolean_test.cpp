@@ -1,10 +1,6 @@
 // Boolean combinators built from JSON and driven through real notifications
 // of their leaves.
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <string>
-#include <vector>
 
 #include "condition_test_support.h"
 #include "plugin/easy_event_queue.h"

@@ -1,13 +1,8 @@
 // Notifications from several threads into one AND/OR tree while other
 // threads query it (run under ThreadSanitizer as well).
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <future>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "condition_test_support.h"
 #include "conditions/condition_queue.h"

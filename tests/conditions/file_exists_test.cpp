@@ -1,12 +1,8 @@
 // "Test.FileExists": a real path watched by the polling thread, and the
 // thread's lifetime.
-#include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <json/writer.h>
 

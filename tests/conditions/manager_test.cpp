@@ -1,10 +1,7 @@
 // The manager: start-up with and without its dependencies, the outcomes of
 // CreateCondition, the nesting bound, and its export.
-#include <gtest/gtest.h>
 
 #include <deque>
-#include <memory>
-#include <string>
 
 #include "condition_test_support.h"
 #include "qv/computer_manager.h"

@@ -1,17 +1,13 @@
 // "qv.isOvraConnected": connection reports from the host's agent client,
 // debounced for 20 s on the hand-driven clock of the host's queues.
-#include <gtest/gtest.h>
 
 #include <optional>
-#include <string>
 
 #include "condition_test_support.h"
-#include "support/log_capture.h"
 
 namespace condition_testing {
 namespace {
 
-using testing_support::LogCapture;
 
 constexpr const wchar_t* kDoNotify = L"Product::Integration::ConditionManager::ConditionisOvraConnected::DoNotify";
 
