@@ -1,13 +1,8 @@
 // Notifications from several threads into one AND/OR tree while other
 // threads query it (run under ThreadSanitizer as well).
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <future>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "condition_test_support.h"
 #include "conditions/condition_queue.h"
@@ -18,14 +13,9 @@ namespace {
 TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
     Bench bench;
     // OR( AND(a, b), AND(c, NOT(d)), AND(a, c) ): the same leaf names appear twice.
-    const std::string json = R"({"type":"boolean.OR","data":{"conditions":[
-        {"type":"boolean.AND","data":{"conditions":[
-            {"type":"test.Switch","data":{"name":"c.a"}},{"type":"test.Switch","data":{"name":"c.b"}}]}},
-        {"type":"boolean.AND","data":{"conditions":[
-            {"type":"test.Switch","data":{"name":"c.c"}},
-            {"type":"boolean.NOT","data":{"condition":{"type":"test.Switch","data":{"name":"c.d"}}}}]}},
-        {"type":"boolean.AND","data":{"conditions":[
-            {"type":"test.Switch","data":{"name":"c.a"}},{"type":"test.Switch","data":{"name":"c.c"}}]}}]}})";
+    const std::string json = Combine("boolean.OR", {Combine("boolean.AND", {Switch("c.a"), Switch("c.b")}),
+                                                    Combine("boolean.AND", {Switch("c.c"), Not(Switch("c.d"))}),
+                                                    Combine("boolean.AND", {Switch("c.a"), Switch("c.c")})});
     ConditionPtr tree = bench.Create(json);
     ASSERT_NE(tree, nullptr);
     Recorder recorder;
@@ -77,9 +67,7 @@ TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
 
 TEST(Concurrency, TreesBuiltAndDestroyedOnSeveralThreadsAtOnce) {
     Bench bench;
-    const std::string json = R"({"type":"boolean.AND","data":{"conditions":[
-        {"type":"test.Switch","data":{"name":"p.a"}},
-        {"type":"boolean.NOT","data":{"condition":{"type":"test.Switch","data":{"name":"p.b"}}}}]}})";
+    const std::string json = Combine("boolean.AND", {Switch("p.a"), Not(Switch("p.b"))});
     std::atomic<bool> running{true};
     std::thread flipper([&] {
         for (bool v = false; running; v = !v) bench.board.Set(L"p.a", v);

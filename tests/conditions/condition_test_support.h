@@ -33,7 +33,17 @@ namespace condition_testing {
 
 using namespace Product::Integration::ConditionManager;
 
-inline Json::Value ParseJson(const std::string& text) { return testing_support::ParseJson(text); }
+using testing_support::LogCapture;
+using testing_support::ParseJson;
+
+// Condition JSON written as text: a test switch, an AND/OR over children, a NOT.
+inline std::string Switch(const std::string& name) { return R"({"type":"test.Switch","data":{"name":")" + name + "\"}}"; }
+inline std::string Combine(const std::string& type, const std::vector<std::string>& children) {
+    std::string json = R"({"type":")" + type + R"(","data":{"conditions":[)";
+    for (size_t i = 0; i < children.size(); ++i) json += (i ? "," : "") + children[i];
+    return json + "]}}";
+}
+inline std::string Not(const std::string& child) { return R"({"type":"boolean.NOT","data":{"condition":)" + child + "}}"; }
 
 class ConditionTestSwitch;
 

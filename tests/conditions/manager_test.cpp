@@ -1,19 +1,14 @@
 // The manager: start-up with and without its dependencies, the outcomes of
 // CreateCondition, the nesting bound, and its export.
-#include <gtest/gtest.h>
 
 #include <deque>
-#include <memory>
-#include <string>
 
 #include "condition_test_support.h"
 #include "qv/computer_manager.h"
-#include "support/log_capture.h"
 
 namespace condition_testing {
 namespace {
 
-using testing_support::LogCapture;
 
 constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::Manager::Init";
 constexpr const wchar_t* kInitDependencies = L"Product::Integration::ConditionManager::Manager::InitDependencies";
@@ -143,62 +138,81 @@ TEST(CreateCondition, BuildsAConstantWithoutDataAndLogsItsProgress) {
                                          L"Condition of type [boolean.TRUE] successfully created"}));
 }
 
-TEST(CreateCondition, RefusesJsonWithoutAStringType) {
-    Bench bench;
-    for (const char* json : {R"({"data":{}})", R"({"type":5})", R"({"type":null})", R"(["boolean.TRUE"])",
-                             R"("boolean.TRUE")"}) {
-        LogCapture capture;
-        int32_t error = 0;
-        EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
-        EXPECT_EQ(error, 87) << json;
-        EXPECT_TRUE(capture.Contains(logging::kDetail, kLoad, L"Failed to load subnode type")) << json;
-        EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Failed to find type for condition. Invalid Json"))
-            << json;
-    }
-}
-
-TEST(CreateCondition, UnknownKeywordsGive120WithNoFurtherMessage) {
-    Bench bench;
-    // Matching is exact; the network and directory types are not built yet.
+// Every way a tree can be refused: the status the caller gets, the line that
+// names the reason, and nothing left of the conditions built before the
+// failure (their leaves, queues and host subscriptions are gone).
+TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
+    constexpr const wchar_t* kChildren = L"Product::Integration::ConditionManager::ConditionAggregate::CreateChildren";
+    constexpr const wchar_t* kChild = L"Product::Integration::ConditionManager::ConditionBooleanNot::CreateChild";
+    struct Case {
+        std::string json;
+        int32_t status;
+        int level;                // of the line naming the reason; 0: no line beyond "Creating ..."
+        const wchar_t* function;
+        std::wstring message;
+        int uninits = 0;          // test switches built and then uninitialised
+    };
+    const auto noType = [](const char* json) {
+        return Case{json, 87, logging::kDetail, kLoad, L"Failed to load subnode type"};
+    };
+    const auto missing = [](const char* json, const wchar_t* member) {
+        return Case{json, 87, logging::kDetail, kLoad, std::wstring(L"Failed to load subnode ") + member};
+    };
+    const auto failed = [](const char* json, const wchar_t* type, int32_t status = 87, int uninits = 0) {
+        return Case{json, status, logging::kError, kCreate,
+                    L"Condition of type [" + std::wstring(type) + L"] error = [" + std::to_wstring(status) + L"]", uninits};
+    };
+    std::vector<Case> cases = {
+        noType(R"({"data":{}})"), noType(R"({"type":5})"), noType(R"({"type":null})"), noType(R"(["boolean.TRUE"])"),
+        noType(R"("boolean.TRUE")"),
+        failed(R"({"type":"test.Switch","data":{"name":"a","failWith":1234}})", L"test.Switch", 1234, 1),
+        failed(R"({"type":"boolean.AND","data":{"conditions":[]}})", L"boolean.AND"),
+        failed(R"({"type":"boolean.OR","data":{"conditions":[]}})", L"boolean.OR"),
+        failed(R"({"type":"boolean.OR","data":{"conditions":{"type":"boolean.TRUE"}}})", L"boolean.OR"),
+        {R"({"type":"test.NoFactory"})", 87, logging::kError, kCreate, L"Invalid factory function for type [test.NoFactory]"},
+        missing(R"({"type":"boolean.AND"})", L"conditions"),
+        missing(R"({"type":"boolean.NOT","data":{}})", L"condition"),
+        // A child that fails fails the whole tree with its error.
+        {Combine("boolean.AND", {Switch("f.a"), R"({"type":"boolean.XOR"})"}), 120, logging::kError, kChildren, L"Failed to create child condition", 1},
+        {Not(Combine("boolean.OR", {R"({"type":"test.Switch","data":{}})"})), 87, logging::kError, kChild, L"Failed to create child condition", 1},
+        missing(R"({"type":"qv.isOvraConnected"})", L"connected"),
+        missing(R"({"type":"qv.isOvraConnected","data":{}})", L"connected"),
+        missing(R"({"type":"qv.isOvraConnected","data":{"connected":"yes"}})", L"connected"),
+        missing(R"({"type":"Test.FileExists","data":{}})", L"filePath"),
+        failed(R"({"type":"Test.FileExists","data":{"filePath":""}})", L"Test.FileExists"),
+    };
+    // Unknown types give 120 and no line beyond "Creating ...". Matching is
+    // exact; the network and directory types are not built yet.
     for (const char* type : {"boolean.true", "Boolean.TRUE", "boolean.XOR", "", "network.IP", "network.IPRange",
-                             "network.canResolveHost", "ad.User", "ad.ComputerGroup.OU"}) {
-        LogCapture capture;
-        int32_t error = 0;
-        EXPECT_EQ(bench.Create(std::string(R"({"type":")") + type + "\"}", &error), nullptr) << type;
-        EXPECT_EQ(error, 120) << type;
-        const auto messages = MessagesFrom(capture, kCreate);
-        ASSERT_EQ(messages.size(), 1u) << type;
-        EXPECT_EQ(messages[0].rfind(L"Creating condition of type[", 0), 0u);
-    }
-}
+                             "network.canResolveHost", "ad.User", "ad.ComputerGroup.OU"})
+        cases.push_back({std::string(R"({"type":")") + type + "\"}", 120, 0, kCreate, L""});
 
-// A failed Init returns its status and destroys the condition through its
-// deleter; an entry without factory function gives 87.
-TEST(CreateCondition, FailuresAfterTheTypeWasFound) {
-    LogCapture capture;
     Bench bench;
-    const int uninitsBefore = ConditionTestSwitch::uninits;
-    int32_t error = 0;
-    EXPECT_EQ(bench.Create(R"({"type":"test.Switch","data":{"name":"a","failWith":1234}})", &error), nullptr);
-    EXPECT_EQ(error, 1234);
-    EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition of type [test.Switch] error = [1234]"));
-    EXPECT_EQ(ConditionTestSwitch::live, 0);
-    EXPECT_EQ(ConditionTestSwitch::uninits, uninitsBefore + 1);
-
-    EXPECT_EQ(bench.Create(R"({"type":"boolean.AND","data":{"conditions":[]}})", &error), nullptr);
-    EXPECT_EQ(error, 87);
-    EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition of type [boolean.AND] error = [87]"));
-    EXPECT_EQ(bench.Create(R"({"type":"test.NoFactory"})", &error), nullptr);
-    EXPECT_EQ(error, 87);
-    EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Invalid factory function for type [test.NoFactory]"));
+    for (const Case& c : cases) {
+        LogCapture capture;
+        const int uninitsBefore = ConditionTestSwitch::uninits;
+        int32_t error = 0;
+        EXPECT_EQ(bench.Create(c.json, &error), nullptr) << c.json;
+        EXPECT_EQ(error, c.status) << c.json;
+        if (c.level) {
+            EXPECT_TRUE(capture.Contains(c.level, c.function, c.message)) << c.json;
+        } else {
+            const auto messages = MessagesFrom(capture, kCreate);
+            ASSERT_EQ(messages.size(), 1u) << c.json;
+            EXPECT_EQ(messages[0].rfind(L"Creating condition of type[", 0), 0u);
+        }
+        if (c.message == L"Failed to load subnode type")
+            EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Failed to find type for condition. Invalid Json"));
+        EXPECT_EQ(ConditionTestSwitch::uninits, uninitsBefore + c.uninits) << c.json;
+        EXPECT_EQ(ConditionTestSwitch::live, 0);
+        EXPECT_EQ(bench.board.AttachedLeaves(), 0u);
+        EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
+        EXPECT_EQ(bench.agentClient.SubscriberCount(), 0u);
+    }
 }
 
 // A chain of `levels` conditions: NOT over NOT ... over boolean.TRUE.
-std::string NotChain(size_t levels) {
-    std::string json = R"({"type":"boolean.TRUE"})";
-    for (size_t i = 1; i < levels; ++i) json = R"({"type":"boolean.NOT","data":{"condition":)" + json + "}}";
-    return json;
-}
+std::string NotChain(size_t levels) { return levels > 1 ? Not(NotChain(levels - 1)) : R"({"type":"boolean.TRUE"})"; }
 
 TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     Bench bench;
@@ -222,20 +236,13 @@ TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     EXPECT_EQ(error, 87);
 
     // The bound counts nesting, not size, and is reset after each tree.
-    std::string wide = R"({"type":"boolean.AND","data":{"conditions":[)";
-    for (int i = 0; i < 100; ++i) wide += std::string(i ? "," : "") + NotChain(30);
-    wide += "]}}";
-    ConditionPtr broad = bench.Create(wide, &error);
+    ConditionPtr broad = bench.Create(Combine("boolean.AND", std::vector<std::string>(100, NotChain(30))), &error);
     EXPECT_NE(broad, nullptr);
     EXPECT_EQ(error, 0);
 }
 
 // An OR over `leaves` switches: one condition more than its leaves.
-std::string OrOfSwitches(size_t leaves) {
-    std::string json = R"({"type":"boolean.OR","data":{"conditions":[)";
-    for (size_t i = 0; i < leaves; ++i) json += std::string(i ? "," : "") + R"({"type":"test.Switch","data":{"name":"s"}})";
-    return json + "]}}";
-}
+std::string OrOfSwitches(size_t leaves) { return Combine("boolean.OR", std::vector<std::string>(leaves, Switch("s"))); }
 
 // A refused tree builds nothing: not one leaf comes to life.
 TEST(CreateCondition, RefusesTreesWithMoreConditionsThanTheBound) {

@@ -53,35 +53,19 @@ struct MiniHost {
 }  // namespace
 
 
-TEST(ServPlugin, LogsANullManagerAndAMissingPlugin) {
-    testing_support::LogCapture capture;
-    qv::ServPlugin<EnterpriseIntegration::IManager> plugin(EnterpriseIntegration::IManager::kPluginName);
-    EXPECT_EQ(plugin.GetPlugin(nullptr), nullptr);
-    EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
-                                 L"Null component manager"));
-
-    host::ComponentManager empty;
-    EXPECT_EQ(plugin.GetPlugin(&empty), nullptr);
-    EXPECT_TRUE(capture.Contains(logging::kWarning, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
-                                 L"Error 1168 getting plugin \"EndpointIntegration.Manager\""));
-}
-
+// A lookup holds one reference, gives it back before a second lookup and on
+// destruction; a plug-in without the interface is a failed lookup that keeps nothing.
 TEST(ServPlugin, HoldsOneReferenceAndGivesItBackByName) {
-    MiniHost host(true, false);
+    MiniHost host(true, true);
     {
         qv::ServPlugin<EnterpriseIntegration::IManager> plugin(EnterpriseIntegration::IManager::kPluginName);
         ASSERT_EQ(plugin.GetPlugin(&host.components), &host.agents);
-        // A second lookup first gives back the reference it held.
         ASSERT_EQ(plugin.GetPlugin(&host.components), &host.agents);
         EXPECT_EQ(host.components.References(EnterpriseIntegration::IManager::kPluginName), 1);
+        qv::ServPlugin<EnterpriseIntegration::IManager> wrong(L"Test.Fronted");
+        EXPECT_EQ(wrong.GetPlugin(&host.components), nullptr);
+        EXPECT_EQ(host.components.TotalReferences(), 1);
     }
-    EXPECT_EQ(host.components.References(EnterpriseIntegration::IManager::kPluginName), 0);
-}
-
-TEST(ServPlugin, WrongInterfaceIsAFailedLookup) {
-    MiniHost host(false, true);
-    qv::ServPlugin<EnterpriseIntegration::IManager> plugin(L"Test.Fronted");
-    EXPECT_EQ(plugin.GetPlugin(&host.components), nullptr);
     EXPECT_EQ(host.components.TotalReferences(), 0);
 }
 
@@ -128,25 +112,35 @@ TEST(ServPlugin, SuccessWithANullPluginIsNoErrorButTheReferenceIsGivenBack) {
     EXPECT_TRUE(capture.Messages().empty());
 }
 
-TEST(AgentBase, InitNeedsTheAgentManagerAndTheFrontedPlugin) {
+TEST(AgentBase, InitNeedsTheAgentManagerAndTheFrontedPluginAndGivesBackWhatItTook) {
     for (auto [withManager, withFronted] : {std::pair{false, true}, std::pair{true, false}, std::pair{false, false}}) {
         MiniHost host(withManager, withFronted);
         TestAgent agent;
         EXPECT_EQ(agent.Init(&host.main), 5002);
-        EXPECT_EQ(host.components.TotalReferences(), 0) << "whatever was acquired is given back";
+        EXPECT_EQ(host.components.TotalReferences(), 0);
         EXPECT_FALSE(agent.IsReady());
     }
     TestAgent agent;
     EXPECT_EQ(agent.Init(nullptr), 5002);
 }
 
+// Start registers (or fails when refused), Stop unregisters, Uninit does both
+// and gives back the plug-ins.
 TEST(AgentBase, StartRegistersStopAndUninitUndoEverything) {
     MiniHost host(true, true);
     TestAgent agent;
+    EXPECT_NE(agent.QueryInterface(IQvBaseInterface::iid), nullptr);
+    EXPECT_NE(agent.QueryInterface(IServPlugin::iid), nullptr);
+    EXPECT_NE(agent.QueryInterface(EnterpriseIntegration::IAgent::iid), nullptr);
+    EXPECT_EQ(agent.QueryInterface(EnterpriseIntegration::IManager::iid), nullptr);
     ASSERT_EQ(agent.Init(&host.main), 0);
     EXPECT_TRUE(agent.IsReady());
     EXPECT_EQ(host.components.TotalReferences(), 2);
 
+    host.agents.SetRefuseRegistration(true);
+    EXPECT_EQ(agent.Start(), 1627);
+    EXPECT_FALSE(agent.registered());
+    host.agents.SetRefuseRegistration(false);
     ASSERT_EQ(agent.Start(), 0);
     EXPECT_TRUE(agent.registered());
     EXPECT_EQ(host.agents.FindAgent(L"Test.Agent"), &agent);
@@ -158,24 +152,4 @@ TEST(AgentBase, StartRegistersStopAndUninitUndoEverything) {
     EXPECT_EQ(agent.Uninit(), 0);  // unregisters as well
     EXPECT_EQ(host.agents.GetAgentCount(), 0u);
     EXPECT_EQ(host.components.TotalReferences(), 0);
-}
-
-TEST(AgentBase, RefusedRegistrationFailsStart) {
-    MiniHost host(true, true);
-    host.agents.SetRefuseRegistration(true);
-    TestAgent agent;
-    ASSERT_EQ(agent.Init(&host.main), 0);
-    EXPECT_EQ(agent.Start(), 1627);
-    EXPECT_FALSE(agent.registered());
-    EXPECT_EQ(agent.Uninit(), 0);
-}
-
-TEST(AgentBase, AnswersItsInterfacesAndName) {
-    TestAgent agent;
-    EXPECT_NE(agent.QueryInterface(IQvBaseInterface::iid), nullptr);
-    EXPECT_NE(agent.QueryInterface(IServPlugin::iid), nullptr);
-    EXPECT_NE(agent.QueryInterface(EnterpriseIntegration::IAgent::iid), nullptr);
-    EXPECT_EQ(agent.QueryInterface(EnterpriseIntegration::IManager::iid), nullptr);
-    std::wstring name;
-    EXPECT_EQ(agent.GetNameInto(name), L"Test.Agent");
 }

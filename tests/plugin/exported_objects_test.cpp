@@ -83,28 +83,30 @@ TEST(ExportedObjects, SingletonIsSharedAndCountedUntilTheLastGiveBack) {
     EXPECT_FALSE(singletonDeclaration.HasInstances());
 }
 
-TEST(ExportedObjects, NamesAreExactAndCaseSensitive) {
-    void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(CreateObject(L"test.exports.singleton", &IServPlugin::iid, &object), qv::status::kNotFound);
-    EXPECT_EQ(object, nullptr);
-    EXPECT_EQ(CreateObject(L"Test.Exports.Singleto", &IServPlugin::iid, &object), qv::status::kNotFound);
-    EXPECT_EQ(SingletonPlugin::live, 0);
-}
-
-TEST(ExportedObjects, MissingInterfaceGivesNotFoundAndLeavesTheCountUnchanged) {
+// Names are exact and case-sensitive; an unknown name, a null argument or an
+// interface the object lacks is refused with a null object, and leaves no
+// object behind nor a count changed.
+TEST(ExportedObjects, RefusedRequestsLeaveNothingBehind) {
     void* held = nullptr;
     ASSERT_EQ(CreateObject(L"Test.Exports.Singleton", &IQvBaseInterface::iid, &held), 0);
-    void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(CreateObject(L"Test.Exports.Singleton", &kUnknownIid, &object), qv::status::kNotFound);
-    EXPECT_EQ(object, nullptr);
+    const std::pair<const wchar_t*, const GUID*> refused[] = {
+        {L"test.exports.singleton", &IServPlugin::iid}, {L"Test.Exports.Singleto", &IServPlugin::iid},
+        {nullptr, &IServPlugin::iid}, {L"Test.Exports.Singleton", nullptr}, {L"Test.Exports.Singleton", &kUnknownIid},
+        // Without an earlier holder the object made for the failed request is deleted at once.
+        {L"Test.Exports.PerRequest", &kUnknownIid}};
+    for (auto [name, iid] : refused) {
+        void* object = reinterpret_cast<void*>(1);
+        EXPECT_EQ(CreateObject(name, iid, &object), qv::status::kNotFound) << (name ? name : L"(null)");
+        EXPECT_EQ(object, nullptr);
+    }
+    EXPECT_NE(CreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, nullptr), 0);
     EXPECT_EQ(singletonDeclaration.count(), 1);
     EXPECT_EQ(SingletonPlugin::live, 1);
+    EXPECT_EQ(PerRequestPlugin::live, 0);
     DestroyObject(L"Test.Exports.Singleton", held);
     EXPECT_EQ(SingletonPlugin::live, 0);
-
-    // Without an earlier holder the object made for the failed request is deleted at once.
-    EXPECT_EQ(CreateObject(L"Test.Exports.PerRequest", &kUnknownIid, &object), qv::status::kNotFound);
-    EXPECT_EQ(PerRequestPlugin::live, 0);
+    DestroyObject(L"Test.Exports.Nobody", nullptr);
+    DestroyObject(nullptr, nullptr);
 }
 
 TEST(ExportedObjects, PerRequestDeclarationMakesAFreshObjectEachTime) {
@@ -137,17 +139,6 @@ TEST(ExportedObjects, SecondRegistrationOfANameIsRefusedAndTheFirstStays) {
     EXPECT_EQ(SingletonPlugin::live, 1);
     EXPECT_EQ(OtherPlugin::live, 0);
     DestroyObject(L"Test.Exports.Singleton", object);
-}
-
-TEST(ExportedObjects, UnknownNamesAndNullArgumentsAreHandled) {
-    DestroyObject(L"Test.Exports.Nobody", nullptr);
-    DestroyObject(nullptr, nullptr);
-    void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(CreateObject(nullptr, &IServPlugin::iid, &object), qv::status::kNotFound);
-    EXPECT_EQ(object, nullptr);
-    EXPECT_EQ(CreateObject(L"Test.Exports.Singleton", nullptr, &object), qv::status::kNotFound);
-    EXPECT_NE(CreateObject(L"Test.Exports.Singleton", &IServPlugin::iid, nullptr), 0);
-    EXPECT_EQ(SingletonPlugin::live, 0);
 }
 
 TEST(ExportedObjects, LoggingIsAvailableWhileAnExportedObjectLives) {

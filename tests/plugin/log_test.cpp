@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "os/module.h"
 #include "plugin/call_trace.h"
@@ -21,20 +22,9 @@ TEST(Log, WritesFormattedLinesThroughTheLibraryBesideTheModule) {
     EXPECT_EQ(lines[0].message, L"Error 5002 getting plugin \"EPSettings\" narrow");
 }
 
-TEST(Log, NothingIsWrittenWhileNoHolderKeepsTheFacadeAlive) {
-    std::wstring path;
-    {
-        LogCapture capture;
-        path = capture.path();
-    }
-    ASSERT_FALSE(logging::CLogDLL::Exists());
-    logging::Log(logging::kError, L"F", L"dropped");
-    LogCapture again;  // a fresh file: the dropped line must not appear anywhere
-    logging::Log(logging::kError, L"F", L"kept");
-    EXPECT_EQ(again.Messages(), std::vector<std::wstring>{L"kept"});
-}
-
-TEST(Log, FacadeLivesFromFirstAcquireToLastRelease) {
+// The façade lives from the first acquire to the last release; while none
+// holds it, nothing is written.
+TEST(Log, FacadeLivesFromFirstAcquireToLastReleaseAndIsSilentOutside) {
     ASSERT_FALSE(logging::CLogDLL::Exists());
     logging::CLogDLL* first = logging::CLogDLL::Acquire();
     logging::CLogDLL* second = logging::CLogDLL::Acquire();
@@ -44,23 +34,24 @@ TEST(Log, FacadeLivesFromFirstAcquireToLastRelease) {
     EXPECT_TRUE(logging::CLogDLL::Exists());
     logging::CLogDLL::Release();
     EXPECT_FALSE(logging::CLogDLL::Exists());
+    logging::Log(logging::kError, L"F", L"dropped");
+    LogCapture again;  // a fresh file: the dropped line must not appear anywhere
+    logging::Log(logging::kError, L"F", L"kept");
+    EXPECT_EQ(again.Messages(), std::vector<std::wstring>{L"kept"});
 }
 
-TEST(LogBinding, MissingLibraryLeavesASilentWriter) {
+// A library that is missing or lacks the exports leaves a silent writer.
+TEST(LogBinding, AMissingLibraryOrOneWithoutExportsLeavesASilentWriter) {
     testing_support::TempDir empty;
-    logging::CLogDLL log(os::SharedLibraryFileName(L"cr_absent_log"), empty.path(), nullptr);
-    EXPECT_FALSE(log.LibraryLoaded());
-    EXPECT_FALSE(log.LoadError().empty());
-    EXPECT_FALSE(log.WriterBound());
-    EXPECT_EQ(log.Write(0, logging::kError, L"F", L"x %d", 1), logging::kNoInterface);
-}
-
-TEST(LogBinding, LibraryWithoutExportsIsToleratedAndSilent) {
-    logging::CLogDLL log(os::SharedLibraryFileName(L"no_exports"), ProgramDirectory(), nullptr);
-    EXPECT_TRUE(log.LibraryLoaded());
-    EXPECT_FALSE(log.WriterBound());
-    EXPECT_EQ(log.BoundEntryCount(), 0);
-    EXPECT_EQ(log.Write(0, logging::kError, L"F", L"x"), logging::kNoInterface);
+    for (auto [name, directory, loads] : {std::tuple{L"cr_absent_log", empty.path(), false},
+                                          std::tuple{L"no_exports", ProgramDirectory(), true}}) {
+        logging::CLogDLL log(os::SharedLibraryFileName(name), directory, nullptr);
+        EXPECT_EQ(log.LibraryLoaded(), loads) << name;
+        EXPECT_EQ(log.LoadError().empty(), loads) << name;
+        EXPECT_FALSE(log.WriterBound());
+        EXPECT_EQ(log.BoundEntryCount(), 0);
+        EXPECT_EQ(log.Write(0, logging::kError, L"F", L"x %d", 1), logging::kNoInterface);
+    }
 }
 
 TEST(LogBinding, LibraryWithOnlyLogWriteIsBoundAndUsed) {
@@ -88,31 +79,24 @@ uint32_t fakeTick = 0;
 uint32_t FakeTick() { return fakeTick; }
 }  // namespace
 
+// The elapsed time survives the wrap of the tick counter.
 TEST(CallTrace, WritesEntryAndExitLinesWithElapsedTime) {
-    LogCapture capture;
-    fakeTick = 1000;
-    {
-        logging::CallTrace trace(L"ConditionalRunnerAgent::Start", &FakeTick);
-        fakeTick = 1042;
+    for (auto [start, end, elapsed] : {std::tuple{1000u, 1042u, L"42"}, std::tuple{0xFFFFFFF0u, 0x10u, L"32"}}) {
+        LogCapture capture;
+        fakeTick = start;
+        {
+            logging::CallTrace trace(L"ConditionalRunnerAgent::Start", &FakeTick);
+            fakeTick = end;
+        }
+        auto lines = capture.Lines();
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(lines[0].level, 32);
+        EXPECT_EQ(lines[0].nesting, 1);
+        EXPECT_EQ(lines[0].function, L"ConditionalRunnerAgent::Start");
+        EXPECT_EQ(lines[0].message, L"-> ConditionalRunnerAgent::Start()");
+        EXPECT_EQ(lines[1].nesting, -1);
+        EXPECT_EQ(lines[1].message, L"<- ConditionalRunnerAgent::Start() [" + std::wstring(elapsed) + L"]");
     }
-    auto lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].level, 32);
-    EXPECT_EQ(lines[0].nesting, 1);
-    EXPECT_EQ(lines[0].function, L"ConditionalRunnerAgent::Start");
-    EXPECT_EQ(lines[0].message, L"-> ConditionalRunnerAgent::Start()");
-    EXPECT_EQ(lines[1].nesting, -1);
-    EXPECT_EQ(lines[1].message, L"<- ConditionalRunnerAgent::Start() [42]");
-}
-
-TEST(CallTrace, ElapsedTimeSurvivesTheCounterWrap) {
-    LogCapture capture;
-    fakeTick = 0xFFFFFFF0u;
-    {
-        logging::CallTrace trace(L"Wrap", &FakeTick);
-        fakeTick = 0x10;
-    }
-    EXPECT_TRUE(capture.Contains(L"<- Wrap() [32]"));
 }
 
 TEST(CallTrace, LongNamesAreCutNotRejected) {

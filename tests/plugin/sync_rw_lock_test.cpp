@@ -9,10 +9,7 @@
 
 #include "thread_actor.h"
 
-using lock_testing::Eventually;
-using lock_testing::Finishes;
-using lock_testing::Pending;
-using lock_testing::ThreadActor;
+using namespace lock_testing;  // ThreadActor and the bounded waits
 using qv::CSyncRWLock;
 
 namespace {
