@@ -120,6 +120,8 @@ int32_t ConditionalRunnerAL::LoadSettings() {
             // A partial set of rules would run method sets the console never
             // meant to run alone: start with none.
             logging::Log(logging::kError, kLoadSettings, L"Cannot create condition %s; cleaning all", rule->id.c_str());
+            DetachFrom(rules_);
+            rules_.clear();
             return error != 0 ? error : qv::status::kFunctionFailed;
         }
         entries.push_back(RuleEntry{*rule, std::move(condition)});
