@@ -8,6 +8,7 @@
 
 #include <json/reader.h>
 
+#include "host/reference_host.h"
 #include "host/settings_store.h"
 #include "os/file_io.h"
 #include "qv/status.h"
@@ -353,4 +354,22 @@ TEST(SettingsStore, ConcurrentWritersKeepEveryChange) {
             EXPECT_EQ(StringOf(*shared, name.c_str()), name);
         }
     }
+}
+
+TEST(SettingsStore, PlugInsFindTheStoreThroughTheReferenceHost) {
+    TempDir dir;
+    auto store = OpenStore(dir.File(L"settings.json"));
+    ASSERT_TRUE(store);
+    IEPSettings* expected = store.get();
+    host::ReferenceHost host(true, std::move(store));
+    void* found = nullptr;
+    ASSERT_EQ(host.components().GetPlugin(IEPSettings::kPluginName, IEPSettings::iid, &found), status::kSuccess);
+    EXPECT_EQ(found, expected);
+    host.components().ReleasePlugin(IEPSettings::kPluginName);
+    EXPECT_EQ(host.components().GetPlugin(IEPSettings::kPluginName, qv::MakeGuid(1, 2, 3, 4, 5), &found),
+              status::kNotFound);
+
+    host::ReferenceHost without;
+    EXPECT_EQ(without.components().GetPlugin(IEPSettings::kPluginName, IEPSettings::iid, &found), status::kNotFound);
+    EXPECT_EQ(without.settings(), nullptr);
 }
