@@ -3,11 +3,13 @@
 // IServMain, wired together. Tests create one per test; the host program one
 // per run. Services added later are registered with `components()` by name.
 #include <memory>
+#include <utility>
 
 #include "host/agent_manager.h"
 #include "host/clock.h"
 #include "host/component_manager.h"
 #include "host/event_queue_service.h"
+#include "host/settings_store.h"
 
 namespace host {
 
@@ -15,17 +17,26 @@ class ReferenceHost {
 public:
     static constexpr const wchar_t* kAgentManagerName = EnterpriseIntegration::IManager::kPluginName;
 
+    static constexpr const wchar_t* kSettingsName = IEPSettings::kPluginName;
+
     // With `manualClock` the queues follow a ManualClock that the caller
-    // advances; otherwise they follow the system's steady clock.
-    explicit ReferenceHost(bool manualClock = true)
+    // advances; otherwise they follow the system's steady clock. A `settings`
+    // store (see SettingsStore::Open) is registered as the host's settings;
+    // without one, plug-ins find none.
+    explicit ReferenceHost(bool manualClock = true, std::unique_ptr<SettingsStore> settings = nullptr)
         : manualClock_(manualClock ? std::make_unique<ManualClock>() : nullptr),
           systemClock_(manualClock ? nullptr : std::make_unique<SystemClock>()),
+          settings_(std::move(settings)),
           queues_(clock()),
           main_(components_) {
         components_.SetEventQueueFactory(&queues_);
         components_.Register(kAgentManagerName, &agents_);
+        if (settings_) components_.Register(kSettingsName, settings_.get());
     }
-    ~ReferenceHost() { components_.SetEventQueueFactory(nullptr); }
+    ~ReferenceHost() {
+        components_.SetEventQueueFactory(nullptr);
+        if (settings_) components_.Unregister(kSettingsName);
+    }
     ReferenceHost(const ReferenceHost&) = delete;
     ReferenceHost& operator=(const ReferenceHost&) = delete;
 
@@ -35,10 +46,13 @@ public:
     IServMain* main() { return &main_; }
     AgentManager& agents() { return agents_; }
     EventQueueService& queues() { return queues_; }
+    // Null when the host was made without one.
+    SettingsStore* settings() { return settings_.get(); }
 
 private:
     std::unique_ptr<ManualClock> manualClock_;
     std::unique_ptr<SystemClock> systemClock_;
+    std::unique_ptr<SettingsStore> settings_;  // outlives its registration below
     ComponentManager components_;
     AgentManager agents_;
     EventQueueService queues_;

@@ -1,8 +1,9 @@
 #pragma once
-// Opening files by wide path.
+// Opening, reading and replacing files by wide path.
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace os {
 
@@ -15,5 +16,27 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 // `mode` as for fopen ("rb", "ab", ...); null on failure.
 FilePtr OpenFile(const std::wstring& path, const wchar_t* mode);
+
+enum class ReadResult {
+    kRead,     // `bytes` holds the whole file
+    kMissing,  // neither the file nor its folder exists
+    kFailed,   // it exists (or may) but could not be read; `error` says why
+};
+
+// Reads the whole file at `path` into `bytes`. `error` (when given) receives
+// a description of the failure for kFailed, naming the system's reason. Any
+// thread.
+ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstring* error = nullptr);
+
+// Replaces the file at `path` with `bytes` so that, whatever instant the
+// process or the machine stops at, `path` holds either its old content or
+// the new one in full: the bytes go to a new file in the same folder, which
+// is flushed to the disk and then renamed over `path`. The folder must exist.
+// False on failure, with `path` unchanged, no temporary file left behind, and
+// `error` (when given) describing the step that failed and the system's
+// reason. Any thread; calls for the same path are the caller's to order (the
+// last rename wins).
+[[nodiscard]] bool WriteFileAtomically(const std::wstring& path, std::string_view bytes,
+                                       std::wstring* error = nullptr);
 
 }  // namespace os

@@ -1,0 +1,88 @@
+#pragma once
+// Reference settings store: the tree of IEPSettings kept in one JSON file.
+//
+// The committed tree is immutable: a commit builds a new root that shares
+// every untouched subtree with the old one, writes it to the file, and only
+// then makes it current. So a node opened for reading holds a snapshot of its
+// subtree as committed when it was opened; later commits (a removal of that
+// very node included) do not change what it reads.
+//
+// A node opened for writing reads the tree as committed when it was opened
+// (or last committed) with its own changes laid over it. Its commit applies
+// just those changes (values set, children removed) to the current tree, so
+// writers of different nodes, or of different values of one node, do not
+// undo each other.
+//
+// Value types: GetString and GetBool answer only values set with SetString
+// and SetBool (kInvalidDataType otherwise, a JSON string included); GetJson
+// answers every value, a string as a JSON string and a bool as a JSON bool.
+//
+// Names: value names are any text, the empty name included; child names
+// (path segments and RemoveChild) are not empty and hold no '/'. Text that
+// cannot be stored as UTF-8 (an unpaired surrogate) is kInvalidParameter, as
+// is a path deeper than kMaxDepth or a JSON value nested deeper than
+// kMaxJsonDepth, so that everything committed can be read back. Children are
+// listed in ordinal order: by UTF-16 code units, the same on both platforms.
+//
+// Thread-safe: one mutex guards the current tree and the file. The store must
+// outlive its nodes.
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "qv/settings_store.h"
+
+namespace host {
+
+class SettingsStore final : public IEPSettings {
+public:
+    static constexpr size_t kMaxDepth = 64;
+    static constexpr int kMaxJsonDepth = 256;
+
+    // Opens the store kept in the file at `path`. A missing file is an empty
+    // tree; the file (not its folder) is created by the first commit. Null
+    // when the file cannot be read or does not hold a settings tree, with
+    // `error` naming the file and the reason; the file is left as it is.
+    static std::unique_ptr<SettingsStore> Open(const std::wstring& path, std::wstring& error);
+
+    ~SettingsStore();
+    SettingsStore(const SettingsStore&) = delete;
+    SettingsStore& operator=(const SettingsStore&) = delete;
+
+    const std::wstring& path() const noexcept { return path_; }
+    // Why the last failed commit failed (kFunctionFailed); empty when none has.
+    std::wstring LastCommitError() const;
+
+    void* QueryInterface(const GUID& iid) override;
+    // Statuses as IEPSettings, and kNotEnoughMemory when allocation fails.
+    int32_t OpenForRead(const wchar_t* path, IEPSettingsNode** node) override;
+    // A commit answers kFunctionFailed when the file cannot be written; the
+    // tree and the file are then unchanged and the node keeps its changes.
+    int32_t OpenForWrite(const wchar_t* path, IEPSettingsNode** node) override;
+
+    // The tree's representation and a writing node's pending changes.
+    struct Node;
+    struct Changes;
+    using NodePtr = std::shared_ptr<const Node>;
+
+private:
+    class OpenNode;
+
+    SettingsStore(std::wstring path, NodePtr root);
+    // The committed node at `segments`, or null.
+    NodePtr Find(const std::vector<std::wstring>& segments) const;
+    // Applies a writing node's changes to the node at `segments` (made with
+    // its missing parents) and writes the file; only when that succeeded is
+    // the result the current tree, and `committed` the node as it now stands.
+    int32_t Apply(const std::vector<std::wstring>& segments, const Changes& changes, NodePtr& committed);
+
+    const std::wstring path_;
+    mutable std::mutex mutex_;
+    NodePtr root_;
+    std::wstring lastCommitError_;
+};
+
+}  // namespace host

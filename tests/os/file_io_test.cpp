@@ -1,0 +1,51 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "os/file_io.h"
+#include "support/log_capture.h"
+
+namespace {
+
+size_t EntriesIn(const std::wstring& folder) {
+    const std::filesystem::directory_iterator entries{std::filesystem::path(folder)};
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+}  // namespace
+
+TEST(FileIo, AtomicWriteCreatesThenReplacesAndLeavesOnlyTheFile) {
+    testing_support::TempDir dir;
+    const std::wstring path = dir.File(L"data.json");
+    std::string bytes;
+    EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kMissing);
+    // Binary content of more than one read buffer, then shorter content.
+    std::string large(200 * 1024, '\0');
+    for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7);
+    for (const std::string& content : {std::string("first"), large, std::string()}) {
+        ASSERT_TRUE(os::WriteFileAtomically(path, content));
+        EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kRead);
+        EXPECT_EQ(bytes, content);
+    }
+    EXPECT_EQ(EntriesIn(dir.path()), 1u);
+}
+
+TEST(FileIo, FailuresNameThePathAndLeaveNothingBehind) {
+    testing_support::TempDir dir;
+    const std::wstring inMissingFolder = dir.File(L"absent") + L"/data.json";
+    const std::wstring folder = dir.File(L"folder");  // a folder where the file should be
+    std::filesystem::create_directory(std::filesystem::path(folder));
+    std::string bytes;
+    std::wstring error;
+    EXPECT_EQ(os::ReadWholeFile(inMissingFolder, bytes), os::ReadResult::kMissing);
+    EXPECT_EQ(os::ReadWholeFile(folder, bytes, &error), os::ReadResult::kFailed);
+    EXPECT_NE(error.find(folder), std::wstring::npos) << error;
+    for (const std::wstring& path : {inMissingFolder, folder}) {
+        error.clear();
+        EXPECT_FALSE(os::WriteFileAtomically(path, "x", &error));
+        EXPECT_NE(error.find(path), std::wstring::npos) << error;
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::path(folder)));
+    EXPECT_EQ(EntriesIn(dir.path()), 1u);
+}
