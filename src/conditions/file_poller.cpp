@@ -35,8 +35,8 @@ FilePoller::~FilePoller() {
 }
 
 FilePoller& FilePoller::Shared() {
-    static FilePoller* const shared = new FilePoller();
-    return *shared;
+    static FilePoller shared;
+    return shared;
 }
 
 bool FilePoller::Register(Client* client) {

@@ -57,8 +57,10 @@ public:
     FilePoller& operator=(const FilePoller&) = delete;
 
     // The poller of all file conditions of the process, polling every 100 ms.
-    // Never destroyed, so that no destructor joins a thread while the module
-    // unloads; its thread has ended by then, once every condition was freed.
+    // Destroyed with the module's static objects, when its thread has ended
+    // already (it ends with the last condition, and every condition is freed
+    // before the module is unloaded), so that nothing is joined while the
+    // module unloads and nothing is left behind by an unloaded module.
     static FilePoller& Shared();
 
     // Adds `client` at the end of the pass, starting the thread if it is the

@@ -1,0 +1,237 @@
+// The module as its host runs it: loaded by path, its agent, runner and
+// condition manager created through the two exports, the reference host's
+// services around them, and console commands through the agent. A rule over
+// a real file leads to a method-set run through the host's policy runner and
+// to the run event; the state survives a restart over the same settings file.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include <json/value.h>
+
+#include "host/method_call.h"
+#include "host/network_provider_standin.h"
+#include "host/reference_host.h"
+#include "host/settings_store.h"
+#include "model/conditional_runner.h"
+#include "os/file_io.h"
+#include "os/utf8.h"
+#include "plugin/module_names.h"
+#include "qv/integration.h"
+#include "qv/serv_plugin.h"
+#include "qv/status.h"
+#include "support/log_capture.h"
+#include "support/module_under_test.h"
+#include "support/waiting.h"
+
+namespace {
+
+using Product::Integration::ConditionalRunner::IConditionalRunner;
+using testing_support::Eventually;
+using testing_support::LoadedModule;
+using testing_support::ParseJson;
+
+// One exported object of the module, made available to the others through
+// the host's component manager under its name.
+class Exported {
+public:
+    Exported(LoadedModule& module, host::ReferenceHost& host, std::wstring name)
+        : module_(module), host_(host), name_(std::move(name)) {
+        void* object = nullptr;
+        EXPECT_EQ(module_.create(name_.c_str(), &IServPlugin::iid, &object), 0) << "cannot create the object";
+        plugin_ = static_cast<IServPlugin*>(object);
+        if (plugin_) host_.components().Register(name_, static_cast<IQvBaseInterface*>(plugin_->QueryInterface(IQvBaseInterface::iid)));
+    }
+    ~Exported() {
+        if (!plugin_) return;
+        host_.components().Unregister(name_);
+        module_.destroy(name_.c_str(), plugin_);
+    }
+    Exported(const Exported&) = delete;
+    Exported& operator=(const Exported&) = delete;
+
+    IServPlugin* operator->() const { return plugin_; }
+    template <class I>
+    I* As() const {
+        return static_cast<I*>(plugin_->QueryInterface(I::iid));
+    }
+
+private:
+    LoadedModule& module_;
+    host::ReferenceHost& host_;
+    std::wstring name_;
+    IServPlugin* plugin_ = nullptr;
+};
+
+// The module hosted over the settings file `settingsFile`, started in the
+// order a host starts it, stopped in the reverse order.
+class HostedModule {
+public:
+    explicit HostedModule(const std::wstring& settingsFile)
+        : host_(true, OpenStore(settingsFile)),
+          manager_(module_, host_, qv::names::kConditionManager),
+          runner_(module_, host_, qv::names::kModule),
+          agent_(module_, host_, qv::names::AgentName()) {
+        host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
+        EXPECT_EQ(manager_->Init(host_.main()), 0);
+        EXPECT_EQ(runner_->Init(host_.main()), 0);
+        // Evaluate as soon as a change is seen: no quiet period to wait for.
+        EXPECT_EQ(runner_.As<IConditionalRunner>()->SetSettings(IConditionalRunner::Settings{0, 60}), 0);
+        EXPECT_EQ(runner_->Start(), 0);
+        EXPECT_EQ(agent_->Init(host_.main()), 0);
+        EXPECT_EQ(agent_->Start(), 0);
+    }
+    ~HostedModule() {
+        EXPECT_EQ(agent_->Stop(), 0);
+        EXPECT_EQ(agent_->Uninit(), 0);
+        EXPECT_EQ(runner_->Stop(), 0);
+        EXPECT_EQ(runner_->Uninit(), 0);
+        EXPECT_EQ(manager_->Uninit(), 0);
+        host_.components().Unregister(host::NetworkProviderStandIn::kName);
+    }
+
+    // Runs console command `method` with the JSON request `request`; its status.
+    int32_t Command(const wchar_t* method, const std::string& request, Json::Value* response = nullptr) {
+        host::MethodCall call(qv::names::AgentName(), method, ParseJson(request));
+        agent_.As<EnterpriseIntegration::IAgent>()->RunPolicyMethod(&call);
+        if (response && call.response()) *response = *call.response();
+        return call.GetResult();
+    }
+
+    host::ReferenceHost& host() { return host_; }
+    size_t Runs() { return host_.policyRunner().Runs().size(); }
+    std::vector<host::AgentManager::SentEvent> Events() { return host_.agents().Events(); }
+
+private:
+    static std::unique_ptr<host::SettingsStore> OpenStore(const std::wstring& file) {
+        std::wstring error;
+        std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(file, error);
+        EXPECT_NE(store, nullptr) << os::WideToUtf8Lossy(error);
+        return store;
+    }
+
+    LoadedModule module_;
+    host::ReferenceHost host_;
+    host::NetworkProviderStandIn provider_;
+    Exported manager_;
+    Exported runner_;
+    Exported agent_;
+};
+
+std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8Lossy(text)).toStyledString(); }
+
+// Two rules over one file name one method set; a third is always true but
+// names a method set nobody sent.
+std::string RulesOver(const std::wstring& file) {
+    const std::string exists = R"({"type":"Test.FileExists","data":{"filePath":)" + Quoted(file) + "}}";
+    return R"({"rules":[
+        {"id":"r1","displayName":"one","methodSetId":"M","matchIf":)" + exists + R"(},
+        {"id":"r2","displayName":"two","methodSetId":"M","matchIf":)" + exists + R"(},
+        {"id":"r3","displayName":"lost","methodSetId":"nobody","matchIf":{"type":"boolean.TRUE"}}]})";
+}
+constexpr const char* kMethodSet =
+    R"({"id":"M","displayName":"the method set","methods":[{"plugin":"P","method":"m"}]})";
+
+void CreateFile(const std::wstring& path) { ASSERT_TRUE(os::OpenFile(path, L"wb")); }
+
+class RunnerEndToEnd : public testing::Test {
+protected:
+    testing_support::TempDir dir_;
+    const std::wstring settings_ = dir_.File(L"settings.json");
+    const std::wstring watched_ = dir_.File(L"watched");
+};
+
+TEST_F(RunnerEndToEnd, AFileThatAppearsRunsItsMethodSetOnceWithOneEvent) {
+    testing_support::LogCapture capture;
+    HostedModule hosted(settings_);
+    ASSERT_EQ(hosted.Command(L"SetMethodSet", kMethodSet), 0);
+    ASSERT_EQ(hosted.Command(L"SetRules", RulesOver(watched_)), 0);
+    // Only the rule without a method set is true: nothing to run.
+    EXPECT_TRUE(Eventually([&] { return capture.Contains(L"method (nobody) was not found"); }));
+    EXPECT_EQ(hosted.Runs(), 0u);
+
+    CreateFile(watched_);
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return hosted.Events().size() == 1; }));
+    const auto event = hosted.Events()[0];
+    EXPECT_EQ(event.name, L"Product.ConditionalRunner.MethodSetsRun");
+    EXPECT_EQ(event.payload["data"].size(), 1u);
+    EXPECT_EQ(event.payload["data"][0]["error"], 0);
+    EXPECT_EQ(event.payload["data"][0]["rulesMatched"], ParseJson(R"(["r1","r2"])"));
+    EXPECT_EQ(event.payload["data"][0]["response"]["results"][0]["result"], 0);
+
+    // An evaluation that finds the same rules true runs nothing.
+    capture.Clear();
+    ASSERT_EQ(hosted.Command(L"SetMethodSet", R"({"id":"other","displayName":"","methods":[]})"), 0);
+    EXPECT_TRUE(Eventually([&] { return capture.Contains(L"Nothing changed from the last run"); }));
+    EXPECT_EQ(hosted.Runs(), 1u);
+    EXPECT_EQ(hosted.Events().size(), 1u);
+}
+
+TEST_F(RunnerEndToEnd, ARestartRestoresTheStateAndRunsAgainOnlyAfterAnInterruptedRun) {
+    {
+        HostedModule first(settings_);
+        ASSERT_EQ(first.Command(L"SetMethodSet", kMethodSet), 0);
+        ASSERT_EQ(first.Command(L"SetRules", RulesOver(watched_)), 0);
+        CreateFile(watched_);
+        ASSERT_TRUE(Eventually([&] { return first.Runs() == 1; }));
+    }
+    {
+        testing_support::LogCapture capture;
+        HostedModule second(settings_);
+        Json::Value rules, ids, enabled;
+        EXPECT_EQ(second.Command(L"GetRules", "{}", &rules), 0);
+        EXPECT_EQ(rules["rules"].size(), 3u);
+        EXPECT_EQ(second.Command(L"GetMethodSetIds", "{}", &ids), 0);
+        EXPECT_EQ(ids["ids"], ParseJson(R"(["M"])"));
+        EXPECT_EQ(second.Command(L"IsEnabled", "{}", &enabled), 0);
+        EXPECT_EQ(enabled["enabled"], true);
+        // The stored last run matches what is true now: nothing runs again.
+        EXPECT_TRUE(Eventually([&] { return capture.Contains(L"Nothing changed from the last run"); }));
+        EXPECT_EQ(second.Runs(), 0u);
+    }
+    {
+        // A run that was under way when the process ended is not trusted.
+        std::wstring error;
+        auto store = host::SettingsStore::Open(settings_, error);
+        ASSERT_NE(store, nullptr);
+        IEPSettingsNode* flag = nullptr;
+        ASSERT_EQ(store->OpenForWrite(L"/MethodsRunner/methodsRunStarted", &flag), 0);
+        EXPECT_EQ(flag->SetBool(L"", true), 0);
+        EXPECT_EQ(flag->Commit(), 0);
+        flag->Release();
+    }
+    HostedModule third(settings_);
+    EXPECT_TRUE(Eventually([&] { return third.Runs() == 1; }));
+}
+
+// A method set that could not reach its agent is retried 30 s later (by the
+// host's clock), once; a retry that succeeds is not retried again.
+TEST_F(RunnerEndToEnd, ARunThatFoundTheAgentDisconnectedIsRetriedOnce) {
+    HostedModule hosted(settings_);
+    hosted.host().policyRunner().SetResult(L"P", L"m", qv::status::kNotConnected);
+    ASSERT_EQ(hosted.Command(L"SetMethodSet", kMethodSet), 0);
+    ASSERT_EQ(hosted.Command(L"SetRules", RulesOver(watched_)), 0);
+    CreateFile(watched_);
+    // The pass ends by scheduling its retry on the runner's queue.
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1 && hosted.host().queues().PendingCount() == 1; }));
+    hosted.host().policyRunner().SetResult(L"P", L"m", 0);
+
+    hosted.host().manualClock()->Advance(29'000);
+    ASSERT_TRUE(hosted.host().queues().WaitIdle());
+    EXPECT_EQ(hosted.Runs(), 1u);
+    hosted.host().manualClock()->Advance(1'000);
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 2; }));
+
+    hosted.host().manualClock()->Advance(60'000);
+    ASSERT_TRUE(hosted.host().queues().WaitIdle());
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(hosted.Runs(), 2u);
+    const auto runs = hosted.host().policyRunner().Runs();
+    EXPECT_EQ(runs[0].status, qv::status::kNotConnected);
+    EXPECT_EQ(runs[1].status, 0);
+}
+
+}  // namespace

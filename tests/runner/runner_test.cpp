@@ -1,0 +1,175 @@
+// The runner's console operations and its evaluation pass, driven directly
+// (no evaluation thread) over the reference host: a real condition manager,
+// settings store and policy runner.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "conditions/manager.h"
+#include "host/network_provider_standin.h"
+#include "host/reference_host.h"
+#include "host/settings_store.h"
+#include "os/utf8.h"
+#include "plugin/module_names.h"
+#include "qv/status.h"
+#include "runner/conditional_runner_al.h"
+#include "support/log_capture.h"
+#include "support/module_under_test.h"
+
+namespace {
+
+using namespace Product::Integration::ConditionalRunner;
+using Product::Integration::ConditionManager::Manager;
+using testing_support::ParseJson;
+
+Rule MakeRule(const std::wstring& id, const std::wstring& methodSetId, const char* matchIf) {
+    return Rule{id, L"rule " + id, methodSetId, ParseJson(matchIf)};
+}
+Method MakeMethod(const std::wstring& id, const char* methods = R"([{"plugin":"P","method":"m"}])") {
+    return Method{id, L"set " + id, ParseJson(methods), Json::Value()};
+}
+
+// Records the run reports.
+class Reports final : public IConditionalRunner::IEvents {
+public:
+    int32_t OnMethodSetsRun(const qv::IList<MethodRunData>& runs) override {
+        std::vector<std::pair<std::wstring, std::vector<std::wstring>>> report;
+        runs.ForEach([&](const MethodRunData& run) {
+            std::vector<std::wstring> ids;
+            run.ruleIds.ForEach([&](const std::wstring& id) { ids.push_back(id); });
+            report.emplace_back(run.methodSetId, ids);
+        });
+        reports.push_back(report);
+        return 0;
+    }
+    std::vector<std::vector<std::pair<std::wstring, std::vector<std::wstring>>>> reports;
+};
+
+class RunnerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
+        host_.components().Register(qv::names::kConditionManager, static_cast<IServPlugin*>(&manager_));
+        ASSERT_EQ(manager_.Init(host_.main()), 0);
+        ASSERT_EQ(runner_.Init(host_.main()), 0);
+        ASSERT_EQ(runner_.Subscribe(&reports_, 0), 0);
+    }
+    void TearDown() override {
+        EXPECT_EQ(runner_.Unsubscribe(&reports_, 0), 0);
+        EXPECT_EQ(runner_.Uninit(), 0);
+        EXPECT_EQ(manager_.Uninit(), 0);
+        EXPECT_EQ(host_.components().TotalReferences(), 0);
+    }
+
+    // The store's node at `path` has `value` under `name` (null when absent).
+    Json::Value Stored(const wchar_t* path, const wchar_t* name) {
+        IEPSettingsNode* node = nullptr;
+        if (host_.settings()->OpenForRead(path, &node) != 0) return Json::Value();
+        Json::Value value;
+        if (node->GetJson(name, value) != 0) value = Json::Value();
+        node->Release();
+        return value;
+    }
+    int32_t SetRules(std::initializer_list<Rule> rules, std::vector<RuleError>* errorsOut = nullptr) {
+        qv::List<Rule> list(rules);
+        qv::List<RuleError> errors;
+        const int32_t status = runner_.SetRules(list, errors);
+        if (errorsOut) errors.ForEach([&](const RuleError& e) { errorsOut->push_back(e); });
+        return status;
+    }
+
+    static std::unique_ptr<host::SettingsStore> OpenStore(const std::wstring& file) {
+        std::wstring error;
+        return host::SettingsStore::Open(file, error);
+    }
+
+    testing_support::TempDir dir_;
+    host::ReferenceHost host_{true, OpenStore(dir_.File(L"settings.json"))};
+    host::NetworkProviderStandIn provider_;
+    Manager manager_;
+    ConditionalRunnerAL runner_;
+    Reports reports_;
+};
+
+TEST_F(RunnerTest, MethodSetsAreKeptInMemoryAndInTheStoreInStep) {
+    EXPECT_EQ(runner_.SetMethod(MakeMethod(L"a/b"), false), qv::status::kInvalidParameter);
+    EXPECT_TRUE(Stored(L"/Methods_a/b", L"id").isNull());
+    ASSERT_EQ(runner_.SetMethod(MakeMethod(L"M"), false), 0);
+    ASSERT_EQ(runner_.SetMethod(MakeMethod(L"N", "[]"), false), 0);
+    EXPECT_EQ(Stored(L"/Methods_M", L"id"), "M");
+
+    Method read;
+    ASSERT_EQ(runner_.GetMethodSet(L"M", read), 0);
+    EXPECT_EQ(read, MakeMethod(L"M"));
+    EXPECT_EQ(runner_.GetMethodSet(L"unknown", read), qv::status::kNotFound);
+
+    ASSERT_EQ(runner_.DeleteMethodSet(L"M"), 0);
+    EXPECT_TRUE(Stored(L"/Methods_M", L"id").isNull());
+    qv::List<std::wstring> ids;
+    ASSERT_EQ(runner_.GetMethodSetIds(ids), 0);
+    EXPECT_EQ(ids, (qv::List<std::wstring>{L"N"}));
+
+    // Removing them all leaves the runner's own node alone.
+    ASSERT_EQ(runner_.SetEnabled(false), 0);
+    ASSERT_EQ(runner_.DeleteAllMethodSets(), 0);
+    EXPECT_TRUE(Stored(L"/Methods_N", L"id").isNull());
+    EXPECT_EQ(Stored(L"/MethodsRunner", L"enabled"), false);
+}
+
+TEST_F(RunnerTest, RulesThatCannotBeBuiltAreLeftOutAndReported) {
+    std::vector<RuleError> errors;
+    const int32_t status = SetRules({MakeRule(L"a", L"M", R"({"type":"no.such.type"})"),
+                                     MakeRule(L"b", L"M", R"({"type":"boolean.AND","data":{"conditions":[]}})"),
+                                     MakeRule(L"c", L"M", R"({"type":"boolean.TRUE"})")},
+                                    &errors);
+    // An unknown type is reported only; the other failure is the result too.
+    EXPECT_EQ(status, qv::status::kInvalidParameter);
+    EXPECT_EQ(errors, (std::vector<RuleError>{{0, qv::status::kCallNotImplemented}, {1, qv::status::kInvalidParameter}}));
+    qv::List<Rule> rules;
+    ASSERT_EQ(runner_.GetRules(rules), 0);
+    EXPECT_EQ(rules, (qv::List<Rule>{MakeRule(L"c", L"M", R"({"type":"boolean.TRUE"})")}));
+    EXPECT_EQ(Stored(L"/MethodsRunner/Rules", L"")["data"].size(), 1u);
+}
+
+// Each method set runs once per pass for all its true rules, and only when
+// the set of true rules changed; a changed method set or a re-enabling runs
+// again; a transaction holds evaluations back.
+TEST_F(RunnerTest, EvaluationRunsEachMethodSetOnceAndOnlyOnAChange) {
+    testing_support::LogCapture capture;
+    ASSERT_EQ(runner_.SetMethod(MakeMethod(L"M"), false), 0);
+    ASSERT_EQ(SetRules({MakeRule(L"r1", L"M", R"({"type":"boolean.TRUE"})"),
+                        MakeRule(L"r2", L"unknown", R"({"type":"boolean.TRUE"})"),
+                        MakeRule(L"r3", L"M", R"({"type":"boolean.FALSE"})"),
+                        MakeRule(L"r4", L"M", R"({"type":"boolean.TRUE"})")}),
+              0);
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    ASSERT_EQ(reports_.reports.size(), 1u);
+    EXPECT_EQ(reports_.reports[0].size(), 1u);
+    EXPECT_EQ(reports_.reports[0][0].first, L"M");
+    EXPECT_EQ(reports_.reports[0][0].second, (std::vector<std::wstring>{L"r1", L"r4"}));
+    EXPECT_EQ(host_.policyRunner().Runs().size(), 1u);
+    EXPECT_EQ(Stored(L"/MethodsRunner/Info", L"")["data"].size(), 2u);
+    EXPECT_EQ(Stored(L"/MethodsRunner/methodsRunStarted", L""), false);
+
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    EXPECT_TRUE(capture.Contains(L"Nothing changed from the last run"));
+    EXPECT_EQ(host_.policyRunner().Runs().size(), 1u);
+
+    ASSERT_EQ(runner_.SetMethod(MakeMethod(L"M", R"([{"plugin":"P","method":"other"}])"), false), 0);
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    EXPECT_EQ(host_.policyRunner().Runs().size(), 2u);
+
+    ASSERT_EQ(runner_.BeginTransaction(), 0);
+    ASSERT_EQ(runner_.SetEnabled(false), 0);
+    ASSERT_EQ(runner_.SetEnabled(true), 0);
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    EXPECT_TRUE(capture.Contains(L"rules and methods transaction in progress. Skip evaluation this time"));
+    EXPECT_EQ(host_.policyRunner().Runs().size(), 2u);
+    ASSERT_EQ(runner_.EndTransaction(), 0);
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    EXPECT_EQ(host_.policyRunner().Runs().size(), 3u);
+}
+
+}  // namespace
