@@ -3,7 +3,10 @@
 // settings store and policy runner.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <filesystem>
 #include <memory>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -11,6 +14,7 @@
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "host/settings_store.h"
+#include "os/file_io.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
 #include "qv/status.h"
@@ -173,3 +177,71 @@ TEST_F(RunnerTest, EvaluationRunsEachMethodSetOnceAndOnlyOnAChange) {
 }
 
 }  // namespace
+
+// Console commands from several threads, conditions changing underneath and
+// the evaluation thread running, for a while; then a clean stop.
+TEST_F(RunnerTest, ConsoleCommandsConditionChangesAndEvaluationsInterleave) {
+    constexpr auto kFor = std::chrono::milliseconds(1500);
+    ASSERT_EQ(runner_.SetSettings(Settings{0, 60}), 0);
+    ASSERT_EQ(runner_.Start(), 0);
+    const std::wstring files[] = {dir_.File(L"a"), dir_.File(L"b")};
+    auto exists = [&](int i) {
+        return R"({"type":"Test.FileExists","data":{"filePath":)" +
+               Json::Value(os::WideToUtf8Lossy(files[i])).toStyledString() + "}}";
+    };
+    const std::string a = exists(0), b = exists(1);
+    const Rule rules[] = {MakeRule(L"ra", L"M", a.c_str()), MakeRule(L"rb", L"N", b.c_str()),
+                          MakeRule(L"rt", L"M", R"({"type":"boolean.TRUE"})")};
+
+    std::atomic<bool> running{true};
+    std::atomic<int> failures{0};
+    auto check = [&](int32_t status) {
+        if (status != 0) ++failures;
+    };
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        for (int i = 0; running; ++i) {
+            qv::List<Rule> list{rules[i % 3], rules[(i + 1) % 3]};
+            qv::List<RuleError> errors;
+            check(runner_.SetRules(list, errors));
+        }
+    });
+    threads.emplace_back([&] {
+        for (int i = 0; running; ++i) {
+            check(runner_.SetMethod(MakeMethod(i % 2 ? L"M" : L"N"), i % 3 == 0));
+            qv::List<Method> sets{MakeMethod(L"N")};
+            check(i % 4 ? runner_.UpdateMethods(sets) : runner_.BeginTransaction());
+            if (i % 4 == 0) check(runner_.EndTransaction());
+        }
+    });
+    threads.emplace_back([&] {
+        for (int i = 0; running; ++i) {
+            check(runner_.SetEnabled(i % 2 == 0));
+            qv::List<Rule> got;
+            qv::List<std::wstring> ids;
+            bool enabled = false;
+            check(runner_.GetRules(got));
+            check(runner_.GetMethodSetIds(ids));
+            check(runner_.IsEnabled(enabled));
+            host_.serviceControl().RaiseConnectionEvent(EndpointService::kServiceConnected);
+        }
+    });
+    threads.emplace_back([&] {
+        for (int i = 0; running; ++i) {
+            const std::wstring& file = files[i % 2];
+            if (i % 4 < 2) {
+                static_cast<void>(os::OpenFile(file, L"wb"));  // created, then closed at once
+            } else {
+                std::error_code ignored;
+                std::filesystem::remove(std::filesystem::path(file), ignored);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    std::this_thread::sleep_for(kFor);
+    running = false;
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(runner_.Stop(), 0);
+    EXPECT_GT(host_.policyRunner().Runs().size(), 0u);
+}
