@@ -1,5 +1,7 @@
 // One evaluation pass: which rules are true, whether that changed since the
 // last run, and the method-set runs that follow.
+#include <map>
+
 #include <json/reader.h>
 #include <json/writer.h>
 
@@ -72,6 +74,7 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     // order of first appearance.
     qv::List<Rule> trueRules;
     qv::List<MethodRunData> toRun;
+    std::map<std::wstring, MethodRunData*> runOf;  // the run of each method set in `toRun`
     for (RuleEntry& entry : rules_) {
         if (!entry.condition) continue;
         bool state = false;
@@ -83,15 +86,12 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
             logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found", entry.rule.methodSetId.c_str());
             continue;
         }
-        MethodRunData* run = nullptr;
-        toRun.ForEach([&](MethodRunData& candidate) {
-            if (!run && candidate.methodSetId == entry.rule.methodSetId) run = &candidate;
-        });
+        MethodRunData*& run = runOf[entry.rule.methodSetId];
         if (!run) {
             MethodRunData created;
             created.methodSetId = entry.rule.methodSetId;
             if (toRun.AddTail(created) != 0) return qv::status::kNotEnoughMemory;
-            run = toRun.GetTail();
+            run = toRun.GetTail();  // list elements stay where they are
         }
         if (run->ruleIds.AddTail(entry.rule.id) != 0 || trueRules.AddTail(entry.rule) != 0)
             return qv::status::kNotEnoughMemory;
