@@ -2,6 +2,7 @@
 // nothing changed, one in which a single rule flips, replacing all rules
 // (persistence included), and starting over stored rules.
 #include <benchmark/benchmark.h>
+#include <json/reader.h>
 
 #include <filesystem>
 #include <memory>

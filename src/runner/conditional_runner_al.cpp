@@ -110,6 +110,7 @@ int32_t ConditionalRunnerAL::LoadSettings() {
     if (const int32_t status = store_.ReadRules(RunnerStore::kRulesPath, rules); status != 0) return status;
     // A store without method sets yet is no failure.
     static_cast<void>(store_.ReadMethods(methodSets_));
+    ++methodSetsVersion_;
     std::list<RuleEntry> entries;
     size_t index = 0;
     for (qv::ConstListEnumPtr<Rule> e(rules.CreateConstEnum()); e->IsValid(); e->Next(), ++index) {
@@ -128,7 +129,7 @@ int32_t ConditionalRunnerAL::LoadSettings() {
     }
     DetachFrom(rules_);
     rules_.swap(entries);
-    AttachTo(rules_);
+    Install(rules_);
     return 0;
 }
 
@@ -140,10 +141,10 @@ int32_t ConditionalRunnerAL::Start() {
         signals_.RequestEvaluation();  // a first evaluation
     {
         std::lock_guard lock(lock_);
-        if (const int32_t status = store_.ReadLastRunRules(lastRunRules_); status != 0) return status;
+        if (const int32_t status = store_.ReadLastRunRules(lastRun_.ReplaceFromStore()); status != 0) return status;
         bool enabled = true;
         if (store_.ReadEnabled(enabled) == 0 && !enabled) {
-            lastRunRules_.Clear();
+            lastRun_.Clear();
             isDisabled_ = true;
             signals_.Pause();
         }
@@ -195,6 +196,11 @@ int32_t ConditionalRunnerAL::Stop() {
         static_cast<void>(control->UnregisterControl(this));  // refused only when never registered
     std::lock_guard lock(lock_);
     return store_.SaveEnabled(enabled);
+}
+
+void ConditionalRunnerAL::Install(std::list<RuleEntry>& entries) {
+    for (RuleEntry& entry : entries) entry.serial = nextSerial_++;
+    AttachTo(entries);
 }
 
 void ConditionalRunnerAL::AttachTo(std::list<RuleEntry>& entries) {

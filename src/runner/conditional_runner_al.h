@@ -31,6 +31,7 @@
 #include "qv/serv_plugin.h"
 #include "runner/evaluation_loop.h"
 #include "runner/host_plugins.h"
+#include "runner/last_run.h"
 #include "runner/run_policy_agent.h"
 #include "runner/runner_signals.h"
 #include "runner/runner_store.h"
@@ -106,20 +107,24 @@ private:
     struct RuleEntry {
         Rule rule;
         ConditionManager::ConditionPtr condition;
+        uint64_t serial = 0;  // unique among the rules ever installed (see LastRun)
+        // Whether the rule's method set exists, as of methodSetsVersion_.
+        uint64_t methodSetCheckedAt = 0;
+        bool methodSetKnown = false;
     };
     using OnMethodSetsRunEvent =
         qv::Event<qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
 
-    // Builds the conditions of `rules`; kept in `entries` in order. The
-    // caller attaches the runner to them.
+    // Replaces the rules (the console's SetRules without its signal).
     int32_t SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors);
     int32_t LoadSettings();
+    // Numbers `entries` and attaches the runner to their conditions.
+    void Install(std::list<RuleEntry>& entries);
     void AttachTo(std::list<RuleEntry>& entries);
     void DetachFrom(std::list<RuleEntry>& entries);
     // Asks for an evaluation and wakes a runner paused by a console update
     // (in memory only: the stored flag stays). Under the lock.
     void SignalEvaluation();
-    void RemoveFromLastRun(const std::wstring& methodSetId);
     int32_t RunMethod(const std::wstring& methodSetId, std::wstring& response, MethodRunData& run);
     void RunEvaluationThread();
     void ReleaseServiceControls();
@@ -133,7 +138,9 @@ private:
     std::recursive_mutex lock_;  // guards everything below but the subscribers and the atomics
     std::list<RuleEntry> rules_;
     MethodSets methodSets_;
-    qv::List<Rule> lastRunRules_;
+    LastRun lastRun_;
+    uint64_t nextSerial_ = 1;
+    uint64_t methodSetsVersion_ = 1;  // changes with every change of methodSets_
     bool isDisabled_ = false;
     RunnerStore store_{nullptr};
 

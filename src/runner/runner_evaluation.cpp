@@ -1,6 +1,7 @@
 // One evaluation pass: which rules are true, whether that changed since the
 // last run, and the method-set runs that follow.
 #include <map>
+#include <vector>
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -17,33 +18,6 @@ constexpr const wchar_t* kReEvalRules = L"ConditionalRunnerAL::ReEvalRules";
 constexpr const wchar_t* kRunMethod = L"ConditionalRunnerAL::RunMethod";
 // Who asks the policy runner: the host's service.
 constexpr const wchar_t* kCaller = L"ovrahostsvc.exe";
-
-bool SameRules(const qv::IList<Rule>& a, const qv::IList<Rule>& b) {
-    if (a.Count() != b.Count()) return false;
-    qv::ConstListEnumPtr<Rule> x(a.CreateConstEnum());
-    qv::ConstListEnumPtr<Rule> y(b.CreateConstEnum());
-    for (; x->IsValid(); x->Next(), y->Next())
-        if (!(*x->Current() == *y->Current())) return false;
-    return true;
-}
-
-// Removes from `rules` every entry equal to a rule of `run`.
-void Forget(qv::List<Rule>& rules, const qv::IList<std::wstring>& ruleIds, const qv::IList<Rule>& trueRules) {
-    trueRules.ForEach([&](const Rule& rule) {
-        bool ofThisRun = false;
-        ruleIds.ForEach([&](const std::wstring& id) { ofThisRun = ofThisRun || id == rule.id; });
-        if (!ofThisRun) return;
-        qv::ListEnumPtr<Rule> e(rules.CreateEnum());
-        while (e->IsValid()) {
-            if (*e->Current() == rule) {
-                if (rules.RemoveAt(*e) != 0) break;
-            } else {
-                e->Next();
-            }
-        }
-    });
-}
-
 }  // namespace
 
 int32_t ConditionalRunnerAL::RunMethod(const std::wstring& methodSetId, std::wstring& response, MethodRunData& run) {
@@ -70,11 +44,10 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     const bool invalidateCache = invalidateCache_.exchange(false);
     logging::Log(logging::kDetail, kReEvalRules, L"Invalidate cache is %d.", invalidateCache ? 1 : 0);
 
-    // The true rules whose method set exists, and one run per method set in
-    // order of first appearance.
-    qv::List<Rule> trueRules;
-    qv::List<MethodRunData> toRun;
-    std::map<std::wstring, MethodRunData*> runOf;  // the run of each method set in `toRun`
+    // The true rules whose method set exists, in rule order. Nothing is
+    // copied until the pass knows that something changed.
+    std::vector<LastRun::Installed> trueEntries;
+    trueEntries.reserve(rules_.size());
     for (RuleEntry& entry : rules_) {
         if (!entry.condition) continue;
         bool state = false;
@@ -82,27 +55,40 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
         logging::Log(logging::kDetail, kReEvalRules, L"Rule with id %s has state %s", entry.rule.id.c_str(),
                      state ? L"true" : L"false");
         if (status != 0 || !state) continue;
-        if (methodSets_.find(entry.rule.methodSetId) == methodSets_.end()) {
+        if (entry.methodSetCheckedAt != methodSetsVersion_) {
+            entry.methodSetKnown = methodSets_.find(entry.rule.methodSetId) != methodSets_.end();
+            entry.methodSetCheckedAt = methodSetsVersion_;
+        }
+        if (!entry.methodSetKnown) {
             logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found", entry.rule.methodSetId.c_str());
             continue;
         }
-        MethodRunData*& run = runOf[entry.rule.methodSetId];
-        if (!run) {
-            MethodRunData created;
-            created.methodSetId = entry.rule.methodSetId;
-            if (toRun.AddTail(created) != 0) return qv::status::kNotEnoughMemory;
-            run = toRun.GetTail();  // list elements stay where they are
-        }
-        if (run->ruleIds.AddTail(entry.rule.id) != 0 || trueRules.AddTail(entry.rule) != 0)
-            return qv::status::kNotEnoughMemory;
+        trueEntries.push_back(LastRun::Installed{&entry.rule, entry.serial});
     }
 
     // The same rules true in the same order as at the last run: nothing to do.
-    if (SameRules(trueRules, lastRunRules_)) {
+    if (lastRun_.Matches(trueEntries)) {
         logging::Log(logging::kDetail, kReEvalRules, L"Nothing changed from the last run");
         return 0;
     }
-    lastRunRules_ = trueRules;
+
+    // One run per method set, in order of first appearance, naming its rules.
+    qv::List<MethodRunData> toRun;
+    std::map<std::wstring, MethodRunData*> runOf;  // the run of each method set in `toRun`
+    std::map<const MethodRunData*, std::vector<const Rule*>> rulesOf;
+    for (const LastRun::Installed& installed : trueEntries) {
+        const Rule& rule = *installed.rule;
+        MethodRunData*& run = runOf[rule.methodSetId];
+        if (!run) {
+            MethodRunData created;
+            created.methodSetId = rule.methodSetId;
+            if (toRun.AddTail(created) != 0) return qv::status::kNotEnoughMemory;
+            run = toRun.GetTail();  // list elements stay where they are
+        }
+        if (run->ruleIds.AddTail(rule.id) != 0) return qv::status::kNotEnoughMemory;
+        rulesOf[run].push_back(&rule);
+    }
+    if (const int32_t status = lastRun_.Set(trueEntries); status != 0) return status;
     // True on disk exactly while method sets may be half run.
     static_cast<void>(store_.SaveMethodsRunStarted(true));  // a failure is logged by the store
 
@@ -138,7 +124,7 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
         if (runPolicyAgent_.notConnected() || runPolicyAgent_.agentNotFound()) {
             // The run did not reach its target: its rules count as changed
             // at the next pass, which a later signal brings.
-            Forget(lastRunRules_, run.ruleIds, trueRules);
+            lastRun_.Forget(rulesOf[&run]);
             leftUnapplied = true;
         }
     });
@@ -151,7 +137,7 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
             logging::Log(logging::kError, kReEvalRules, L"cannot schedule the re-evaluation [%d]", status);
     }
     // Saving failures are logged by the store and do not stop the pass.
-    static_cast<void>(store_.SaveRules(RunnerStore::kLastRunPath, lastRunRules_));
+    static_cast<void>(store_.SaveRules(RunnerStore::kLastRunPath, lastRun_.rules()));
     static_cast<void>(store_.SaveMethodsRunStarted(false));
     return 0;
 }

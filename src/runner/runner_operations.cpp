@@ -59,7 +59,7 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
     }
     DetachFrom(rules_);
     rules_.swap(entries);
-    AttachTo(rules_);
+    Install(rules_);
     invalidateCache_ = true;  // new trees answer from their sources at the next pass
     return remembered;        // the old conditions go with `entries`
 }
@@ -91,21 +91,6 @@ void ConditionalRunnerAL::SignalEvaluation() {
     }
 }
 
-void ConditionalRunnerAL::RemoveFromLastRun(const std::wstring& methodSetId) {
-    // After removing an entry the scan steps past the one that followed it
-    // without looking at it: of two adjacent entries naming this method set
-    // only the first goes. The shortened list counts as a change all the same.
-    qv::ListEnumPtr<Rule> e(lastRunRules_.CreateEnum());
-    while (e->IsValid()) {
-        if (e->Current()->methodSetId == methodSetId) {
-            if (lastRunRules_.RemoveAt(*e) != 0) break;
-            if (e->IsValid()) e->Next();
-        } else {
-            e->Next();
-        }
-    }
-}
-
 int32_t ConditionalRunnerAL::SetMethod(const Method& methodSet, bool signal) {
     logging::CallTrace trace(kSetMethod);
     std::lock_guard lock(lock_);
@@ -113,9 +98,10 @@ int32_t ConditionalRunnerAL::SetMethod(const Method& methodSet, bool signal) {
     if (!methodSet.id.empty() && methodSet.id.find(L'/') != std::wstring::npos) return qv::status::kInvalidParameter;
     if (const int32_t status = store_.SaveMethod(methodSet); status != 0) return status;
     methodSets_[methodSet.id] = methodSet;
+    ++methodSetsVersion_;
     // A changed method set runs again at the next pass in which one of its
     // rules is true, though the rules themselves did not change.
-    RemoveFromLastRun(methodSet.id);
+    lastRun_.RemoveMethodSet(methodSet.id);
     if (signal) SignalEvaluation();
     return 0;
 }
@@ -132,6 +118,7 @@ int32_t ConditionalRunnerAL::DeleteMethodSet(const std::wstring& id) {
     std::lock_guard lock(lock_);
     if (const int32_t status = store_.DeleteMethod(id); status != 0) return status;
     methodSets_.erase(id);
+    ++methodSetsVersion_;
     return 0;
 }
 
@@ -140,6 +127,7 @@ int32_t ConditionalRunnerAL::DeleteAllMethodSets() {
     std::lock_guard lock(lock_);
     if (const int32_t status = store_.DeleteAllMethods(); status != 0) return status;
     methodSets_.clear();
+    ++methodSetsVersion_;
     return 0;
 }
 
@@ -199,7 +187,7 @@ int32_t ConditionalRunnerAL::SetEnabled(bool enabled) {
     }
     if (!enabled && !isDisabled_) {
         // Every true rule runs again after the next enabling.
-        lastRunRules_.Clear();
+        lastRun_.Clear();
         isDisabled_ = true;
         const int32_t status = store_.SaveEnabled(false);
         signals_.Pause();
