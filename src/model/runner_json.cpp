@@ -46,14 +46,17 @@ bool ReadList(const Json::Value& root, const std::wstring& path, qv::IList<T>& l
     return true;
 }
 
+// Element i lands at "%s[%i]"; the array is reached once, not through the
+// element's path each time.
 template <class T, class Writer>
 bool WriteList(Json::Value& root, const std::wstring& path, const qv::IList<T>& list, Writer writeElement) {
-    if (!JsonComposedSerializer::Store(root, path, Json::Value(Json::arrayValue))) return false;
+    Json::Value* array = JsonComposedSerializer::FindOrCreate(root, path);
+    if (!array) return false;
+    *array = Json::Value(Json::arrayValue);
+    array->resize(static_cast<Json::ArrayIndex>(list.Count()));
     bool ok = true;
-    int i = 0;
-    list.ForEach([&](const T& element) {
-        ok = ok && writeElement(root, JsonComposedSerializer::ElementPath(path, i++), element);
-    });
+    Json::ArrayIndex i = 0;
+    list.ForEach([&](const T& element) { ok = ok && writeElement((*array)[i++], std::wstring(), element); });
     return ok;
 }
 
