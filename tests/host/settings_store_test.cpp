@@ -282,13 +282,14 @@ TEST(SettingsStore, IndentedFilesOpenAndCommitsKeepWhatTheyDidNotTouch) {
     ASSERT_TRUE(store);
 
     // Text that JSON has to escape, in names and values.
-    const std::wstring awkward{L'q', L'"', L'\\', L'/', L'\n', L'\t', L'\x01', L'\x1f', L'\0', L'\u00E9', L'\x7f'};
-    const std::wstring child = L"C" + awkward.substr(0, 8);  // no NUL in a child name
+    const std::wstring name{L'q', L'"', L'\\', L'\n', L'\t', L'\x01', L'\x1f', L'\u00E9', L'\x7f'};
+    const std::wstring text = name + std::wstring(1, L'\0') + L"/";
+    const std::wstring child = L"C" + name;
     Json::Value document;
-    document[os::WideToUtf8Lossy(awkward.substr(0, 8))] = os::WideToUtf8Lossy(awkward);
+    document[os::WideToUtf8Lossy(name)] = os::WideToUtf8Lossy(text);
     {
         auto node = Open(*store, L"/" + child, true);
-        ASSERT_EQ(node->SetString(awkward.substr(0, 8).c_str(), awkward), status::kSuccess);
+        ASSERT_EQ(node->SetString(name.c_str(), text), status::kSuccess);
         ASSERT_EQ(node->SetJson(L"doc", document), status::kSuccess);
         ASSERT_EQ(node->Commit(), status::kSuccess);
     }
@@ -312,7 +313,7 @@ TEST(SettingsStore, IndentedFilesOpenAndCommitsKeepWhatTheyDidNotTouch) {
     EXPECT_EQ(json, deep);
     auto awkwardNode = Open(*reopened, L"/" + child);
     ASSERT_TRUE(awkwardNode);
-    EXPECT_EQ(StringOf(*awkwardNode, awkward.substr(0, 8)), awkward);
+    EXPECT_EQ(StringOf(*awkwardNode, name), text);
     EXPECT_EQ(awkwardNode->GetJson(L"doc", json), status::kSuccess);
     EXPECT_EQ(json, document);
 
