@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include <json/reader.h>
+
 #include "conditions/manager.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"

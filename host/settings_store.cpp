@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <set>
+#include <string_view>
 #include <utility>
 #include <variant>
 
@@ -109,15 +110,31 @@ int32_t Guarded(auto&& body) noexcept {
     }
 }
 
+// A value with its entry as written to the file ({"string": ...} and so on).
+// Immutable once made, so the tree's nodes and a writing node's changes share
+// it. `entry` is made with the value when it is set; values read from the
+// file leave it empty and get it the first time their node is written, under
+// the store's mutex.
+struct StoredValue {
+    Value value;
+    mutable std::string entry;
+};
+using ValuePtr = std::shared_ptr<const StoredValue>;
+
 }  // namespace
 
+// `text` is the node's subtree as written to the file, kept so that a commit
+// only writes anew the nodes it changed and copies the text of all others.
+// Empty until first needed; it is only read or filled under the store's
+// mutex (nodes are immutable once committed, so it never goes stale).
 struct SettingsStore::Node {
-    std::map<std::wstring, Value> values;
+    std::map<std::wstring, ValuePtr> values;
     std::map<std::wstring, NodePtr, OrdinalLess> children;
+    mutable std::string text;
 };
 
 struct SettingsStore::Changes {
-    std::map<std::wstring, Value> values;
+    std::map<std::wstring, ValuePtr> values;
     std::set<std::wstring> removed;  // children
 };
 
@@ -126,28 +143,129 @@ namespace {
 using Node = SettingsStore::Node;
 using NodePtr = SettingsStore::NodePtr;
 
-Json::Value ToJson(const Node& node) {
-    Json::Value out(Json::objectValue);
-    if (!node.values.empty()) {
-        Json::Value& values = out[kValuesKey] = Json::Value(Json::objectValue);
-        for (const auto& [name, value] : node.values) {
-            Json::Value& entry = values[os::WideToUtf8Lossy(name)] = Json::Value(Json::objectValue);
-            if (const auto* text = std::get_if<std::wstring>(&value))
-                entry[kStringKey] = os::WideToUtf8Lossy(*text);
-            else if (const auto* flag = std::get_if<bool>(&value))
-                entry[kBoolKey] = *flag;
-            else
-                entry[kJsonKey] = std::get<Json::Value>(value);
+// Appends `utf8` as a JSON string. Only what JSON requires is escaped; the
+// rest of the text (well-formed UTF-8) is copied as it is.
+void AppendQuoted(std::string_view utf8, std::string& out) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    out += '"';
+    size_t plain = 0;  // start of the run not yet copied
+    for (size_t i = 0; i < utf8.size(); ++i) {
+        const auto c = static_cast<unsigned char>(utf8[i]);
+        if (c >= 0x20 && c != '"' && c != '\\') continue;
+        out.append(utf8, plain, i - plain);
+        plain = i + 1;
+        switch (c) {
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        case '\b': out += "\\b"; break;
+        case '\f': out += "\\f"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        default:
+            out += "\\u00";
+            out += kHex[c >> 4];
+            out += kHex[c & 0xF];
         }
     }
-    if (!node.children.empty()) {
-        Json::Value& children = out[kChildrenKey] = Json::Value(Json::objectValue);
-        for (const auto& [name, child] : node.children) children[os::WideToUtf8Lossy(name)] = ToJson(*child);
-    }
-    return out;
+    out.append(utf8, plain, std::string_view::npos);
+    out += '"';
 }
 
-// Reads a node written by ToJson; on failure `why` says what is wrong where.
+void AppendQuoted(const std::wstring& text, std::string& out) { AppendQuoted(os::WideToUtf8Lossy(text), out); }
+
+// `value` in compact JSON.
+std::string CompactJson(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    builder["commentStyle"] = "None";
+    return Json::writeString(builder, value);
+}
+
+// The file's entry for `value`: {"string": text} | {"bool": flag} | {"json": any}.
+std::string EntryOf(const Value& value) {
+    std::string entry = "{";
+    if (const auto* text = std::get_if<std::wstring>(&value)) {
+        AppendQuoted(kStringKey, entry);
+        entry += ':';
+        AppendQuoted(*text, entry);
+    } else if (const auto* flag = std::get_if<bool>(&value)) {
+        AppendQuoted(kBoolKey, entry);
+        entry += *flag ? ":true" : ":false";
+    } else {
+        AppendQuoted(kJsonKey, entry);
+        entry += ':';
+        entry += CompactJson(std::get<Json::Value>(value));
+    }
+    entry += '}';
+    return entry;
+}
+
+ValuePtr MakeValue(Value value) {
+    std::string entry = EntryOf(value);
+    return std::make_shared<const StoredValue>(StoredValue{std::move(value), std::move(entry)});
+}
+
+const std::string& EntryText(const StoredValue& stored) {
+    if (stored.entry.empty()) stored.entry = EntryOf(stored.value);
+    return stored.entry;
+}
+
+const std::string& TextOf(const Node& node);
+
+// Appends `node` in the file's form: {"children": {name: node},
+// "values": {name: entry}}, each part left out when empty. Children and
+// values come from their cached text.
+void AppendNode(const Node& node, std::string& out) {
+    // Sized first so that the subtree's text is copied once.
+    size_t size = 32;
+    for (const auto& [name, child] : node.children) size += 3 * name.size() + 4 + TextOf(*child).size();
+    for (const auto& [name, value] : node.values) size += 3 * name.size() + 4 + EntryText(*value).size();
+    out.reserve(out.size() + size);
+    out += '{';
+    if (!node.children.empty()) {
+        AppendQuoted(kChildrenKey, out);
+        out += ":{";
+        bool first = true;
+        for (const auto& [name, child] : node.children) {
+            if (!first) out += ',';
+            first = false;
+            AppendQuoted(name, out);
+            out += ':';
+            out += TextOf(*child);
+        }
+        out += '}';
+    }
+    if (!node.values.empty()) {
+        if (!node.children.empty()) out += ',';
+        AppendQuoted(kValuesKey, out);
+        out += ":{";
+        bool first = true;
+        for (const auto& [name, value] : node.values) {
+            if (!first) out += ',';
+            first = false;
+            AppendQuoted(name, out);
+            out += ':';
+            out += EntryText(*value);
+        }
+        out += '}';
+    }
+    out += '}';
+}
+
+// The node's text, made the first time it is asked for (and kept only when
+// made in full).
+const std::string& TextOf(const Node& node) {
+    if (node.text.empty()) {
+        std::string text;
+        AppendNode(node, text);
+        node.text = std::move(text);
+    }
+    return node.text;
+}
+
+// Reads a node written by AppendNode; on failure `why` says what is wrong where.
 NodePtr FromJson(const Json::Value& in, const std::wstring& where, size_t depth, std::wstring& why) {
     auto fail = [&](const std::wstring& what) {
         why = where + L": " + what;
@@ -172,13 +290,13 @@ NodePtr FromJson(const Json::Value& in, const std::wstring& where, size_t depth,
             std::optional<std::wstring> wide;
             if (text.isString()) wide = os::Utf8ToWide(text.asString());
             if (!wide) return fail(at + L": the string is not valid text");
-            node->values.emplace(*name, std::move(*wide));
+            node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{std::move(*wide), {}}));
         } else if (entry.isMember(kBoolKey)) {
             if (!entry[kBoolKey].isBool()) return fail(at + L": not a bool");
-            node->values.emplace(*name, entry[kBoolKey].asBool());
+            node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{entry[kBoolKey].asBool(), {}}));
         } else if (entry.isMember(kJsonKey)) {
             if (!StorableJson(entry[kJsonKey], SettingsStore::kMaxJsonDepth)) return fail(at + L": JSON the store would refuse");
-            node->values.emplace(*name, entry[kJsonKey]);
+            node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{entry[kJsonKey], {}}));
         } else {
             return fail(at + L" has no known type");
         }
@@ -297,12 +415,12 @@ private:
         if (!ValidValueName(name)) return status::kInvalidParameter;
         const std::wstring key(name);
         if (auto it = changes_.values.find(key); it != changes_.values.end()) {
-            found = &it->second;
+            found = &it->second->value;
             return status::kSuccess;
         }
         if (base_) {
             if (auto it = base_->values.find(key); it != base_->values.end()) {
-                found = &it->second;
+                found = &it->second->value;
                 return status::kSuccess;
             }
         }
@@ -311,7 +429,7 @@ private:
     int32_t Set(const wchar_t* name, Value value) {
         if (!writable_) return status::kAccessDenied;
         if (!ValidValueName(name)) return status::kInvalidParameter;
-        changes_.values.insert_or_assign(std::wstring(name), std::move(value));
+        changes_.values.insert_or_assign(std::wstring(name), MakeValue(std::move(value)));
         return status::kSuccess;
     }
 
@@ -326,7 +444,13 @@ namespace {
 
 NodePtr WithChanges(const Node* old, const std::vector<std::wstring>& segments, size_t i,
                     const SettingsStore::Changes& changes, NodePtr& changed) {
-    auto copy = old ? std::make_shared<Node>(*old) : std::make_shared<Node>();
+    // The node's parts are copied (their entries are shared), not its text:
+    // the copy is about to differ from it.
+    auto copy = std::make_shared<Node>();
+    if (old) {
+        copy->values = old->values;
+        copy->children = old->children;
+    }
     if (i == segments.size()) {
         for (const auto& [name, value] : changes.values) copy->values.insert_or_assign(name, value);
         for (const auto& name : changes.removed) copy->children.erase(name);
@@ -427,10 +551,11 @@ int32_t SettingsStore::Apply(const std::vector<std::wstring>& segments, const Ch
     std::lock_guard lock(mutex_);
     NodePtr changed;
     NodePtr root = WithChanges(root_.get(), segments, 0, changes, changed);
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    builder["emitUTF8"] = true;
-    const std::string bytes = Json::writeString(builder, ToJson(*root)) + "\n";
+    // Only the nodes on the changed path are written anew; the root's text is
+    // the file itself and is not kept.
+    std::string bytes;
+    AppendNode(*root, bytes);
+    bytes += '\n';
     std::wstring error;
     if (!os::WriteFileAtomically(path_, bytes, &error)) {
         lastCommitError_ = error;

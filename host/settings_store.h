@@ -7,6 +7,11 @@
 // subtree as committed when it was opened; later commits (a removal of that
 // very node included) do not change what it reads.
 //
+// The file holds the whole tree as compact JSON (whitespace, as in files
+// written indented, is accepted when reading). Each node keeps the text of
+// its subtree and each value its entry, made once, so a commit writes anew
+// only the nodes on the path it changed and copies the text of the rest.
+//
 // A node opened for writing reads the tree as committed when it was opened
 // (or last committed) with its own changes laid over it. Its commit applies
 // just those changes (values set, children removed) to the current tree, so

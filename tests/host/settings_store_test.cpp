@@ -11,6 +11,7 @@
 #include "host/reference_host.h"
 #include "host/settings_store.h"
 #include "os/file_io.h"
+#include "os/utf8.h"
 #include "qv/status.h"
 #include "support/log_capture.h"
 
@@ -260,6 +261,66 @@ TEST(SettingsStore, CommitReplacesTheFileWholeOrNotAtAll) {
     // Only the two files: no temporary file is left by either commit.
     const std::filesystem::directory_iterator entries{std::filesystem::path(f.dir.path())};
     EXPECT_EQ(std::distance(begin(entries), end(entries)), 2);
+}
+
+TEST(SettingsStore, IndentedFilesOpenAndCommitsKeepWhatTheyDidNotTouch) {
+    Fixture f;
+    // A file in the indented form, as earlier versions wrote it.
+    ASSERT_TRUE(os::WriteFileAtomically(f.file, R"({
+  "children" : {
+    "Kept" : {
+      "children" : { "Deep" : { "values" : { "n" : { "json" : [ 1, { "a" : "b" } ] } } } },
+      "values" : { "on" : { "bool" : true } }
+    }
+  },
+  "values" : {
+    "top" : { "string" : "t\u00e9xt" }
+  }
+}
+)"));
+    auto store = f.Reopen();
+    ASSERT_TRUE(store);
+
+    // Text that JSON has to escape, in names and values.
+    const std::wstring name{L'q', L'"', L'\\', L'\n', L'\t', L'\x01', L'\x1f', L'\u00E9', L'\x7f'};
+    const std::wstring text = name + std::wstring(1, L'\0') + L"/";
+    const std::wstring child = L"C" + name;
+    Json::Value document;
+    document[os::WideToUtf8Lossy(name)] = os::WideToUtf8Lossy(text);
+    {
+        auto node = Open(*store, L"/" + child, true);
+        ASSERT_EQ(node->SetString(name.c_str(), text), status::kSuccess);
+        ASSERT_EQ(node->SetJson(L"doc", document), status::kSuccess);
+        ASSERT_EQ(node->Commit(), status::kSuccess);
+    }
+    Put(*store, L"/Kept", L"added", L"x");
+    const std::string written = Bytes(f.file);
+
+    auto reopened = f.Reopen();
+    ASSERT_TRUE(reopened);
+    EXPECT_EQ(ChildrenOf(*Open(*reopened, L"/")), (Names{child, L"Kept"}));
+    EXPECT_EQ(StringOf(*Open(*reopened, L"/"), L"top"), L"t\u00E9xt");
+    auto kept = Open(*reopened, L"/Kept");
+    bool on = false;
+    EXPECT_EQ(kept->GetBool(L"on", on), status::kSuccess);
+    EXPECT_TRUE(on);
+    EXPECT_EQ(StringOf(*kept, L"added"), L"x");
+    Json::Value json;
+    EXPECT_EQ(Open(*reopened, L"/Kept/Deep")->GetJson(L"n", json), status::kSuccess);
+    Json::Value deep(Json::arrayValue);
+    deep.append(1);
+    deep.append(Json::Value(Json::objectValue))["a"] = "b";
+    EXPECT_EQ(json, deep);
+    auto awkwardNode = Open(*reopened, L"/" + child);
+    ASSERT_TRUE(awkwardNode);
+    EXPECT_EQ(StringOf(*awkwardNode, name), text);
+    EXPECT_EQ(awkwardNode->GetJson(L"doc", json), status::kSuccess);
+    EXPECT_EQ(json, document);
+
+    // A commit that changes nothing writes the whole tree afresh from what
+    // was read: the same bytes as the commits that kept earlier text.
+    ASSERT_EQ(Open(*reopened, L"/", true)->Commit(), status::kSuccess);
+    EXPECT_EQ(Bytes(f.file), written);
 }
 
 TEST(SettingsStore, ConcurrentWritersKeepEveryChange) {
