@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 
-#include <json/reader.h>
 
 #include "conditions/manager.h"
 #include "host/network_provider_standin.h"
