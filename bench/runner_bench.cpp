@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 
-
 #include "conditions/manager.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"

@@ -22,8 +22,7 @@ void Clock::NotifyTimeMoved() {
 }
 
 std::chrono::milliseconds SystemClock::Now() const {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now().time_since_epoch());
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch());
 }
 
 void SystemClock::WaitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,

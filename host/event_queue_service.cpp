@@ -18,15 +18,15 @@ public:
     int32_t CancelGroup(EqGroupHandle group) override { return service_.CancelGroup(*this, group, false); }
     int32_t ReleaseGroup(EqGroupHandle group) override { return service_.CancelGroup(*this, group, true); }
     int32_t Cancel(EqItemId id) override { return service_.Cancel(*this, id); }
-    int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs, EqWorkItem* item,
-                 EqGroupHandle group, EqItemId* id) override {
+    int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs, EqWorkItem* item, EqGroupHandle group,
+                 EqItemId* id) override {
         return service_.Post(*this, queueName, delayMs, expireMs, item, group, id);
     }
 
     EventQueueService& service_;
-    Worker* worker_;                   // null once released
+    Worker* worker_;  // null once released
     std::set<EqGroupHandle> groups_;
-    size_t active_ = 0;                // items of this handle being run or released by the worker
+    size_t active_ = 0;  // items of this handle being run or released by the worker
     bool stopped_ = false;
 };
 
@@ -39,7 +39,8 @@ EventQueueService::~EventQueueService() {
     {
         std::lock_guard lock(mutex_);
         for (auto& [name, worker] : workers_) {
-            TakePending(*worker, [](const Pending&) { return true; }, dropped);
+            TakePending(
+                *worker, [](const Pending&) { return true; }, dropped);
             worker->quit = true;
             worker->wake.notify_all();
             ending.push_back(std::move(worker));
@@ -93,7 +94,8 @@ int32_t EventQueueService::StopQueue(IEventQueue* queue) {
         if (!handle) return qv::status::kInvalidParameter;
         handle->stopped_ = true;
         Handle* h = handle.get();
-        TakePending(*handle->worker_, [h](const Pending& p) { return p.handle.get() == h; }, dropped);
+        TakePending(
+            *handle->worker_, [h](const Pending& p) { return p.handle.get() == h; }, dropped);
     }
     ReleaseItems(dropped);
     return qv::status::kSuccess;
@@ -110,7 +112,8 @@ int32_t EventQueueService::WaitQueue(IEventQueue* queue, uint32_t timeoutMs) {
         changed_.wait(lock, done);
         return qv::status::kSuccess;
     }
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), done) ? qv::status::kSuccess : qv::status::kTimeout;
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), done) ? qv::status::kSuccess
+                                                                               : qv::status::kTimeout;
 }
 
 int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
@@ -123,7 +126,8 @@ int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
         if (!handle) return qv::status::kInvalidParameter;
         Worker& worker = *handle->worker_;
         Handle* h = handle.get();
-        TakePending(worker, [h](const Pending& p) { return p.handle.get() == h; }, dropped);
+        TakePending(
+            worker, [h](const Pending& p) { return p.handle.get() == h; }, dropped);
         handle->stopped_ = true;
         handle->groups_.clear();
         handle->worker_ = nullptr;
@@ -184,8 +188,8 @@ int32_t EventQueueService::CancelGroup(Handle& handle, EqGroupHandle group, bool
         if (it == handle.groups_.end()) return qv::status::kNotFound;
         if (forget) handle.groups_.erase(it);
         Handle* h = &handle;
-        TakePending(*handle.worker_,
-                    [h, group](const Pending& p) { return p.handle.get() == h && p.group == group; }, dropped);
+        TakePending(
+            *handle.worker_, [h, group](const Pending& p) { return p.handle.get() == h && p.group == group; }, dropped);
     }
     ReleaseItems(dropped);
     return qv::status::kSuccess;
@@ -197,8 +201,8 @@ int32_t EventQueueService::Cancel(Handle& handle, EqItemId id) {
         std::lock_guard lock(mutex_);
         if (!handle.worker_) return qv::status::kInvalidParameter;
         Handle* h = &handle;
-        TakePending(*handle.worker_, [h, id](const Pending& p) { return p.handle.get() == h && p.id == id; },
-                    dropped);
+        TakePending(
+            *handle.worker_, [h, id](const Pending& p) { return p.handle.get() == h && p.id == id; }, dropped);
     }
     if (dropped.empty()) return qv::status::kNotFound;
     ReleaseItems(dropped);

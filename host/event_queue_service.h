@@ -84,9 +84,9 @@ private:
         std::wstring name;
         std::thread thread;
         std::thread::id threadId;
-        std::condition_variable wake;         // items posted, time moved, quit
-        std::map<Key, Pending> pending;       // due order
-        std::shared_ptr<Handle> runningFor;   // handle of the item being run or released
+        std::condition_variable wake;        // items posted, time moved, quit
+        std::map<Key, Pending> pending;      // due order
+        std::shared_ptr<Handle> runningFor;  // handle of the item being run or released
         size_t handles = 0;
         bool quit = false;
     };
@@ -95,8 +95,8 @@ private:
     int32_t CreateGroup(Handle& handle, EqGroupHandle* group);
     int32_t CancelGroup(Handle& handle, EqGroupHandle group, bool forget);
     int32_t Cancel(Handle& handle, EqItemId id);
-    int32_t Post(Handle& handle, const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs,
-                 EqWorkItem* item, EqGroupHandle group, EqItemId* id);
+    int32_t Post(Handle& handle, const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs, EqWorkItem* item,
+                 EqGroupHandle group, EqItemId* id);
 
     // Caller holds mutex_. Moves the matching pending items of `worker` to `out`.
     template <class Predicate>
@@ -119,7 +119,7 @@ private:
     std::map<std::wstring, std::unique_ptr<Worker>> workers_;
     std::vector<std::unique_ptr<Worker>> retired_;  // ended, not yet joined
     std::map<const IEventQueue*, std::shared_ptr<Handle>> handles_;
-    uint64_t nextId_ = 1;        // item ids and post sequence
+    uint64_t nextId_ = 1;  // item ids and post sequence
     uint64_t nextGroup_ = 1;
 };
 

@@ -14,8 +14,8 @@ namespace host {
 class MethodCall final : public IMethodCall {
 public:
     // A null `methodName` is handed to the agent as null.
-    MethodCall(std::wstring agentName, const wchar_t* methodName, std::optional<Json::Value> request = Json::Value(Json::objectValue),
-               bool wantResponse = true);
+    MethodCall(std::wstring agentName, const wchar_t* methodName,
+               std::optional<Json::Value> request = Json::Value(Json::objectValue), bool wantResponse = true);
 
     const wchar_t* GetAgentName() override { return agentName_.c_str(); }
     const wchar_t* GetMethodName() override { return methodName_ ? methodName_->c_str() : nullptr; }

@@ -63,9 +63,8 @@ void* PolicyRunner::QueryInterface(const GUID& iid) {
     return nullptr;
 }
 
-int32_t PolicyRunner::RunPolicy(const wchar_t* request, std::wstring& response, int32_t /*flags*/,
-                                Json::Value& details, const wchar_t* caller,
-                                EnterpriseIntegration::RunPolicyAgent* agent) {
+int32_t PolicyRunner::RunPolicy(const wchar_t* request, std::wstring& response, int32_t /*flags*/, Json::Value& details,
+                                const wchar_t* caller, EnterpriseIntegration::RunPolicyAgent* agent) {
     Run run;
     run.caller = caller ? caller : L"";
     run.requestText = request ? request : L"";

@@ -42,7 +42,7 @@ public:
     struct MethodRun {
         std::wstring plugin;
         std::wstring method;
-        Json::Value params;  // null when the request gave none
+        Json::Value params;   // null when the request gave none
         bool preset = false;  // what the agent's QueryMethodValue answered
         int32_t presetValue = 0;
         int32_t result = 0;

@@ -36,9 +36,8 @@ uint32_t OrdinalWeight(wchar_t c) {
 
 struct OrdinalLess {
     bool operator()(const std::wstring& a, const std::wstring& b) const {
-        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](wchar_t x, wchar_t y) {
-            return OrdinalWeight(x) < OrdinalWeight(y);
-        });
+        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                            [](wchar_t x, wchar_t y) { return OrdinalWeight(x) < OrdinalWeight(y); });
     }
 };
 
@@ -155,17 +154,31 @@ void AppendQuoted(std::string_view utf8, std::string& out) {
         out.append(utf8, plain, i - plain);
         plain = i + 1;
         switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\b': out += "\\b"; break;
-        case '\f': out += "\\f"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            out += "\\u00";
-            out += kHex[c >> 4];
-            out += kHex[c & 0xF];
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\b':
+                out += "\\b";
+                break;
+            case '\f':
+                out += "\\f";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                out += "\\u00";
+                out += kHex[c >> 4];
+                out += kHex[c & 0xF];
         }
     }
     out.append(utf8, plain, std::string_view::npos);
@@ -275,7 +288,8 @@ NodePtr FromJson(const Json::Value& in, const std::wstring& where, size_t depth,
     if (depth > SettingsStore::kMaxDepth) return fail(L"the tree is deeper than the store allows");
     auto node = std::make_shared<Node>();
     for (const auto& key : in.getMemberNames()) {
-        if (key != kValuesKey && key != kChildrenKey) return fail(L"unknown member \"" + os::Utf8ToWideLossy(key) + L"\"");
+        if (key != kValuesKey && key != kChildrenKey)
+            return fail(L"unknown member \"" + os::Utf8ToWideLossy(key) + L"\"");
     }
     const Json::Value& values = in[kValuesKey];
     if (!values.isNull() && !values.isObject()) return fail(L"\"values\" is not an object");
@@ -295,7 +309,8 @@ NodePtr FromJson(const Json::Value& in, const std::wstring& where, size_t depth,
             if (!entry[kBoolKey].isBool()) return fail(at + L": not a bool");
             node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{entry[kBoolKey].asBool(), {}}));
         } else if (entry.isMember(kJsonKey)) {
-            if (!StorableJson(entry[kJsonKey], SettingsStore::kMaxJsonDepth)) return fail(at + L": JSON the store would refuse");
+            if (!StorableJson(entry[kJsonKey], SettingsStore::kMaxJsonDepth))
+                return fail(at + L": JSON the store would refuse");
             node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{entry[kJsonKey], {}}));
         } else {
             return fail(at + L" has no known type");
@@ -473,13 +488,13 @@ std::unique_ptr<SettingsStore> SettingsStore::Open(const std::wstring& path, std
     error.clear();
     std::string bytes;
     switch (os::ReadWholeFile(path, bytes, &error)) {
-    case os::ReadResult::kMissing:
-        return std::unique_ptr<SettingsStore>(new SettingsStore(path, std::make_shared<Node>()));
-    case os::ReadResult::kFailed:
-        error = L"settings file " + path + L" cannot be read: " + error;
-        return nullptr;
-    case os::ReadResult::kRead:
-        break;
+        case os::ReadResult::kMissing:
+            return std::unique_ptr<SettingsStore>(new SettingsStore(path, std::make_shared<Node>()));
+        case os::ReadResult::kFailed:
+            error = L"settings file " + path + L" cannot be read: " + error;
+            return nullptr;
+        case os::ReadResult::kRead:
+            break;
     }
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);

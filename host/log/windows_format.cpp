@@ -72,15 +72,31 @@ std::wstring FormatWindowsStyle(const wchar_t* format, va_list args) {
         }
         Length length = Length::kNone;
         bool wide = false, narrow = false;
-        if (*p == L'h') { length = Length::kShort; narrow = true; ++p; }
-        else if (*p == L'w') { wide = true; ++p; }
-        else if (*p == L'l') {
+        if (*p == L'h') {
+            length = Length::kShort;
+            narrow = true;
             ++p;
-            if (*p == L'l') { length = Length::kLongLong; ++p; }
-            else { length = Length::kLong; wide = true; }
-        } else if (*p == L'I' && p[1] == L'6' && p[2] == L'4') { length = Length::kLongLong; p += 3; }
-        else if (*p == L'I' && p[1] == L'3' && p[2] == L'2') { p += 3; }
-        else if (*p == L'I' || *p == L'z') { length = Length::kSize; ++p; }
+        } else if (*p == L'w') {
+            wide = true;
+            ++p;
+        } else if (*p == L'l') {
+            ++p;
+            if (*p == L'l') {
+                length = Length::kLongLong;
+                ++p;
+            } else {
+                length = Length::kLong;
+                wide = true;
+            }
+        } else if (*p == L'I' && p[1] == L'6' && p[2] == L'4') {
+            length = Length::kLongLong;
+            p += 3;
+        } else if (*p == L'I' && p[1] == L'3' && p[2] == L'2') {
+            p += 3;
+        } else if (*p == L'I' || *p == L'z') {
+            length = Length::kSize;
+            ++p;
+        }
 
         const wchar_t conv = *p;
         if (!conv) {
@@ -95,11 +111,21 @@ std::wstring FormatWindowsStyle(const wchar_t* format, va_list args) {
             case L'd':
             case L'i':
                 switch (length) {
-                    case Length::kLong: AppendNumber(out, spec + L"ld", va_arg(ap, long)); break;
-                    case Length::kLongLong: AppendNumber(out, spec + L"lld", va_arg(ap, long long)); break;
-                    case Length::kSize: AppendNumber(out, spec + L"lld", static_cast<long long>(va_arg(ap, ptrdiff_t))); break;
-                    case Length::kShort: AppendNumber(out, spec + L"d", static_cast<int>(static_cast<short>(va_arg(ap, int)))); break;
-                    default: AppendNumber(out, spec + L"d", va_arg(ap, int)); break;
+                    case Length::kLong:
+                        AppendNumber(out, spec + L"ld", va_arg(ap, long));
+                        break;
+                    case Length::kLongLong:
+                        AppendNumber(out, spec + L"lld", va_arg(ap, long long));
+                        break;
+                    case Length::kSize:
+                        AppendNumber(out, spec + L"lld", static_cast<long long>(va_arg(ap, ptrdiff_t)));
+                        break;
+                    case Length::kShort:
+                        AppendNumber(out, spec + L"d", static_cast<int>(static_cast<short>(va_arg(ap, int))));
+                        break;
+                    default:
+                        AppendNumber(out, spec + L"d", va_arg(ap, int));
+                        break;
                 }
                 break;
             case L'u':
@@ -108,15 +134,28 @@ std::wstring FormatWindowsStyle(const wchar_t* format, va_list args) {
             case L'o': {
                 const std::wstring c(1, conv);
                 switch (length) {
-                    case Length::kLong: AppendNumber(out, spec + L"l" + c, va_arg(ap, unsigned long)); break;
-                    case Length::kLongLong: AppendNumber(out, spec + L"ll" + c, va_arg(ap, unsigned long long)); break;
-                    case Length::kSize: AppendNumber(out, spec + L"ll" + c, static_cast<unsigned long long>(va_arg(ap, size_t))); break;
-                    case Length::kShort: AppendNumber(out, spec + c, static_cast<unsigned>(static_cast<unsigned short>(va_arg(ap, unsigned)))); break;
-                    default: AppendNumber(out, spec + c, va_arg(ap, unsigned)); break;
+                    case Length::kLong:
+                        AppendNumber(out, spec + L"l" + c, va_arg(ap, unsigned long));
+                        break;
+                    case Length::kLongLong:
+                        AppendNumber(out, spec + L"ll" + c, va_arg(ap, unsigned long long));
+                        break;
+                    case Length::kSize:
+                        AppendNumber(out, spec + L"ll" + c, static_cast<unsigned long long>(va_arg(ap, size_t)));
+                        break;
+                    case Length::kShort:
+                        AppendNumber(out, spec + c,
+                                     static_cast<unsigned>(static_cast<unsigned short>(va_arg(ap, unsigned))));
+                        break;
+                    default:
+                        AppendNumber(out, spec + c, va_arg(ap, unsigned));
+                        break;
                 }
                 break;
             }
-            case L'p': AppendNumber(out, std::wstring(L"%p"), va_arg(ap, void*)); break;
+            case L'p':
+                AppendNumber(out, std::wstring(L"%p"), va_arg(ap, void*));
+                break;
             case L's':
             case L'S': {
                 // %s is wide unless marked narrow (%hs); %S is narrow unless marked wide (%ls/%ws).
@@ -136,7 +175,8 @@ std::wstring FormatWindowsStyle(const wchar_t* format, va_list args) {
             case L'C': {
                 const int value = va_arg(ap, int);
                 const bool isNarrow = conv == L'C' ? !wide : narrow;
-                std::wstring text(1, isNarrow ? static_cast<wchar_t>(static_cast<unsigned char>(value)) : static_cast<wchar_t>(value));
+                std::wstring text(1, isNarrow ? static_cast<wchar_t>(static_cast<unsigned char>(value))
+                                              : static_cast<wchar_t>(value));
                 AppendPadded(out, std::move(text), flags, width, -1);
                 break;
             }

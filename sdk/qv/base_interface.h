@@ -15,5 +15,7 @@ protected:
 namespace qv {
 // Interfaces carry their identifier as a static member `iid`.
 template <class I>
-constexpr const GUID& IidOf() { return I::iid; }
+constexpr const GUID& IidOf() {
+    return I::iid;
+}
 }  // namespace qv

@@ -35,8 +35,8 @@ struct IEventQueue {
     // `group` is one of this handle's groups, or 0 for none; *id (if given)
     // receives an identifier for Cancel. Takes ownership of `item` in every
     // case (released at once on failure).
-    [[nodiscard]] virtual int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs,
-                         EqWorkItem* item, EqGroupHandle group, EqItemId* id) = 0;
+    [[nodiscard]] virtual int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t expireMs, EqWorkItem* item,
+                                       EqGroupHandle group, EqItemId* id) = 0;
 
 protected:
     ~IEventQueue() = default;

@@ -4,25 +4,25 @@
 
 namespace qv::status {
 constexpr int32_t kSuccess = 0;
-constexpr int32_t kPathNotFound = 3;            // ERROR_PATH_NOT_FOUND
-constexpr int32_t kAccessDenied = 5;            // ERROR_ACCESS_DENIED
-constexpr int32_t kNotEnoughMemory = 8;         // ERROR_NOT_ENOUGH_MEMORY
-constexpr int32_t kNotReady = 21;               // ERROR_NOT_READY
-constexpr int32_t kNotSupported = 50;           // ERROR_NOT_SUPPORTED
-constexpr int32_t kInvalidParameter = 87;       // ERROR_INVALID_PARAMETER
-constexpr int32_t kCallNotImplemented = 120;    // ERROR_CALL_NOT_IMPLEMENTED
-constexpr int32_t kBadArguments = 160;          // ERROR_BAD_ARGUMENTS
-constexpr int32_t kAlreadyExists = 183;         // ERROR_ALREADY_EXISTS
-constexpr int32_t kNoData = 232;                // ERROR_NO_DATA
-constexpr int32_t kNotAllAssigned = 1300;       // ERROR_NOT_ALL_ASSIGNED
-constexpr int32_t kTimeout = 1460;              // ERROR_TIMEOUT
-constexpr int32_t kNotFound = 1168;             // ERROR_NOT_FOUND
-constexpr int32_t kConnectionInvalid = 1229;    // ERROR_CONNECTION_INVALID
-constexpr int32_t kFunctionFailed = 1627;       // ERROR_FUNCTION_FAILED
-constexpr int32_t kCreateFailed = 1631;         // ERROR_CREATE_FAILED
-constexpr int32_t kNotConnected = 2250;         // ERROR_NOT_CONNECTED
-constexpr int32_t kInvalidDataType = 1804;      // ERROR_INVALID_DATATYPE
-constexpr int32_t kDependencyNotFound = 5002;   // ERROR_DEPENDENCY_NOT_FOUND
+constexpr int32_t kPathNotFound = 3;           // ERROR_PATH_NOT_FOUND
+constexpr int32_t kAccessDenied = 5;           // ERROR_ACCESS_DENIED
+constexpr int32_t kNotEnoughMemory = 8;        // ERROR_NOT_ENOUGH_MEMORY
+constexpr int32_t kNotReady = 21;              // ERROR_NOT_READY
+constexpr int32_t kNotSupported = 50;          // ERROR_NOT_SUPPORTED
+constexpr int32_t kInvalidParameter = 87;      // ERROR_INVALID_PARAMETER
+constexpr int32_t kCallNotImplemented = 120;   // ERROR_CALL_NOT_IMPLEMENTED
+constexpr int32_t kBadArguments = 160;         // ERROR_BAD_ARGUMENTS
+constexpr int32_t kAlreadyExists = 183;        // ERROR_ALREADY_EXISTS
+constexpr int32_t kNoData = 232;               // ERROR_NO_DATA
+constexpr int32_t kNotAllAssigned = 1300;      // ERROR_NOT_ALL_ASSIGNED
+constexpr int32_t kTimeout = 1460;             // ERROR_TIMEOUT
+constexpr int32_t kNotFound = 1168;            // ERROR_NOT_FOUND
+constexpr int32_t kConnectionInvalid = 1229;   // ERROR_CONNECTION_INVALID
+constexpr int32_t kFunctionFailed = 1627;      // ERROR_FUNCTION_FAILED
+constexpr int32_t kCreateFailed = 1631;        // ERROR_CREATE_FAILED
+constexpr int32_t kNotConnected = 2250;        // ERROR_NOT_CONNECTED
+constexpr int32_t kInvalidDataType = 1804;     // ERROR_INVALID_DATATYPE
+constexpr int32_t kDependencyNotFound = 5002;  // ERROR_DEPENDENCY_NOT_FOUND
 // The host's policy runner: the agent a method belongs to is not there.
 constexpr int32_t kAgentNotFound = -5002;
 }  // namespace qv::status

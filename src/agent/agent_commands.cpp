@@ -70,7 +70,8 @@ bool ConditionalRunnerAgent::GetRules(IMethodCall* call) {
     qv::List<Rule> rules;
     const int32_t status = plugin()->GetRules(rules);
     call->SetResult(status);
-    if (Json::Value* response = call->GetResponse(); response && status == 0) WriteRules(*response, keys::kRules, rules);
+    if (Json::Value* response = call->GetResponse(); response && status == 0)
+        WriteRules(*response, keys::kRules, rules);
     return true;
 }
 

@@ -49,8 +49,7 @@ int32_t ConditionalRunnerAgent::SendMethodSetsRun(const std::vector<RunItem>& it
         data->append(std::move(run));
     }
 
-    return agentManager()->SendEvent(kMethodSetsRunEvent, root, 0) ? qv::status::kSuccess
-                                                                     : qv::status::kCreateFailed;
+    return agentManager()->SendEvent(kMethodSetsRunEvent, root, 0) ? qv::status::kSuccess : qv::status::kCreateFailed;
 }
 
 }  // namespace Product::Integration::ConditionalRunner

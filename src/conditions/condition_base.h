@@ -70,8 +70,8 @@ protected:
     static const Json::Value& DataOf(const Json::Value& json);
 
 private:
-    using StateChangedEvent = qv::Event<qv::MemberFunction_2_args<IConditionEvent, int32_t, bool, size_t,
-                                                                  &IConditionEvent::OnStateChanged>>;
+    using StateChangedEvent =
+        qv::Event<qv::MemberFunction_2_args<IConditionEvent, int32_t, bool, size_t, &IConditionEvent::OnStateChanged>>;
 
     size_t id_ = 0;
     std::wstring type_;

@@ -13,9 +13,10 @@ constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
 // logged: it is the wait that keeps running work from outliving its owner.
 void Check(int32_t status, const wchar_t* step, const std::wstring& name) {
     if (status != 0)
-        logging::Log(logging::kError, L"ConditionQueue", L"cannot %s event queue [%s] [%d]", step, name.c_str(), status);
+        logging::Log(logging::kError, L"ConditionQueue", L"cannot %s event queue [%s] [%d]", step, name.c_str(),
+                     status);
 }
-}
+}  // namespace
 
 int32_t OpenQueue(ConditionQueue& queue, const wchar_t* name, const wchar_t* function) {
     if (queue.Open(name) == 0) return 0;

@@ -45,7 +45,7 @@ public:
 
 private:
     IEventQueueFactory* factory_ = nullptr;
-    IEventQueue* queue_ = nullptr;             // owner's thread only
+    IEventQueue* queue_ = nullptr;              // owner's thread only
     IEventQueueFactory* openedWith_ = nullptr;  // the factory queue_ came from
     std::wstring name_;
     qv::EasyEventQueue client_;

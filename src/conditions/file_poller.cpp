@@ -82,8 +82,10 @@ void FilePoller::Unregister(Client* client) {
         clients_.clear();
         holes_ = 0;
         // It is let go, and ends as soon as that Poll returns.
-        if (thread_.get_id() == std::this_thread::get_id()) thread_.detach();
-        else finished = std::move(thread_);
+        if (thread_.get_id() == std::this_thread::get_id())
+            thread_.detach();
+        else
+            finished = std::move(thread_);
     }
     changed_.notify_all();
     if (finished.joinable()) finished.join();

@@ -81,15 +81,15 @@ private:
 
     const std::chrono::milliseconds interval_;
     mutable std::mutex mutex_;
-    std::condition_variable changed_;  // a poll ended, or the thread is to end
-    std::vector<Client*> clients_;     // in registration order; null where one left
+    std::condition_variable changed_;            // a poll ended, or the thread is to end
+    std::vector<Client*> clients_;               // in registration order; null where one left
     std::unordered_map<Client*, size_t> index_;  // place of each client in clients_
-    size_t holes_ = 0;                 // null places in clients_
-    size_t waiting_ = 0;               // Unregister calls waiting for a poll to end
-    size_t threads_ = 0;               // threads started and not yet ended
-    Client* polling_ = nullptr;        // whose Poll runs on the serving thread
-    std::thread thread_;               // the serving thread
-    uint64_t generation_ = 0;          // changes whenever a thread is told to end
+    size_t holes_ = 0;                           // null places in clients_
+    size_t waiting_ = 0;                         // Unregister calls waiting for a poll to end
+    size_t threads_ = 0;                         // threads started and not yet ended
+    Client* polling_ = nullptr;                  // whose Poll runs on the serving thread
+    std::thread thread_;                         // the serving thread
+    uint64_t generation_ = 0;                    // changes whenever a thread is told to end
     bool serving_ = false;
 };
 

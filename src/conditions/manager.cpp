@@ -34,7 +34,6 @@ public:
     DepthScope& operator=(const DepthScope&) = delete;
 };
 
-
 }  // namespace
 
 Manager::Manager() = default;
@@ -42,7 +41,8 @@ Manager::Manager() = default;
 Manager::~Manager() { static_cast<void>(Uninit()); }  // Uninit always succeeds
 
 void* Manager::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid)) return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
+    if (qv::GuidEquals(iid, IQvBaseInterface::iid))
+        return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
     if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
     if (qv::GuidEquals(iid, IManager::iid)) return static_cast<IManager*>(this);
     return nullptr;
@@ -97,15 +97,15 @@ int32_t Manager::InitDependencies(IComponentManager* components) {
             logging::Log(logging::kTrace, kInitDependencies, L"creating dependency [%s]", record.name.c_str());
             record.object = nullptr;
             switch (record.source) {
-            case DependencySource::kManager:
-                record.object = static_cast<IManager*>(this);
-                break;
-            case DependencySource::kQueueFactory:
-                record.object = components->GetEventQueueFactory();
-                break;
-            case DependencySource::kHost:
-                record.object = plugins_->Acquire(record.name, record.iid);
-                break;
+                case DependencySource::kManager:
+                    record.object = static_cast<IManager*>(this);
+                    break;
+                case DependencySource::kQueueFactory:
+                    record.object = components->GetEventQueueFactory();
+                    break;
+                case DependencySource::kHost:
+                    record.object = plugins_->Acquire(record.name, record.iid);
+                    break;
             }
             if (!record.object) logging::Log(logging::kWarning, kInitDependencies, L"failed to create dependency");
         }

@@ -145,7 +145,7 @@ private:
     std::map<std::wstring, FactoryEntry> factory_;
     IServMain* host_ = nullptr;
     SharedPlugins plugins_;  // the records' plug-ins and the network provider
-    std::mutex mutex_;  // serialises Init and Uninit
+    std::mutex mutex_;       // serialises Init and Uninit
 };
 
 }  // namespace Product::Integration::ConditionManager

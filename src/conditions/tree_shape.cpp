@@ -16,7 +16,8 @@ Role ChildRole(Role parent, const Json::Value::const_iterator& child, bool inArr
     if (inArray) return parent == Role::kConditionList ? Role::kCondition : Role::kOther;
     const char* end = nullptr;
     const char* begin = child.memberName(&end);
-    const std::string_view name = begin ? std::string_view(begin, static_cast<size_t>(end - begin)) : std::string_view();
+    const std::string_view name =
+        begin ? std::string_view(begin, static_cast<size_t>(end - begin)) : std::string_view();
     if (parent == Role::kCondition && name == "data") return Role::kData;
     if (parent == Role::kData && name == "condition") return Role::kCondition;
     if (parent == Role::kData && name == "conditions") return Role::kConditionList;

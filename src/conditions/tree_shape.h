@@ -22,6 +22,7 @@ struct TreeShapeLimits {
 // elements of "data"."conditions"), also under types that have no children,
 // so the count never falls short of what would be built. The walk keeps one
 // frame per open array or object, so its memory is bounded by the JSON depth.
-[[nodiscard]] bool WithinShapeLimits(const Json::Value& root, const TreeShapeLimits& limits, const wchar_t* logFunction);
+[[nodiscard]] bool WithinShapeLimits(const Json::Value& root, const TreeShapeLimits& limits,
+                                     const wchar_t* logFunction);
 
 }  // namespace Product::Integration::ConditionManager

@@ -50,8 +50,7 @@ struct IConditionalRunner {
         Json::Value context;  // null when absent
 
         friend bool operator==(const Method& a, const Method& b) {
-            return a.id == b.id && a.displayName == b.displayName && a.methods == b.methods &&
-                   a.context == b.context;
+            return a.id == b.id && a.displayName == b.displayName && a.methods == b.methods && a.context == b.context;
         }
     };
 
@@ -116,7 +115,8 @@ struct IConditionalRunner {
     [[nodiscard]] virtual int32_t DeleteAllMethodSets() = 0;
     // Appends every method-set id, in ordinal order.
     [[nodiscard]] virtual int32_t GetMethodSetIds(qv::IList<std::wstring>& ids) = 0;
-    [[nodiscard]] virtual int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets) = 0;
+    [[nodiscard]] virtual int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules,
+                                                        const qv::IList<Method>& methodSets) = 0;
     [[nodiscard]] virtual int32_t UpdateMethods(const qv::IList<Method>& methodSets) = 0;
     [[nodiscard]] virtual int32_t SetEnabled(bool enabled) = 0;
     [[nodiscard]] virtual int32_t IsEnabled(bool& enabled) = 0;

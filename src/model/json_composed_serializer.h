@@ -53,7 +53,8 @@ public:
     [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, int32_t& out);
     [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, uint32_t& out);
     [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, bool& out);
-    [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path, Json::Value& out);  // any non-null sub-tree
+    [[nodiscard]] static bool Load(const Json::Value& root, const std::wstring& path,
+                                   Json::Value& out);  // any non-null sub-tree
 
     // Writers (create mode); false only when the path cannot be created.
     static bool Store(Json::Value& root, const std::wstring& path, const std::wstring& value);

@@ -4,8 +4,6 @@
 
 namespace qv {
 
-void LogListTooLong() {
-    logging::Log(logging::kError, L"qv::List::Add", L"list too long");
-}
+void LogListTooLong() { logging::Log(logging::kError, L"qv::List::Add", L"list too long"); }
 
 }  // namespace qv

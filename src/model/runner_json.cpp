@@ -92,7 +92,8 @@ bool ReadMethod(const Json::Value& root, const std::wstring& path, Method& metho
         !JsonComposedSerializer::Load(*node, keys::kDisplayName, read.displayName) ||
         !JsonComposedSerializer::Load(*node, keys::kMethods, read.methods))
         return false;
-    if (node->isObject() && node->isMember("context") && !JsonComposedSerializer::Load(*node, keys::kContext, read.context))
+    if (node->isObject() && node->isMember("context") &&
+        !JsonComposedSerializer::Load(*node, keys::kContext, read.context))
         return false;
     method = std::move(read);
     return true;

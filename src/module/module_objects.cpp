@@ -7,14 +7,15 @@
 // Each class adds its declaration here, in that order, as it is written.
 #include "agent/conditional_runner_agent.h"
 #include "conditions/manager.h"
-#include "runner/conditional_runner_al.h"
 #include "plugin/exported_objects.h"
 #include "plugin/module_names.h"
+#include "runner/conditional_runner_al.h"
 
 namespace qv {
 namespace {
 ExportedSingletonDeclaration<Product::Integration::ConditionalRunner::ConditionalRunnerAgent> agent{names::AgentName()};
 ExportedObjectDeclaration<Product::Integration::ConditionalRunner::ConditionalRunnerAL> runner{names::kModule};
-ExportedSingletonDeclaration<Product::Integration::ConditionManager::Manager> conditionManager{names::kConditionManager};
+ExportedSingletonDeclaration<Product::Integration::ConditionManager::Manager> conditionManager{
+    names::kConditionManager};
 }  // namespace
 }  // namespace qv

@@ -1,6 +1,7 @@
 #include "os/clock.h"
 
 #include <windows.h>
+// After windows.h, which it needs.
 #include <mmsystem.h>
 
 #include <ctime>

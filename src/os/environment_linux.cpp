@@ -14,8 +14,10 @@ std::optional<std::wstring> GetEnv(const std::wstring& name) {
 
 void SetEnv(const std::wstring& name, const std::optional<std::wstring>& value) {
     const std::string key = WideToUtf8Lossy(name);
-    if (value) ::setenv(key.c_str(), WideToUtf8Lossy(*value).c_str(), 1);
-    else ::unsetenv(key.c_str());
+    if (value)
+        ::setenv(key.c_str(), WideToUtf8Lossy(*value).c_str(), 1);
+    else
+        ::unsetenv(key.c_str());
 }
 
 bool RunningUnderWine() noexcept { return false; }

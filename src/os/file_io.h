@@ -36,7 +36,6 @@ ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstr
 // `error` (when given) describing the step that failed and the system's
 // reason. Any thread; calls for the same path are the caller's to order (the
 // last rename wins).
-[[nodiscard]] bool WriteFileAtomically(const std::wstring& path, std::string_view bytes,
-                                       std::wstring* error = nullptr);
+[[nodiscard]] bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::wstring* error = nullptr);
 
 }  // namespace os

@@ -1,10 +1,10 @@
 #include "os/file_io.h"
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "os/path.h"
 #include "os/utf8.h"

@@ -18,9 +18,9 @@ void Describe(std::wstring* error, const wchar_t* what, const std::wstring& path
     if (!error) return;
     *error = std::wstring(what) + L" " + path + L": error " + std::to_wstring(code);
     wchar_t* text = nullptr;
-    const DWORD length = ::FormatMessageW(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
-        reinterpret_cast<LPWSTR>(&text), 0, nullptr);
+    const DWORD length =
+        ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                         nullptr, code, 0, reinterpret_cast<LPWSTR>(&text), 0, nullptr);
     if (length && text) {
         std::wstring message(text, length);
         while (!message.empty() && (message.back() == L'\r' || message.back() == L'\n' || message.back() == L' '))
@@ -100,8 +100,8 @@ bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::
     DWORD code = ERROR_SUCCESS;
     for (int attempt = 0; attempt < 100 && !file.valid(); ++attempt) {
         temporary = path + L".tmp-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(counter++);
-        file = Handle(::CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
-                                    nullptr));
+        file = Handle(
+            ::CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
         code = ::GetLastError();
         // A name left by an earlier process: try the next.
         if (!file.valid() && code != ERROR_FILE_EXISTS && code != ERROR_ALREADY_EXISTS) break;

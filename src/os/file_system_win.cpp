@@ -1,6 +1,7 @@
 #include "os/file_system.h"
 
 #include <windows.h>
+// After windows.h, which it needs.
 #include <shlwapi.h>
 
 namespace os {

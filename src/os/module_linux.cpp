@@ -46,9 +46,7 @@ ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept {
     return ::dlopen(narrow->c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_LOCAL);
 }
 
-void* FindSymbol(ModuleHandle module, const char* name) noexcept {
-    return module ? ::dlsym(module, name) : nullptr;
-}
+void* FindSymbol(ModuleHandle module, const char* name) noexcept { return module ? ::dlsym(module, name) : nullptr; }
 
 void ReleaseModule(ModuleHandle module) noexcept {
     if (module) ::dlclose(module);

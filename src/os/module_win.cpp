@@ -15,9 +15,9 @@ thread_local std::wstring lastLoadError;
 // "error 126: <the system's text>", or only the code when there is no text.
 void RememberLoadError(DWORD code) noexcept {
     wchar_t* text = nullptr;
-    const DWORD length = ::FormatMessageW(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
-        reinterpret_cast<LPWSTR>(&text), 0, nullptr);
+    const DWORD length =
+        ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                         nullptr, code, 0, reinterpret_cast<LPWSTR>(&text), 0, nullptr);
     try {
         lastLoadError = L"error " + std::to_wstring(code);
         if (length && text) {

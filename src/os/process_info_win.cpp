@@ -5,6 +5,7 @@
 #include "os/process_info.h"
 
 #include <windows.h>
+// After windows.h, which it needs.
 #include <tlhelp32.h>
 
 #include <cstdint>

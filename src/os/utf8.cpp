@@ -18,10 +18,20 @@ std::optional<char32_t> DecodeUtf8(std::string_view text, size_t& i) {
     int extra;
     char32_t cp;
     char32_t minimum;
-    if ((lead & 0xE0) == 0xC0) { extra = 1; cp = lead & 0x1F; minimum = 0x80; }
-    else if ((lead & 0xF0) == 0xE0) { extra = 2; cp = lead & 0x0F; minimum = 0x800; }
-    else if ((lead & 0xF8) == 0xF0) { extra = 3; cp = lead & 0x07; minimum = 0x10000; }
-    else return std::nullopt;
+    if ((lead & 0xE0) == 0xC0) {
+        extra = 1;
+        cp = lead & 0x1F;
+        minimum = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+        extra = 2;
+        cp = lead & 0x0F;
+        minimum = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+        extra = 3;
+        cp = lead & 0x07;
+        minimum = 0x10000;
+    } else
+        return std::nullopt;
     for (int k = 0; k < extra; ++k) {
         if (i >= text.size() || (byte(i) & 0xC0) != 0x80) return std::nullopt;
         cp = (cp << 6) | (byte(i++) & 0x3F);

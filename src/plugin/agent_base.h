@@ -3,10 +3,10 @@
 // that answer console calls on behalf of a plug-in they front.
 #include <string>
 
-#include "plugin/serv_plugin.h"
-#include "qv/status.h"
 #include "plugin/scope_exit.h"
+#include "plugin/serv_plugin.h"
 #include "qv/integration.h"
+#include "qv/status.h"
 
 template <>
 struct qv::InterfaceName<EnterpriseIntegration::IManager> {
@@ -94,7 +94,8 @@ private:
 template <class T>
 class Agent : public AgentBase {
 public:
-    Agent(std::wstring agentName, std::wstring pluginName) : AgentBase(std::move(agentName)), plugin_(std::move(pluginName)) {}
+    Agent(std::wstring agentName, std::wstring pluginName)
+        : AgentBase(std::move(agentName)), plugin_(std::move(pluginName)) {}
 
     // kDependencyNotFound when the agent manager or the fronted plug-in is missing; whatever
     // was acquired is then given back.

@@ -52,8 +52,8 @@ public:
         try {
             fn_();
         } catch (const std::exception& e) {
-            logging::Log(logging::kError, L"qv::EasyEventQueue::detailEq::WorkItem::Run",
-                         L"work item failed: %S", e.what());
+            logging::Log(logging::kError, L"qv::EasyEventQueue::detailEq::WorkItem::Run", L"work item failed: %S",
+                         e.what());
         } catch (...) {
             logging::Log(logging::kError, L"qv::EasyEventQueue::detailEq::WorkItem::Run",
                          L"work item failed with an unknown exception");
@@ -84,8 +84,7 @@ int32_t EasyEventQueue::Init(IEventQueue* queue, std::wstring name) {
     return status::kSuccess;
 }
 
-int32_t EasyEventQueue::Post(std::function<void()> fn, uint32_t delayMs, std::optional<uint32_t> second,
-                             EqItemId* id) {
+int32_t EasyEventQueue::Post(std::function<void()> fn, uint32_t delayMs, std::optional<uint32_t> second, EqItemId* id) {
     if (id) *id = 0;
     std::lock_guard lock(mutex_);
     if (!queue_) return status::kNotReady;

@@ -42,8 +42,8 @@ public:
     // optional second value (kEqNoValue when absent), which the host reads as
     // the expiry in milliseconds after the item became due. Returns the host's
     // status (kNotReady when not bound); on success *id (if given) receives the item id.
-    [[nodiscard]] int32_t Post(std::function<void()> fn, uint32_t delayMs, std::optional<uint32_t> second = std::nullopt,
-                 EqItemId* id = nullptr);
+    [[nodiscard]] int32_t Post(std::function<void()> fn, uint32_t delayMs,
+                               std::optional<uint32_t> second = std::nullopt, EqItemId* id = nullptr);
     // Cancels the group's pending items, releases the group handle, forgets the
     // queue. Idempotent.
     void Shutdown();

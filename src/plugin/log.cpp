@@ -5,9 +5,7 @@
 namespace logging {
 namespace {
 
-int32_t SilentWrite(int16_t, const int32_t*, void*, const wchar_t*, const wchar_t*, va_list) {
-    return kNoInterface;
-}
+int32_t SilentWrite(int16_t, const int32_t*, void*, const wchar_t*, const wchar_t*, va_list) { return kNoInterface; }
 
 // Anchor whose address identifies this module.
 const int kModuleAnchor = 0;
@@ -22,8 +20,10 @@ public:
     SpinGuard() {
         // Held only for a counter update: yield briefly before backing off to 1 ms sleeps.
         for (int attempt = 0; spin.exchange(1, std::memory_order_acquire) != 0; ++attempt) {
-            if (attempt < 64) std::this_thread::yield();
-            else std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (attempt < 64)
+                std::this_thread::yield();
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
     ~SpinGuard() { spin.store(0, std::memory_order_release); }
@@ -76,10 +76,10 @@ CLogDLL::~CLogDLL() {
 }
 
 int CLogDLL::BoundEntryCount() const noexcept {
-    const LogProc entries[] = {logApplySettings_, logSetSettingsFile_, logEnable_, logSetLevel_,
-                               logSetPath_, logSetType_, logSetMode_, logSetMaxSize_,
-                               logSetDepth_, logIsEnabled_, logMonitorSettings_, logUninitDeskMetrics_,
-                               logTrackEvent_, logTrackEventData_, logRemoveModule_, logGetLevel_};
+    const LogProc entries[] = {logApplySettings_, logSetSettingsFile_, logEnable_,          logSetLevel_,
+                               logSetPath_,       logSetType_,         logSetMode_,         logSetMaxSize_,
+                               logSetDepth_,      logIsEnabled_,       logMonitorSettings_, logUninitDeskMetrics_,
+                               logTrackEvent_,    logTrackEventData_,  logRemoveModule_,    logGetLevel_};
     int n = writeBound_ ? 1 : 0;
     for (LogProc p : entries) n += p != nullptr;
     return n;

@@ -15,17 +15,17 @@
 namespace logging {
 
 enum Level : int32_t {
-    kError = 4,     // a failure that stops an operation
-    kWarning = 8,   // a failed lookup or rejected input
-    kDetail = 16,   // detail
-    kTrace = 32,    // call tracing and chatter
+    kError = 4,    // a failure that stops an operation
+    kWarning = 8,  // a failed lookup or rejected input
+    kDetail = 16,  // detail
+    kTrace = 32,   // call tracing and chatter
 };
 
 // Returned by the stand-in writer when the library has no "LogWrite".
 constexpr int32_t kNoInterface = static_cast<int32_t>(0x80004002u);
 
-using LogWriteFn = int32_t (*)(int16_t nestingStep, const int32_t* level, void* module,
-                               const wchar_t* function, const wchar_t* format, va_list args);
+using LogWriteFn = int32_t (*)(int16_t nestingStep, const int32_t* level, void* module, const wchar_t* function,
+                               const wchar_t* format, va_list args);
 using LogProc = void (*)();
 
 class CLogDLL {
@@ -40,8 +40,7 @@ public:
 
     // Forwards to "LogWrite" with the module handle added.
     int32_t Write(int16_t nestingStep, int32_t level, const wchar_t* function, const wchar_t* format, ...);
-    int32_t WriteV(int16_t nestingStep, int32_t level, const wchar_t* function, const wchar_t* format,
-                   va_list args);
+    int32_t WriteV(int16_t nestingStep, int32_t level, const wchar_t* function, const wchar_t* format, va_list args);
 
     bool LibraryLoaded() const noexcept { return module_ != nullptr; }
     // Why loading the library from the directory failed, in the system's

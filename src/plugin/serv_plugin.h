@@ -4,8 +4,8 @@
 #include <string>
 
 #include "plugin/log.h"
-#include "qv/status.h"
 #include "qv/serv_plugin.h"
+#include "qv/status.h"
 
 namespace qv {
 

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "qv/status.h"
 #include "plugin/sync_rw_lock.h"
+#include "qv/status.h"
 
 namespace qv {
 

@@ -36,7 +36,8 @@ ConditionalRunnerAL::~ConditionalRunnerAL() {
 }
 
 void* ConditionalRunnerAL::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid)) return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
+    if (qv::GuidEquals(iid, IQvBaseInterface::iid))
+        return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
     if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
     if (qv::GuidEquals(iid, IConditionalRunner::iid)) return static_cast<IConditionalRunner*>(this);
     return nullptr;
@@ -67,8 +68,7 @@ int32_t ConditionalRunnerAL::Init(IServMain* main) {
     }
     for (void* member : members) serviceControls_.push_back(static_cast<EndpointService::IControl*>(member));
     eventQueue_.SetFactory(components->GetEventQueueFactory());
-    if (const int32_t status = ConditionManager::OpenQueue(eventQueue_, kQueueName, kInit); status != 0)
-        return status;
+    if (const int32_t status = ConditionManager::OpenQueue(eventQueue_, kQueueName, kInit); status != 0) return status;
     return 0;
 }
 
@@ -220,7 +220,8 @@ int32_t ConditionalRunnerAL::OnStateChanged(bool, size_t) {
 
 void ConditionalRunnerAL::OnConnectionEvent(int32_t event) {
     if (event != EndpointService::kServiceConnected) return;
-    logging::Log(logging::kDetail, kOnConnectionEvent, L"Service connected. Evaluating rules with invalidate cache true.");
+    logging::Log(logging::kDetail, kOnConnectionEvent,
+                 L"Service connected. Evaluating rules with invalidate cache true.");
     invalidateCache_ = true;
     signals_.RequestEvaluation();
 }

@@ -112,8 +112,8 @@ private:
         uint64_t methodSetCheckedAt = 0;
         bool methodSetKnown = false;
     };
-    using OnMethodSetsRunEvent =
-        qv::Event<qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
+    using OnMethodSetsRunEvent = qv::Event<
+        qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
 
     // Replaces the rules (the console's SetRules without its signal).
     int32_t SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors);

@@ -17,32 +17,32 @@ int32_t EvaluationLoop::Run() {
     logging::CallTrace trace(kEvalThread);
     for (;;) {
         switch (waits_.WaitForSignal(timeoutMs_)) {
-        case EvalWaits::kStop:
-            Note(L"Received stop signal");
-            return 0;
-        case EvalWaits::kPause:
-            // Eval signals that come meanwhile stay pending, and the timeout
-            // of a postponed burst is kept for the next wait.
-            Note(L"Received pause signal");
-            waits_.WaitForAwake();
-            Note(L"Received awake signal");
-            break;
-        case EvalWaits::kTimeout:
-            // The quiet period ended: the postponed evaluation runs.
-            Note(L"Received timeout");
-            firstEventTime_ = -1;
-            evaluate_();
-            timeoutMs_ = EvalWaits::kNoTimeLimit;
-            break;
-        case EvalWaits::kEval:
-            OnEval();
-            waits_.Sleep(kAfterSignalMs);
-            break;
-        default:
-            // A failed wait is tried again; the breath keeps a wait that
-            // fails at once from spinning.
-            waits_.Sleep(kAfterSignalMs);
-            break;
+            case EvalWaits::kStop:
+                Note(L"Received stop signal");
+                return 0;
+            case EvalWaits::kPause:
+                // Eval signals that come meanwhile stay pending, and the timeout
+                // of a postponed burst is kept for the next wait.
+                Note(L"Received pause signal");
+                waits_.WaitForAwake();
+                Note(L"Received awake signal");
+                break;
+            case EvalWaits::kTimeout:
+                // The quiet period ended: the postponed evaluation runs.
+                Note(L"Received timeout");
+                firstEventTime_ = -1;
+                evaluate_();
+                timeoutMs_ = EvalWaits::kNoTimeLimit;
+                break;
+            case EvalWaits::kEval:
+                OnEval();
+                waits_.Sleep(kAfterSignalMs);
+                break;
+            default:
+                // A failed wait is tried again; the breath keeps a wait that
+                // fails at once from spinning.
+                waits_.Sleep(kAfterSignalMs);
+                break;
         }
     }
 }

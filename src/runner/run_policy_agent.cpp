@@ -6,8 +6,7 @@
 
 namespace Product::Integration::ConditionalRunner {
 namespace {
-constexpr const wchar_t* kOnAfterRunPolicy =
-    L"ConditionalRunnerAL::ConditionalRunnerRunPolicyAgent::OnAfterRunPolicy";
+constexpr const wchar_t* kOnAfterRunPolicy = L"ConditionalRunnerAL::ConditionalRunnerRunPolicyAgent::OnAfterRunPolicy";
 }  // namespace
 
 bool ConditionalRunnerRunPolicyAgent::QueryMethodValue(const std::wstring& plugin, const std::wstring& method,
@@ -21,8 +20,8 @@ bool ConditionalRunnerRunPolicyAgent::QueryMethodValue(const std::wstring& plugi
 void ConditionalRunnerRunPolicyAgent::OnAfterRunPolicy(const std::wstring& plugin, const std::wstring& method,
                                                        int32_t result) {
     if (result == qv::status::kNotConnected) {
-        logging::Log(logging::kWarning, kOnAfterRunPolicy, L"Running method %s.%s returned with err=%d",
-                     plugin.c_str(), method.c_str(), result);
+        logging::Log(logging::kWarning, kOnAfterRunPolicy, L"Running method %s.%s returned with err=%d", plugin.c_str(),
+                     method.c_str(), result);
         notConnected_ = true;
     } else if (result == qv::status::kAgentNotFound) {
         logging::Log(logging::kWarning, kOnAfterRunPolicy, L"Running method %s.%s returned with ERROR_AGENT_NOT_FOUND",

@@ -117,7 +117,8 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
         }
         const std::wstring& name = found->second.displayName;
         if (runPolicyAgent_.notConnected())
-            logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error 2250", name.c_str());
+            logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error 2250",
+                         name.c_str());
         if (runPolicyAgent_.agentNotFound())
             logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error AGENT_NOT_FOUND",
                          name.c_str());
@@ -131,7 +132,8 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
 
     static_cast<void>(onMethodSetsRun_(toRun));  // subscribers report their own failures
     if (leftUnapplied) {
-        logging::Log(logging::kDetail, kReEvalRules, L"There are some valid rules which were not applied; re-signal after 30s");
+        logging::Log(logging::kDetail, kReEvalRules,
+                     L"There are some valid rules which were not applied; re-signal after 30s");
         if (const int32_t status = eventQueue_.Post([this] { signals_.RequestEvaluation(); }, kRetryDelayMs);
             status != 0)
             logging::Log(logging::kError, kReEvalRules, L"cannot schedule the re-evaluation [%d]", status);

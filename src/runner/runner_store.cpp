@@ -138,8 +138,10 @@ int32_t RunnerStore::ReadMethodNode(const std::wstring& nodeName, Method& method
     if (status != 0) return status;
     // The context is optional: absent reads as null.
     status = node->GetJson(JsonForms::keys::kContext, read.context);
-    if (status == qv::status::kNotFound) read.context = Json::Value();
-    else if (status != 0) return status;
+    if (status == qv::status::kNotFound)
+        read.context = Json::Value();
+    else if (status != 0)
+        return status;
     methodSet = std::move(read);
     return 0;
 }

@@ -11,8 +11,8 @@
 
 #include "agent/conditional_runner_agent.h"
 #include "host/method_call.h"
-#include "plugin/module_names.h"
 #include "host/reference_host.h"
+#include "plugin/module_names.h"
 #include "recording_runner.h"
 #include "support/log_capture.h"
 #include "support/module_under_test.h"

@@ -12,8 +12,10 @@ namespace {
 using Rule = IConditionalRunner::Rule;
 using Method = IConditionalRunner::Method;
 
-const char* kRule1 = R"({"id": "r1", "displayName": "One \ud83d\ude00", "methodSetId": "m1", "matchIf": {"type": "boolean.TRUE"}})";
-const char* kRule2 = R"({"id": "r2", "displayName": "Two", "methodSetId": "m2", "matchIf": {"type": "boolean.FALSE", "data": {}}})";
+const char* kRule1 =
+    R"({"id": "r1", "displayName": "One \ud83d\ude00", "methodSetId": "m1", "matchIf": {"type": "boolean.TRUE"}})";
+const char* kRule2 =
+    R"({"id": "r2", "displayName": "Two", "methodSetId": "m2", "matchIf": {"type": "boolean.FALSE", "data": {}}})";
 const char* kMethod1 = R"({"id": "m1", "displayName": "M1", "methods": [{"name": "a"}], "context": {"c": 1}})";
 const char* kMethod2 = R"({"id": "m2", "displayName": "M2", "methods": []})";
 
@@ -28,7 +30,8 @@ Rule RuleOf(const char* json) {
 
 Method MethodOf(const char* json) {
     const Json::Value v = Parse(json);
-    return Method{Text(v["id"]), Text(v["displayName"]), v["methods"], v.isMember("context") ? v["context"] : Json::Value()};
+    return Method{Text(v["id"]), Text(v["displayName"]), v["methods"],
+                  v.isMember("context") ? v["context"] : Json::Value()};
 }
 
 class DispatchTest : public AgentTest {
@@ -77,7 +80,8 @@ TEST_F(DispatchTest, RuleCommandsPassRulesAndReportErrors) {
     runner.errorsOut = {IConditionalRunner::RuleError{1, 120}};
     runner.SetStatus("SetRules", 1627);
     // The errors are written even though the runner failed.
-    Expect(L"SetRules", "{\"rules\": [" + Join(kRule1, kRule2) + "]}", 1627, R"({"rulesErrors": [{"index": 1, "error": 120}]})");
+    Expect(L"SetRules", "{\"rules\": [" + Join(kRule1, kRule2) + "]}", 1627,
+           R"({"rulesErrors": [{"index": 1, "error": 120}]})");
     EXPECT_TRUE(runner.received().rules == (qv::List<Rule>{RuleOf(kRule1), RuleOf(kRule2)}));
 
     runner.errorsOut.Clear();
@@ -99,11 +103,12 @@ TEST_F(DispatchTest, RuleCommandsPassRulesAndReportErrors) {
     runner.SetStatus("GetRules", 0);
     EXPECT_EQ(Call(L"GetRules", Json::Value(Json::objectValue), false)->GetResult(), 0);
 
-    Expect(L"UpdateRulesAndMethods", "{\"rules\": [" + std::string(kRule1) + "], \"methods\": [" + Join(kMethod1, kMethod2) + "]}", 0);
+    Expect(L"UpdateRulesAndMethods",
+           "{\"rules\": [" + std::string(kRule1) + "], \"methods\": [" + Join(kMethod1, kMethod2) + "]}", 0);
     EXPECT_TRUE(runner.received().rules == qv::List<Rule>{RuleOf(kRule1)});
     EXPECT_TRUE(runner.received().methodSets == (qv::List<Method>{MethodOf(kMethod1), MethodOf(kMethod2)}));
-    EXPECT_EQ(runner.Calls(), (std::vector<std::string>{"SetRules", "SetRules", "SetRules", "GetRules", "GetRules", "GetRules",
-                                                         "UpdateRulesAndMethods"}));
+    EXPECT_EQ(runner.Calls(), (std::vector<std::string>{"SetRules", "SetRules", "SetRules", "GetRules", "GetRules",
+                                                        "GetRules", "UpdateRulesAndMethods"}));
 }
 
 TEST_F(DispatchTest, MethodSetCommands) {
@@ -129,7 +134,7 @@ TEST_F(DispatchTest, MethodSetCommands) {
     Expect(L"UpdateMethods", "{\"methods\": [" + std::string(kMethod2) + "]}", 0);
     EXPECT_TRUE(runner.received().methodSets == qv::List<Method>{MethodOf(kMethod2)});
     EXPECT_EQ(runner.Calls(), (std::vector<std::string>{"SetMethod", "GetMethodSet", "GetMethodSet", "DeleteMethodSet",
-                                                         "DeleteAllMethodSets", "GetMethodSetIds", "UpdateMethods"}));
+                                                        "DeleteAllMethodSets", "GetMethodSetIds", "UpdateMethods"}));
 }
 
 TEST_F(DispatchTest, SettingsAndSwitchCommands) {
@@ -155,25 +160,32 @@ TEST_F(DispatchTest, SettingsAndSwitchCommands) {
 TEST_F(DispatchTest, UnreadableRequestsAreRefusedWithoutCallingTheRunner) {
     const std::string badUtf8 = "\"x\xC3\x28y\"";
     const std::string rule = kRule1, method = kMethod2;
-    const std::string ruleBadId = R"({"id": )" + badUtf8 + R"(, "displayName": "d", "methodSetId": "m", "matchIf": {}})";
+    const std::string ruleBadId =
+        R"({"id": )" + badUtf8 + R"(, "displayName": "d", "methodSetId": "m", "matchIf": {}})";
     const std::string methodBadName = R"({"id": "m", "displayName": )" + badUtf8 + R"(, "methods": []})";
     // Per command, the requests it refuses; every command also refuses a call without request.
     const std::map<std::wstring, std::vector<std::string>> cases = {
-        {L"SetRules", {"{}", R"({"rules": {}})", R"({"rules": [{"id": "r", "displayName": "d", "methodSetId": "m"}]})",
-                       "{\"rules\": [" + rule + ", 7]}", "{\"rules\": [" + ruleBadId + "]}"}},
-        {L"SetMethodSet", {R"({"id": "m", "displayName": "d"})", R"({"id": 1, "displayName": "d", "methods": []})",
-                           R"({"id": "m", "displayName": "d", "methods": [], "context": null})", methodBadName, "[1]"}},
+        {L"SetRules",
+         {"{}", R"({"rules": {}})", R"({"rules": [{"id": "r", "displayName": "d", "methodSetId": "m"}]})",
+          "{\"rules\": [" + rule + ", 7]}", "{\"rules\": [" + ruleBadId + "]}"}},
+        {L"SetMethodSet",
+         {R"({"id": "m", "displayName": "d"})", R"({"id": 1, "displayName": "d", "methods": []})",
+          R"({"id": "m", "displayName": "d", "methods": [], "context": null})", methodBadName, "[1]"}},
         {L"GetMethodSet", {"{}", R"({"id": 3})", "{\"id\": " + badUtf8 + "}"}},
         {L"DeleteMethodSet", {R"({"ids": "m"})", R"({"id": ["m"]})", "{\"id\": " + badUtf8 + "}"}},
-        {L"DeleteAllMethodSets", {}}, {L"GetMethodSetIds", {}}, {L"GetRules", {}}, {L"GetSettings", {}},
-        {L"SetSettings", {R"({"settings": {"minEvalTime": 1}})", R"({"settings": {"maxPostponeTime": 1}})",
-                          R"({"settings": {"minEvalTime": "1", "maxPostponeTime": 1}})",
-                          R"({"settings": {"minEvalTime": -1, "maxPostponeTime": 1}})",
-                          R"({"minEvalTime": 1, "maxPostponeTime": 1})"}},
-        {L"UpdateRulesAndMethods", {"{\"rules\": [" + rule + "]}", "{\"methods\": [" + method + "]}",
-                                    "{\"rules\": [" + rule + "], \"methods\": {}}",
-                                    "{\"rules\": [" + ruleBadId + "], \"methods\": [" + method + "]}",
-                                    "{\"rules\": [" + rule + "], \"methods\": [" + methodBadName + "]}"}},
+        {L"DeleteAllMethodSets", {}},
+        {L"GetMethodSetIds", {}},
+        {L"GetRules", {}},
+        {L"GetSettings", {}},
+        {L"SetSettings",
+         {R"({"settings": {"minEvalTime": 1}})", R"({"settings": {"maxPostponeTime": 1}})",
+          R"({"settings": {"minEvalTime": "1", "maxPostponeTime": 1}})",
+          R"({"settings": {"minEvalTime": -1, "maxPostponeTime": 1}})", R"({"minEvalTime": 1, "maxPostponeTime": 1})"}},
+        {L"UpdateRulesAndMethods",
+         {"{\"rules\": [" + rule + "]}", "{\"methods\": [" + method + "]}",
+          "{\"rules\": [" + rule + "], \"methods\": {}}",
+          "{\"rules\": [" + ruleBadId + "], \"methods\": [" + method + "]}",
+          "{\"rules\": [" + rule + "], \"methods\": [" + methodBadName + "]}"}},
         {L"UpdateMethods", {"{}", R"({"methods": "m"})", "{\"methods\": [" + methodBadName + "]}"}},
         {L"SetEnabled", {"{}", R"({"enabled": 1})", R"({"enabled": "true"})"}},
         {L"IsEnabled", {}},
@@ -203,7 +215,7 @@ TEST_F(DispatchTest, AMissingMemberIsNamedBeforeTheRefusal) {
     for (const auto& line : lines)
         if (line.level != 32) messages.push_back(line.message);
     EXPECT_EQ(messages, (std::vector<std::wstring>{L"Failed to load subnode maxPostponeTime",
-                                                    L"SetSettings - input validation failed"}));
+                                                   L"SetSettings - input validation failed"}));
 }
 
 TEST_F(DispatchTest, CallsOnSeveralThreadsAtOnce) {

@@ -7,7 +7,7 @@ using MethodRunData = IConditionalRunner::MethodRunData;
 constexpr const wchar_t* kOnMethodSetsRun = L"ConditionalRunnerAgent::OnMethodSetsRun";
 
 MethodRunData MakeRun(const std::wstring& methodSetId, int32_t status, const Json::Value& response,
-                  std::initializer_list<std::wstring> ruleIds) {
+                      std::initializer_list<std::wstring> ruleIds) {
     MethodRunData run;
     run.methodSetId = methodSetId;
     run.status = status;

@@ -1,6 +1,5 @@
 #include "agent_fixture.h"
 
-
 namespace agent_test {
 namespace {
 
@@ -45,8 +44,9 @@ TEST_F(LifecycleTest, MissingDependenciesAndARefusingManagerFailCleanly) {
     host.components().Unregister(kRunnerName);
     EXPECT_EQ(agent->Init(host.main()), 5002);
     EXPECT_EQ(host.components().TotalReferences(), 0);
-    EXPECT_TRUE(log.Contains(8, L"ServPlugin<struct Product::Integration::ConditionalRunner::IConditionalRunner>::GetPlugin",
-                             L"Error 1168 getting plugin \"Product.ConditionalRunner\""));
+    EXPECT_TRUE(
+        log.Contains(8, L"ServPlugin<struct Product::Integration::ConditionalRunner::IConditionalRunner>::GetPlugin",
+                     L"Error 1168 getting plugin \"Product.ConditionalRunner\""));
 
     host.components().Register(kRunnerName, &runner);
     ASSERT_EQ(agent->Init(host.main()), 0);

@@ -78,9 +78,15 @@ public:
         Append(errorsOut, errors);
         return Record("SetRules", [&](Received& r) { r.rules = Copy(rules); });
     }
-    int32_t GetRules(qv::IList<Rule>& rules) override { Append(rulesOut, rules); return Record("GetRules"); }
+    int32_t GetRules(qv::IList<Rule>& rules) override {
+        Append(rulesOut, rules);
+        return Record("GetRules");
+    }
     int32_t SetMethod(const Method& methodSet, bool signal) override {
-        return Record("SetMethod", [&](Received& r) { r.methodSet = methodSet; r.signal = signal; });
+        return Record("SetMethod", [&](Received& r) {
+            r.methodSet = methodSet;
+            r.signal = signal;
+        });
     }
     int32_t GetMethodSet(const std::wstring& id, Method& methodSet) override {
         methodSet = methodSetOut;
@@ -95,7 +101,10 @@ public:
         return Record("GetMethodSetIds");
     }
     int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets) override {
-        return Record("UpdateRulesAndMethods", [&](Received& r) { r.rules = Copy(rules); r.methodSets = Copy(methodSets); });
+        return Record("UpdateRulesAndMethods", [&](Received& r) {
+            r.rules = Copy(rules);
+            r.methodSets = Copy(methodSets);
+        });
     }
     int32_t UpdateMethods(const qv::IList<Method>& methodSets) override {
         return Record("UpdateMethods", [&](Received& r) { r.methodSets = Copy(methodSets); });
@@ -103,9 +112,15 @@ public:
     int32_t SetEnabled(bool enabled) override {
         return Record("SetEnabled", [&](Received& r) { r.enabled = enabled; });
     }
-    int32_t IsEnabled(bool& enabled) override { enabled = enabledOut; return Record("IsEnabled"); }
+    int32_t IsEnabled(bool& enabled) override {
+        enabled = enabledOut;
+        return Record("IsEnabled");
+    }
     int32_t Subscribe(IEvents* events, int32_t flags) override {
-        return Record("Subscribe", [&](Received&) { listener = events; subscribeFlags.push_back(flags); });
+        return Record("Subscribe", [&](Received&) {
+            listener = events;
+            subscribeFlags.push_back(flags);
+        });
     }
     int32_t Unsubscribe(IEvents* events, int32_t) override {
         std::lock_guard lock(mutex_);
@@ -129,7 +144,8 @@ private:
     }
 
     template <class Fn = void (*)(Received&)>
-    int32_t Record(const std::string& operation, Fn keep = [](Received&) {}) {
+    int32_t Record(
+        const std::string& operation, Fn keep = [](Received&) {}) {
         std::lock_guard lock(mutex_);
         calls_.push_back(operation);
         keep(received_);

@@ -1,13 +1,11 @@
 // Boolean combinators built from JSON and driven through real notifications
 // of their leaves.
 
-
 #include "condition_test_support.h"
 #include "plugin/easy_event_queue.h"
 
 namespace condition_testing {
 namespace {
-
 
 // Names of the conditions of a tree in visiting order.
 class TypeCollector final : public IConditionVisitor {
@@ -136,10 +134,14 @@ TEST(BooleanAndOr, ABurstOfChildNotificationsGivesOneRecomputation) {
     EXPECT_EQ(recorder.States(), std::vector<bool>{true});
     EXPECT_EQ(bench.board.Recomputes(L"burst.a") - recomputesBefore, 1);
     const auto lines = capture.Lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const auto& l) {
-                  return l.level == logging::kDetail && l.message == L"another update is scheduled" &&
-                         l.function == L"Product::Integration::ConditionManager::ConditionBooleanAndOr::UpdateState";
-              }), 1);
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [](const auto& l) {
+                          return l.level == logging::kDetail && l.message == L"another update is scheduled" &&
+                                 l.function ==
+                                     L"Product::Integration::ConditionManager::ConditionBooleanAndOr::UpdateState";
+                      }),
+        1);
 
     blocker.Shutdown();
     bench.host.queues().ReleaseQueue(handle);

@@ -115,12 +115,15 @@ TEST(Concurrency, CloseWaitsForRunningWorkBeforeTheOwnerMayFreeTheQueue) {
     std::future<void> startedSeen = started.get_future();
     std::shared_future<void> released = release.get_future().share();
     std::atomic<bool> finished{false};
-    ASSERT_EQ(owner->queue.Post([&, owner] {
-        started.set_value();
-        released.wait();
-        owner->workDone = 1;  // a use after free if Close returned early
-        finished = true;
-    }, 0), 0);
+    ASSERT_EQ(owner->queue.Post(
+                  [&, owner] {
+                      started.set_value();
+                      released.wait();
+                      owner->workDone = 1;  // a use after free if Close returned early
+                      finished = true;
+                  },
+                  0),
+              0);
     if (startedSeen.wait_for(10s) != std::future_status::ready) {
         release.set_value();
         FAIL() << "the posted work never started";

@@ -22,11 +22,11 @@
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
 #include "conditions/manager.h"
-#include "qv/user_manager.h"
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "model/json_composed_serializer.h"
+#include "qv/user_manager.h"
 #include "support/module_under_test.h"
 
 namespace condition_testing {
@@ -37,13 +37,17 @@ using testing_support::LogCapture;
 using testing_support::ParseJson;
 
 // Condition JSON written as text: a test switch, an AND/OR over children, a NOT.
-inline std::string Switch(const std::string& name) { return R"({"type":"test.Switch","data":{"name":")" + name + "\"}}"; }
+inline std::string Switch(const std::string& name) {
+    return R"({"type":"test.Switch","data":{"name":")" + name + "\"}}";
+}
 inline std::string Combine(const std::string& type, const std::vector<std::string>& children) {
     std::string json = R"({"type":")" + type + R"(","data":{"conditions":[)";
     for (size_t i = 0; i < children.size(); ++i) json += (i ? "," : "") + children[i];
     return json + "]}}";
 }
-inline std::string Not(const std::string& child) { return R"({"type":"boolean.NOT","data":{"condition":)" + child + "}}"; }
+inline std::string Not(const std::string& child) {
+    return R"({"type":"boolean.NOT","data":{"condition":)" + child + "}}";
+}
 
 class ConditionTestSwitch;
 
@@ -59,13 +63,28 @@ public:
     void* QueryInterface(const GUID& id) override {
         return qv::GuidEquals(id, IQvBaseInterface::iid) || qv::GuidEquals(id, iid) ? this : nullptr;
     }
-    bool Value(const std::wstring& name) { std::lock_guard l(valueMutex_); return values_[name]; }
+    bool Value(const std::wstring& name) {
+        std::lock_guard l(valueMutex_);
+        return values_[name];
+    }
     // Status that recomputing a leaf of `name` fails with (0: none).
-    int Error(const std::wstring& name) { std::lock_guard l(valueMutex_); return errors_[name]; }
-    void SetError(const std::wstring& name, int status) { std::lock_guard l(valueMutex_); errors_[name] = status; }
+    int Error(const std::wstring& name) {
+        std::lock_guard l(valueMutex_);
+        return errors_[name];
+    }
+    void SetError(const std::wstring& name, int status) {
+        std::lock_guard l(valueMutex_);
+        errors_[name] = status;
+    }
     // GetState(…, true) calls received by leaves following `name`.
-    int Recomputes(const std::wstring& name) { std::lock_guard l(valueMutex_); return recomputes_[name]; }
-    void CountRecompute(const std::wstring& name) { std::lock_guard l(valueMutex_); ++recomputes_[name]; }
+    int Recomputes(const std::wstring& name) {
+        std::lock_guard l(valueMutex_);
+        return recomputes_[name];
+    }
+    void CountRecompute(const std::wstring& name) {
+        std::lock_guard l(valueMutex_);
+        ++recomputes_[name];
+    }
     // Sets the switch and lets every leaf following it catch up, on the
     // calling thread. Returns the last leaf notification's status (0 if none).
     inline int Set(const std::wstring& name, bool value);

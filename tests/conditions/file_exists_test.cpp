@@ -118,8 +118,7 @@ TEST(FileExists, DrivesATreeThroughRealFiles) {
     Bench bench;
     TempDir dir;
     const std::wstring a = dir.File(L"a"), b = dir.File(L"b");
-    ConditionPtr root = bench.Create(
-        Combine("boolean.AND", {FileExists(a), Not(FileExists(b))}));
+    ConditionPtr root = bench.Create(Combine("boolean.AND", {FileExists(a), Not(FileExists(b))}));
     ASSERT_NE(root, nullptr);
     EXPECT_FALSE(StateOf(*root));
     Recorder recorder;

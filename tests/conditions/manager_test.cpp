@@ -9,7 +9,6 @@
 namespace condition_testing {
 namespace {
 
-
 constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::Manager::Init";
 constexpr const wchar_t* kInitDependencies = L"Product::Integration::ConditionManager::Manager::InitDependencies";
 constexpr const wchar_t* kCreate = L"Product::Integration::ConditionManager::Manager::CreateCondition";
@@ -31,7 +30,8 @@ TEST(ManagerInit, FailsWithoutComponentManagerOrNetworkProviderAndGivesEverythin
     bench.host.components().Unregister(host::NetworkProviderStandIn::kName);
     EXPECT_EQ(bench.manager.Init(bench.host.main()), 5002);
     EXPECT_TRUE(capture.Contains(logging::kError, kInit, L"failed to get network provider"));
-    EXPECT_TRUE(capture.Contains(logging::kWarning, L"ServPlugin<class Product::Integration::INetworkProvider>::GetPlugin",
+    EXPECT_TRUE(capture.Contains(logging::kWarning,
+                                 L"ServPlugin<class Product::Integration::INetworkProvider>::GetPlugin",
                                  L"Error 1168 getting plugin \"Product.ConditionalRunner.NetworkProvider\""));
     EXPECT_EQ(bench.host.components().TotalReferences(), 0);
 }
@@ -42,7 +42,8 @@ TEST(ManagerInit, MissingHostServicesOnlyFailTheConditionsThatNeedThem) {
     bench.host.components().Unregister(host::AgentClientNotifications::kName);
     ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
     EXPECT_TRUE(capture.Contains(logging::kTrace, kInitDependencies, L"creating dependency [Product.UserManager]"));
-    EXPECT_TRUE(capture.Contains(logging::kTrace, kInitDependencies, L"creating dependency [Ovra.Client.Notifications]"));
+    EXPECT_TRUE(
+        capture.Contains(logging::kTrace, kInitDependencies, L"creating dependency [Ovra.Client.Notifications]"));
     // One miss for the user manager, one for the agent client.
     const auto misses = MessagesFrom(capture, kInitDependencies);
     EXPECT_EQ(std::count(misses.begin(), misses.end(), L"failed to create dependency"), 2);
@@ -147,10 +148,10 @@ TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
     struct Case {
         std::string json;
         int32_t status;
-        int level;                // of the line naming the reason; 0: no line beyond "Creating ..."
+        int level;  // of the line naming the reason; 0: no line beyond "Creating ..."
         const wchar_t* function;
         std::wstring message;
-        int uninits = 0;          // test switches built and then uninitialised
+        int uninits = 0;  // test switches built and then uninitialised
     };
     const auto noType = [](const char* json) {
         return Case{json, 87, logging::kDetail, kLoad, L"Failed to load subnode type"};
@@ -159,22 +160,32 @@ TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
         return Case{json, 87, logging::kDetail, kLoad, std::wstring(L"Failed to load subnode ") + member};
     };
     const auto failed = [](const char* json, const wchar_t* type, int32_t status = 87, int uninits = 0) {
-        return Case{json, status, logging::kError, kCreate,
-                    L"Condition of type [" + std::wstring(type) + L"] error = [" + std::to_wstring(status) + L"]", uninits};
+        return Case{json,
+                    status,
+                    logging::kError,
+                    kCreate,
+                    L"Condition of type [" + std::wstring(type) + L"] error = [" + std::to_wstring(status) + L"]",
+                    uninits};
     };
     std::vector<Case> cases = {
-        noType(R"({"data":{}})"), noType(R"({"type":5})"), noType(R"({"type":null})"), noType(R"(["boolean.TRUE"])"),
+        noType(R"({"data":{}})"),
+        noType(R"({"type":5})"),
+        noType(R"({"type":null})"),
+        noType(R"(["boolean.TRUE"])"),
         noType(R"("boolean.TRUE")"),
         failed(R"({"type":"test.Switch","data":{"name":"a","failWith":1234}})", L"test.Switch", 1234, 1),
         failed(R"({"type":"boolean.AND","data":{"conditions":[]}})", L"boolean.AND"),
         failed(R"({"type":"boolean.OR","data":{"conditions":[]}})", L"boolean.OR"),
         failed(R"({"type":"boolean.OR","data":{"conditions":{"type":"boolean.TRUE"}}})", L"boolean.OR"),
-        {R"({"type":"test.NoFactory"})", 87, logging::kError, kCreate, L"Invalid factory function for type [test.NoFactory]"},
+        {R"({"type":"test.NoFactory"})", 87, logging::kError, kCreate,
+         L"Invalid factory function for type [test.NoFactory]"},
         missing(R"({"type":"boolean.AND"})", L"conditions"),
         missing(R"({"type":"boolean.NOT","data":{}})", L"condition"),
         // A child that fails fails the whole tree with its error.
-        {Combine("boolean.AND", {Switch("f.a"), R"({"type":"boolean.XOR"})"}), 120, logging::kError, kChildren, L"Failed to create child condition", 1},
-        {Not(Combine("boolean.OR", {R"({"type":"test.Switch","data":{}})"})), 87, logging::kError, kChild, L"Failed to create child condition", 1},
+        {Combine("boolean.AND", {Switch("f.a"), R"({"type":"boolean.XOR"})"}), 120, logging::kError, kChildren,
+         L"Failed to create child condition", 1},
+        {Not(Combine("boolean.OR", {R"({"type":"test.Switch","data":{}})"})), 87, logging::kError, kChild,
+         L"Failed to create child condition", 1},
         missing(R"({"type":"qv.isOvraConnected"})", L"connected"),
         missing(R"({"type":"qv.isOvraConnected","data":{}})", L"connected"),
         missing(R"({"type":"qv.isOvraConnected","data":{"connected":"yes"}})", L"connected"),
@@ -302,8 +313,10 @@ TEST(CreateCondition, RefusesDeeplyNestedValuesBeforeCopyingThem) {
     }
     // Within the bounds, parameters may nest some hundreds of levels.
     int32_t error = -1;
-    EXPECT_NE(bench.Create(R"({"type":"boolean.TRUE","data":{"junk":)" + std::string(400, '[') +
-                           std::string(400, ']') + "}}", &error), nullptr);
+    EXPECT_NE(
+        bench.Create(R"({"type":"boolean.TRUE","data":{"junk":)" + std::string(400, '[') + std::string(400, ']') + "}}",
+                     &error),
+        nullptr);
     EXPECT_EQ(error, 0);
 }
 

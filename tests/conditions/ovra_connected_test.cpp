@@ -8,7 +8,6 @@
 namespace condition_testing {
 namespace {
 
-
 constexpr const wchar_t* kDoNotify = L"Product::Integration::ConditionManager::ConditionisOvraConnected::DoNotify";
 
 std::string Connected(bool wanted) {

@@ -80,9 +80,8 @@ protected:
         EXPECT_EQ(service.CreateQueue(name, &queue), 0);
         return queue;
     }
-    int32_t Post(IEventQueue* queue, const std::string& label, uint32_t delayMs = 0,
-                 std::function<void()> body = {}, uint32_t expireMs = kEqNoValue, EqGroupHandle group = 0,
-                 EqItemId* id = nullptr) {
+    int32_t Post(IEventQueue* queue, const std::string& label, uint32_t delayMs = 0, std::function<void()> body = {},
+                 uint32_t expireMs = kEqNoValue, EqGroupHandle group = 0, EqItemId* id = nullptr) {
         return queue->Post(nullptr, delayMs, expireMs, new TestItem(recorder, label, std::move(body)), group, id);
     }
     // Every item made was released exactly once, and after its run if it ran.
@@ -165,7 +164,12 @@ TEST_F(EventQueueServiceTest, StopWaitAndReleaseAffectOnlyTheirOwnHandle) {
     IEventQueue* a = Open(L"Shared");
     IEventQueue* b = Open(L"Shared");
     Signal started, gate;
-    ASSERT_EQ(Post(a, "a-blocking", 0, [&] { started.Set(); gate.Wait(); }), 0);
+    ASSERT_EQ(Post(a, "a-blocking", 0,
+                   [&] {
+                       started.Set();
+                       gate.Wait();
+                   }),
+              0);
     ASSERT_TRUE(started.Wait());
     Post(a, "a-pending", 10);
     Post(b, "b-pending", 10);
@@ -214,7 +218,10 @@ TEST_F(EventQueueServiceTest, OneWorkerPerNameDifferentNamesRunConcurrently) {
 
     // Two clients of one name: the second item starts only after the first ended.
     Signal started, gate;
-    Post(a, "first", 0, [&] { started.Set(); gate.Wait(); });
+    Post(a, "first", 0, [&] {
+        started.Set();
+        gate.Wait();
+    });
     ASSERT_TRUE(started.Wait());
     Post(a2, "second");
     std::this_thread::sleep_for(50ms);

@@ -55,7 +55,8 @@ int32_t RunOn(IRunPolicy& runner, const wchar_t* request, Agent* agent, std::wst
     return status;
 }
 
-constexpr const wchar_t* kThreeMethods = LR"({"methods": [{"plugin": "A", "method": "one", "params": {"x": 1}},
+constexpr const wchar_t* kThreeMethods =
+    LR"({"methods": [{"plugin": "A", "method": "one", "params": {"x": 1}},
     {"plugin": "B", "method": "two"}, {"plugin": "C", "method": "three"}]})";
 
 TEST(PolicyRunner, RunsMethodByMethodTellingTheAgentAndReturnsTheFirstFailure) {
@@ -100,10 +101,16 @@ TEST(PolicyRunner, MalformedRequestRunsNothingAndIsRecordedAsRefused) {
     host::ManualClock clock;
     host::PolicyRunner runner(clock);
     Agent agent;
-    const std::vector<const wchar_t*> requests{
-        nullptr, L"not json", L"[]", L"{}", LR"({"methods": {}})", LR"({"methods": [1]})",
-        LR"({"methods": [{"plugin": "A"}]})", LR"({"methods": [{"plugin": "A", "method": 5}]})",
-        LR"({"methods": [{"plugin": "", "method": "m"}]})", LR"({"methods": []} trailing)"};
+    const std::vector<const wchar_t*> requests{nullptr,
+                                               L"not json",
+                                               L"[]",
+                                               L"{}",
+                                               LR"({"methods": {}})",
+                                               LR"({"methods": [1]})",
+                                               LR"({"methods": [{"plugin": "A"}]})",
+                                               LR"({"methods": [{"plugin": "A", "method": 5}]})",
+                                               LR"({"methods": [{"plugin": "", "method": "m"}]})",
+                                               LR"({"methods": []} trailing)"};
     for (const wchar_t* request : requests) {
         std::wstring response = L"stale";
         EXPECT_EQ(RunOn(runner, request, &agent, &response), qv::status::kInvalidParameter)
@@ -126,8 +133,10 @@ TEST(PolicyRunner, ConcurrentRunsWaitForADelayedMethodByTheClock) {
     for (size_t i = 0; i < kThreads; ++i) {
         agents.push_back(std::make_unique<Agent>());
         runs.push_back(std::async(std::launch::async, [&runner, agent = agents.back().get()] {
-            EXPECT_EQ(RunOn(runner, LR"({"methods": [{"plugin": "Fast", "method": "a"},
-                {"plugin": "Slow", "method": "wait"}, {"plugin": "Fast", "method": "b"}]})", agent),
+            EXPECT_EQ(RunOn(runner,
+                            LR"({"methods": [{"plugin": "Fast", "method": "a"},
+                {"plugin": "Slow", "method": "wait"}, {"plugin": "Fast", "method": "b"}]})",
+                            agent),
                       qv::status::kTimeout);
         }));
     }

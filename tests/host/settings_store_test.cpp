@@ -222,9 +222,9 @@ TEST(SettingsStore, WrongTypesMissingValuesAndMalformedNamesHaveTheirStatuses) {
 TEST(SettingsStore, AnUnreadableFileIsRefusedByNameAndLeftAsItWas) {
     testing_support::TempDir dir;
     const std::wstring file = dir.File(L"settings.json");
-    for (const std::string& corrupt : {std::string("{\"children\": {\"A\": "), std::string(), std::string("[1, 2]"),
-                                       std::string("{\"values\": {\"v\": {\"string\": 5}}}"),
-                                       std::string("{\"children\": {\"a/b\": {}}}")}) {
+    for (const std::string& corrupt :
+         {std::string("{\"children\": {\"A\": "), std::string(), std::string("[1, 2]"),
+          std::string("{\"values\": {\"v\": {\"string\": 5}}}"), std::string("{\"children\": {\"a/b\": {}}}")}) {
         ASSERT_TRUE(os::WriteFileAtomically(file, corrupt));
         std::wstring error;
         EXPECT_FALSE(host::SettingsStore::Open(file, error)) << corrupt;

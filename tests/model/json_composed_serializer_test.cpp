@@ -37,9 +37,9 @@ TEST(JsonPath, ReadModeFollowsMembersAndIndexesWithEitherSeparator) {
 
 TEST(JsonPath, ReadModeTreatsWrongShapesNullsAndMalformedPathsAsAbsent) {
     const Json::Value doc = Parse(R"({"obj": {"x": 1}, "arr": [1, 2], "n": null, "s": "t"})");
-    for (const wchar_t* path : {L"missing", L"obj/y", L"obj[0]",   // object where an array is expected
-                                L"arr/x", L"arr[2]", L"s/x", L"s[0]", L"n", L"obj/x/y",
-                                L"arr[", L"arr[]", L"arr[x]", L"arr[-1]", L"arr[0]x", L"arr[99999999999999999999]"}) {
+    for (const wchar_t* path : {L"missing", L"obj/y", L"obj[0]",  // object where an array is expected
+                                L"arr/x", L"arr[2]", L"s/x", L"s[0]", L"n", L"obj/x/y", L"arr[", L"arr[]", L"arr[x]",
+                                L"arr[-1]", L"arr[0]x", L"arr[99999999999999999999]"}) {
         EXPECT_EQ(JsonComposedSerializer::Find(doc, path), nullptr) << path;
     }
     EXPECT_EQ(JsonComposedSerializer::Find(Json::Value(), L""), nullptr);  // a null value itself
@@ -135,7 +135,10 @@ TEST(JsonLoad, TextCrossesTheBoundaryAsUtf8IncludingCharactersOutsideTheBmp) {
 
     // Member names are UTF-8 too.
     ASSERT_TRUE(JsonComposedSerializer::Store(doc, L"\u00FCber/\U0001F600", 1));
-    EXPECT_EQ(doc["\xC3\xBC" "ber"]["\xF0\x9F\x98\x80"].asInt(), 1);
+    EXPECT_EQ(doc["\xC3\xBC"
+                  "ber"]["\xF0\x9F\x98\x80"]
+                  .asInt(),
+              1);
 }
 
 TEST(JsonLoad, InvalidUtf8IsACleanFailure) {

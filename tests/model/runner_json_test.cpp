@@ -102,7 +102,8 @@ TEST(RecordJson, ErrorsIdsSettingsAndSwitchRoundTrip) {
     // Compared as text: the reader types small numbers signed.
     EXPECT_EQ(doc.toStyledString(), Parse(R"({"rulesErrors": [{"index": 0, "error": 120}, {"index": 3, "error": 1627}],
         "ids": ["a", "\ud83d\ude00", ""], "settings": {"minEvalTime": 7, "maxPostponeTime": 4000000000},
-        "enabled": false})").toStyledString());
+        "enabled": false})")
+                                        .toStyledString());
 
     const Json::Value text = ThroughText(doc);
     qv::List<RuleError> errorsBack;
@@ -189,7 +190,8 @@ TEST(RecordJson, ARecordAtAMissingPathReadsAsAnEmptyRecordWithoutChangingTheInpu
         EXPECT_FALSE(ReadRule(doc, path, rule)) << path;
         EXPECT_FALSE(ReadMethod(doc, path, method)) << path;
         // The record's first member is what is missing, not the path itself.
-        EXPECT_EQ(log.Messages(), (std::vector<std::wstring>{L"Failed to load subnode id", L"Failed to load subnode id"}))
+        EXPECT_EQ(log.Messages(),
+                  (std::vector<std::wstring>{L"Failed to load subnode id", L"Failed to load subnode id"}))
             << path;
         EXPECT_EQ(rule.id, L"kept");
         EXPECT_EQ(method.id, L"kept");

@@ -18,9 +18,9 @@
 
 namespace {
 
-using testing_support::LoadedModule;
 using Product::Integration::ConditionManager::ConditionPtr;
 using Product::Integration::ConditionManager::IManager;
+using testing_support::LoadedModule;
 
 // Two requests under `name` for two of its interfaces give one object, which
 // outlives the first give-back.

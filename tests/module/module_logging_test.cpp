@@ -4,8 +4,8 @@
 
 #include <filesystem>
 
-#include "os/module.h"
 #include "module/module_exports.h"
+#include "os/module.h"
 #include "plugin/module_names.h"
 #include "qv/serv_plugin.h"
 #include "support/log_capture.h"

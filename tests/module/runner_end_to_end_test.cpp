@@ -42,7 +42,9 @@ public:
         void* object = nullptr;
         EXPECT_EQ(module_.create(name_.c_str(), &IServPlugin::iid, &object), 0) << "cannot create the object";
         plugin_ = static_cast<IServPlugin*>(object);
-        if (plugin_) host_.components().Register(name_, static_cast<IQvBaseInterface*>(plugin_->QueryInterface(IQvBaseInterface::iid)));
+        if (plugin_)
+            host_.components().Register(name_,
+                                        static_cast<IQvBaseInterface*>(plugin_->QueryInterface(IQvBaseInterface::iid)));
     }
     ~Exported() {
         if (!plugin_) return;
@@ -127,8 +129,10 @@ std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8
 std::string RulesOver(const std::wstring& file) {
     const std::string exists = R"({"type":"Test.FileExists","data":{"filePath":)" + Quoted(file) + "}}";
     return R"({"rules":[
-        {"id":"r1","displayName":"one","methodSetId":"M","matchIf":)" + exists + R"(},
-        {"id":"r2","displayName":"two","methodSetId":"M","matchIf":)" + exists + R"(},
+        {"id":"r1","displayName":"one","methodSetId":"M","matchIf":)" +
+           exists + R"(},
+        {"id":"r2","displayName":"two","methodSetId":"M","matchIf":)" +
+           exists + R"(},
         {"id":"r3","displayName":"lost","methodSetId":"nobody","matchIf":{"type":"boolean.TRUE"}}]})";
 }
 constexpr const char* kMethodSet =

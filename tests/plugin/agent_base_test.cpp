@@ -52,7 +52,6 @@ struct MiniHost {
 
 }  // namespace
 
-
 // A lookup holds one reference, gives it back before a second lookup and on
 // destruction; a plug-in without the interface is a failed lookup that keeps nothing.
 TEST(ServPlugin, HoldsOneReferenceAndGivesItBackByName) {

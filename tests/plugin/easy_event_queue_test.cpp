@@ -31,8 +31,8 @@ public:
         return 0;
     }
     int32_t Cancel(EqItemId) override { return 1168; }
-    int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t second, EqWorkItem* item,
-                 EqGroupHandle group, EqItemId* id) override {
+    int32_t Post(const wchar_t* queueName, uint32_t delayMs, uint32_t second, EqWorkItem* item, EqGroupHandle group,
+                 EqItemId* id) override {
         posted.emplace_back(queueName, delayMs, second, group);
         items.push_back(item);
         if (id) *id = items.size();
@@ -129,7 +129,13 @@ TEST_F(EasyEventQueueOnHost, ShutdownCancelsOnlyThisClientsItemsAndAStoppedHandl
     std::atomic<int> mineRuns{0}, theirRuns{0};
     for (int i = 0; i < 3; ++i) ASSERT_EQ(mine.Post([&mineRuns, token] { ++mineRuns; }, 100), 0);
     std::thread::id ranOn;
-    ASSERT_EQ(theirs.Post([&] { ranOn = std::this_thread::get_id(); ++theirRuns; }, 100), 0);
+    ASSERT_EQ(theirs.Post(
+                  [&] {
+                      ranOn = std::this_thread::get_id();
+                      ++theirRuns;
+                  },
+                  100),
+              0);
     ASSERT_EQ(theirs.Post([] {}, 1000), 0);
     token.reset();
     EXPECT_EQ(mine.PendingCount(), 3u);

@@ -25,7 +25,9 @@ struct Subscriber : IEvents {
         log.push_back(name + ":" + what);
         return status;
     }
-    int32_t OnStateChanged(bool state, size_t id) override { return Note(std::to_string(state) + "," + std::to_string(id)); }
+    int32_t OnStateChanged(bool state, size_t id) override {
+        return Note(std::to_string(state) + "," + std::to_string(id));
+    }
     int OnName(std::string text) override { return Note(text); }
     int OnList(const std::vector<int>& values) override {
         lists.push_back(&values);

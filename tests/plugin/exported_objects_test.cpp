@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "plugin/exported_objects.h"
-#include "qv/status.h"
 #include "qv/serv_plugin.h"
+#include "qv/status.h"
 
 namespace {
 
@@ -44,7 +44,9 @@ qv::ExportedObjectDeclaration<OtherPlugin> duplicateDeclaration(L"Test.Exports.S
 int32_t CreateObject(const wchar_t* name, const GUID* iid, void** object) {
     return qv::ExportedObjectRegistry::Instance().CreateObject(name, iid, object);
 }
-void DestroyObject(const wchar_t* name, void* object) { qv::ExportedObjectRegistry::Instance().DestroyObject(name, object); }
+void DestroyObject(const wchar_t* name, void* object) {
+    qv::ExportedObjectRegistry::Instance().DestroyObject(name, object);
+}
 
 // Takes another object of the module while it is made and gives it back
 // while it is destroyed, both on the thread of the outer request.
@@ -90,8 +92,11 @@ TEST(ExportedObjects, RefusedRequestsLeaveNothingBehind) {
     void* held = nullptr;
     ASSERT_EQ(CreateObject(L"Test.Exports.Singleton", &IQvBaseInterface::iid, &held), 0);
     const std::pair<const wchar_t*, const GUID*> refused[] = {
-        {L"test.exports.singleton", &IServPlugin::iid}, {L"Test.Exports.Singleto", &IServPlugin::iid},
-        {nullptr, &IServPlugin::iid}, {L"Test.Exports.Singleton", nullptr}, {L"Test.Exports.Singleton", &kUnknownIid},
+        {L"test.exports.singleton", &IServPlugin::iid},
+        {L"Test.Exports.Singleto", &IServPlugin::iid},
+        {nullptr, &IServPlugin::iid},
+        {L"Test.Exports.Singleton", nullptr},
+        {L"Test.Exports.Singleton", &kUnknownIid},
         // Without an earlier holder the object made for the failed request is deleted at once.
         {L"Test.Exports.PerRequest", &kUnknownIid}};
     for (auto [name, iid] : refused) {

@@ -43,8 +43,8 @@ TEST(Log, FacadeLivesFromFirstAcquireToLastReleaseAndIsSilentOutside) {
 // A library that is missing or lacks the exports leaves a silent writer.
 TEST(LogBinding, AMissingLibraryOrOneWithoutExportsLeavesASilentWriter) {
     testing_support::TempDir empty;
-    for (auto [name, directory, loads] : {std::tuple{L"cr_absent_log", empty.path(), false},
-                                          std::tuple{L"no_exports", ProgramDirectory(), true}}) {
+    for (auto [name, directory, loads] :
+         {std::tuple{L"cr_absent_log", empty.path(), false}, std::tuple{L"no_exports", ProgramDirectory(), true}}) {
         logging::CLogDLL log(os::SharedLibraryFileName(name), directory, nullptr);
         EXPECT_EQ(log.LibraryLoaded(), loads) << name;
         EXPECT_EQ(log.LoadError().empty(), loads) << name;
@@ -111,8 +111,7 @@ TEST(CallTrace, ExitLineIsWrittenWhenTheScopeUnwinds) {
     try {
         logging::CallTrace trace(L"Thrower");
         throw 1;
-    } catch (int) {
-    }
+    } catch (int) {}
     auto messages = capture.Messages(logging::kTrace);
     ASSERT_EQ(messages.size(), 2u);
     EXPECT_EQ(messages[1].rfind(L"<- Thrower() [", 0), 0u);

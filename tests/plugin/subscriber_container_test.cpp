@@ -102,7 +102,8 @@ TEST(SubscriberContainer, ALoneWalkerThatChangesTheListNeitherDeadlocksNorDangle
     EXPECT_THROW(container.ForEach([&](int*) {
         ++calls;
         throw std::runtime_error("handler failed");
-    }), std::runtime_error);
+    }),
+                 std::runtime_error);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(container.Snapshot().readingThreads, 0u);
     EXPECT_EQ(container.Remove(&b), 0);

@@ -34,7 +34,10 @@ TEST(SyncRWLock, NestedLocksOfOneThreadMustAllBeReleasedBeforeAWriterGetsIn) {
     CSyncRWLock lock;
     ThreadActor owner, writer;
 
-    owner.Do([&] { lock.ReadLock(); lock.ReadLock(); });
+    owner.Do([&] {
+        lock.ReadLock();
+        lock.ReadLock();
+    });
     auto write = writer.Post([&] { lock.WriteLock(); });
     ASSERT_TRUE(WriterWaits(lock));
     owner.Do([&] { lock.ReadUnlock(); });
@@ -63,14 +66,21 @@ TEST(SyncRWLock, AWriterKeepsReadsUnderItsWriteLockAndStaysExclusiveUntilItsLast
     CSyncRWLock lock;
     ThreadActor owner, reader;
 
-    owner.Do([&] { lock.ReadLock(); lock.ReadLock(); lock.WriteLock(); });
+    owner.Do([&] {
+        lock.ReadLock();
+        lock.ReadLock();
+        lock.WriteLock();
+    });
     auto s = lock.Snapshot();
     EXPECT_TRUE(s.writerActive);
     EXPECT_EQ(s.readingThreads, 0u);
     EXPECT_EQ(s.writerReadCount, 2u);
     EXPECT_EQ(s.writerNesting, 1u);
 
-    owner.Do([&] { lock.ReadLock(); lock.WriteUnlock(); });
+    owner.Do([&] {
+        lock.ReadLock();
+        lock.WriteUnlock();
+    });
     s = lock.Snapshot();
     EXPECT_TRUE(s.writerActive);
     EXPECT_EQ(s.writerReadCount, 3u);
@@ -80,7 +90,10 @@ TEST(SyncRWLock, AWriterKeepsReadsUnderItsWriteLockAndStaysExclusiveUntilItsLast
     ASSERT_TRUE(ReadersWait(lock));
     owner.Do([&] { lock.ReadUnlock(); });
     EXPECT_TRUE(Pending(read));
-    owner.Do([&] { lock.WriteLock(); lock.ReadUnlock(); });
+    owner.Do([&] {
+        lock.WriteLock();
+        lock.ReadUnlock();
+    });
     EXPECT_TRUE(Pending(read));
     owner.Do([&] { lock.WriteUnlock(); });
     EXPECT_TRUE(Pending(read));
@@ -104,7 +117,10 @@ TEST(SyncRWLock, WritersWaitingGoFirstThenAllWaitingReadersTogetherButNestedRead
     auto readB = readerB.Post([&] { lock.ReadLock(); });
     ASSERT_TRUE(ReadersWait(lock, 2));
     ASSERT_TRUE(Finishes(firstReader.Post([&] { lock.ReadLock(); })));
-    firstReader.Do([&] { lock.ReadUnlock(); lock.ReadUnlock(); });
+    firstReader.Do([&] {
+        lock.ReadUnlock();
+        lock.ReadUnlock();
+    });
     ASSERT_TRUE(Finishes(write));
     EXPECT_TRUE(Pending(readA));
 
@@ -175,7 +191,10 @@ TEST(SyncRWLock, AnUpgradeWaitsForOtherReadersAheadOfWaitingWritersWhileNewReade
     ASSERT_TRUE(ReadersWait(lock));
 
     // The remaining reader may still nest while the upgrade waits.
-    otherReader.Do([&] { lock.ReadLock(); lock.ReadUnlock(); });
+    otherReader.Do([&] {
+        lock.ReadLock();
+        lock.ReadUnlock();
+    });
     EXPECT_TRUE(Pending(upgrade));
     otherReader.Do([&] { lock.ReadUnlock(); });
     ASSERT_TRUE(Finishes(upgrade));
@@ -184,7 +203,10 @@ TEST(SyncRWLock, AnUpgradeWaitsForOtherReadersAheadOfWaitingWritersWhileNewReade
     EXPECT_TRUE(Pending(write));
     EXPECT_TRUE(Pending(read));
 
-    upgrader.Do([&] { lock.WriteUnlock(); lock.ReadUnlock(); });
+    upgrader.Do([&] {
+        lock.WriteUnlock();
+        lock.ReadUnlock();
+    });
     ASSERT_TRUE(Finishes(write));
     EXPECT_TRUE(Pending(read));
     writer.Do([&] { lock.WriteUnlock(); });
@@ -208,7 +230,10 @@ TEST(SyncRWLock, ASecondUpgradeWhileOneWaitsThrowsInsteadOfDeadlocking) {
 
     second.Do([&] { lock.ReadUnlock(); });
     ASSERT_TRUE(Finishes(upgrade));
-    first.Do([&] { lock.WriteUnlock(); lock.ReadUnlock(); });
+    first.Do([&] {
+        lock.WriteUnlock();
+        lock.ReadUnlock();
+    });
     EXPECT_TRUE(Idle(lock));
 }
 

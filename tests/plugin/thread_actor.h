@@ -24,7 +24,9 @@ using testing_support::Pending;
 
 class ThreadActor {
 public:
-    ThreadActor() { Do([this] { id_ = os::CurrentThreadId(); }); }
+    ThreadActor() {
+        Do([this] { id_ = os::CurrentThreadId(); });
+    }
 
     // Waits for all posted steps. A step still blocked after the test's
     // patience means the code under test never released it: the program

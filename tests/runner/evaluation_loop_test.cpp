@@ -18,8 +18,8 @@
 
 namespace {
 
-using Product::Integration::ConditionalRunner::EvalWaits;
 using Product::Integration::ConditionalRunner::EvaluationLoop;
+using Product::Integration::ConditionalRunner::EvalWaits;
 using Product::Integration::ConditionalRunner::PostponeSettings;
 using Product::Integration::ConditionalRunner::RunnerSignals;
 
@@ -72,10 +72,18 @@ private:
     void Deliver() {
         while (!script_.empty() && script_.begin()->first <= nowMs_) {
             switch (script_.begin()->second) {
-            case Raise::kEval: eval_ = true; break;
-            case Raise::kStop: stop_ = true; break;
-            case Raise::kPause: pause_ = true; break;
-            case Raise::kAwake: awake_ = true; break;
+                case Raise::kEval:
+                    eval_ = true;
+                    break;
+                case Raise::kStop:
+                    stop_ = true;
+                    break;
+                case Raise::kPause:
+                    pause_ = true;
+                    break;
+                case Raise::kAwake:
+                    awake_ = true;
+                    break;
             }
             script_.erase(script_.begin());
         }

@@ -35,7 +35,8 @@ TEST(RunPolicyAgent, RecordsNotConnectedAndAgentNotFoundOnly) {
     agent.OnAfterRunPolicy(L"Q", L"gone", qv::status::kAgentNotFound);
     EXPECT_TRUE(agent.agentNotFound());
     EXPECT_TRUE(capture.Contains(logging::kWarning, kFunction, L"Running method P.offline returned with err=2250"));
-    EXPECT_TRUE(capture.Contains(logging::kWarning, kFunction, L"Running method Q.gone returned with ERROR_AGENT_NOT_FOUND"));
+    EXPECT_TRUE(
+        capture.Contains(logging::kWarning, kFunction, L"Running method Q.gone returned with ERROR_AGENT_NOT_FOUND"));
 
     agent.Reset();
     EXPECT_FALSE(agent.notConnected() || agent.agentNotFound());

@@ -89,7 +89,8 @@ TEST_F(RunnerStoreTest, MethodSetsAreNodesOfTheirOwnAndOnlyThoseAreRemoved) {
     ASSERT_EQ(methodSets.size(), 2u);
     EXPECT_EQ(methodSets[L"M"].context, ParseJson(R"({"c":1})"));
     EXPECT_TRUE(methodSets[L"N"].context.isNull());
-    EXPECT_TRUE(capture.Contains(logging::kError, L"ConditionalRunnerAL::ReadMethods", L"Error reading method Methods_broken"));
+    EXPECT_TRUE(
+        capture.Contains(logging::kError, L"ConditionalRunnerAL::ReadMethods", L"Error reading method Methods_broken"));
 
     ASSERT_EQ(store_.DeleteMethod(L"M"), 0);
     EXPECT_EQ(store_.DeleteMethod(L"M"), 0);  // already gone

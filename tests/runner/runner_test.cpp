@@ -6,8 +6,8 @@
 #include <atomic>
 #include <filesystem>
 #include <memory>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "conditions/manager.h"
@@ -130,7 +130,8 @@ TEST_F(RunnerTest, RulesThatCannotBeBuiltAreLeftOutAndReported) {
                                     &errors);
     // An unknown type is reported only; the other failure is the result too.
     EXPECT_EQ(status, qv::status::kInvalidParameter);
-    EXPECT_EQ(errors, (std::vector<RuleError>{{0, qv::status::kCallNotImplemented}, {1, qv::status::kInvalidParameter}}));
+    EXPECT_EQ(errors,
+              (std::vector<RuleError>{{0, qv::status::kCallNotImplemented}, {1, qv::status::kInvalidParameter}}));
     qv::List<Rule> rules;
     ASSERT_EQ(runner_.GetRules(rules), 0);
     EXPECT_EQ(rules, (qv::List<Rule>{MakeRule(L"c", L"M", R"({"type":"boolean.TRUE"})")}));

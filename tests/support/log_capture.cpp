@@ -15,8 +15,9 @@ namespace {
 std::wstring NewTempPath(const wchar_t* prefix) {
     static std::atomic<int> counter{0};
     const auto base = std::filesystem::temp_directory_path();
-    std::wstring name = std::wstring(prefix) + std::to_wstring(std::chrono::steady_clock::now().time_since_epoch().count()) +
-                        L"-" + std::to_wstring(counter++);
+    std::wstring name = std::wstring(prefix) +
+                        std::to_wstring(std::chrono::steady_clock::now().time_since_epoch().count()) + L"-" +
+                        std::to_wstring(counter++);
     return (base / name).wstring();
 }
 
@@ -32,18 +33,14 @@ std::string ReadAll(const std::wstring& path) {
 
 }  // namespace
 
-LogCapture::LogCapture() : path_(NewTempPath(L"cr-log-") + L".txt") {
-    os::SetEnv(L"CR_LOG_FILE", path_);
-}
+LogCapture::LogCapture() : path_(NewTempPath(L"cr-log-") + L".txt") { os::SetEnv(L"CR_LOG_FILE", path_); }
 
 LogCapture::~LogCapture() {
     std::error_code ec;
     std::filesystem::remove(std::filesystem::path(path_), ec);
 }
 
-void LogCapture::Clear() {
-    os::FilePtr file = os::OpenFile(path_, L"wb");
-}
+void LogCapture::Clear() { os::FilePtr file = os::OpenFile(path_, L"wb"); }
 
 std::vector<LogLine> LogCapture::Lines() const {
     std::vector<LogLine> lines;
@@ -82,7 +79,9 @@ bool LogCapture::Contains(int level, const std::wstring& function, const std::ws
     return false;
 }
 
-TempDir::TempDir() : path_(NewTempPath(L"cr-test-")) { std::filesystem::create_directories(std::filesystem::path(path_)); }
+TempDir::TempDir() : path_(NewTempPath(L"cr-test-")) {
+    std::filesystem::create_directories(std::filesystem::path(path_));
+}
 
 TempDir::~TempDir() {
     std::error_code ec;

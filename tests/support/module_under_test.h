@@ -8,8 +8,8 @@
 
 #include <json/reader.h>
 
-#include "os/module.h"
 #include "module/module_exports.h"
+#include "os/module.h"
 #include "support/log_capture.h"
 
 namespace testing_support {
