@@ -124,15 +124,14 @@ private:
 
 std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8Lossy(text)).toStyledString(); }
 
-// Two rules over one file name one method set; a third is always true but
-// names a method set nobody sent.
+// A rule over a file and an always true rule name one method set; a third is
+// always true but names a method set nobody sent.
 std::string RulesOver(const std::wstring& file) {
     const std::string exists = R"({"type":"Test.FileExists","data":{"filePath":)" + Quoted(file) + "}}";
     return R"({"rules":[
         {"id":"r1","displayName":"one","methodSetId":"M","matchIf":)" +
            exists + R"(},
-        {"id":"r2","displayName":"two","methodSetId":"M","matchIf":)" +
-           exists + R"(},
+        {"id":"r2","displayName":"two","methodSetId":"M","matchIf":{"type":"boolean.TRUE"}},
         {"id":"r3","displayName":"lost","methodSetId":"nobody","matchIf":{"type":"boolean.TRUE"}}]})";
 }
 constexpr const char* kMethodSet =
@@ -152,14 +151,14 @@ TEST_F(RunnerEndToEnd, AFileThatAppearsRunsItsMethodSetOnceWithOneEvent) {
     HostedModule hosted(settings_);
     ASSERT_EQ(hosted.Command(L"SetMethodSet", kMethodSet), 0);
     ASSERT_EQ(hosted.Command(L"SetRules", RulesOver(watched_)), 0);
-    // Only the rule without a method set is true: nothing to run.
-    EXPECT_TRUE(Eventually([&] { return capture.Contains(L"method (nobody) was not found"); }));
-    EXPECT_EQ(hosted.Runs(), 0u);
+    // The always true rule runs its method set; the rule without one runs nothing.
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1 && hosted.Events().size() == 1; }));
+    EXPECT_EQ(hosted.Events()[0].payload["data"][0]["rulesMatched"], ParseJson(R"(["r2"])"));
+    EXPECT_TRUE(capture.Contains(L"method (nobody) was not found"));
 
     CreateFile(watched_);
-    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1; }));
-    ASSERT_TRUE(Eventually([&] { return hosted.Events().size() == 1; }));
-    const auto event = hosted.Events()[0];
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 2 && hosted.Events().size() == 2; }));
+    const auto event = hosted.Events()[1];
     EXPECT_EQ(event.name, L"Product.ConditionalRunner.MethodSetsRun");
     EXPECT_EQ(event.payload["data"].size(), 1u);
     EXPECT_EQ(event.payload["data"][0]["error"], 0);
@@ -170,8 +169,8 @@ TEST_F(RunnerEndToEnd, AFileThatAppearsRunsItsMethodSetOnceWithOneEvent) {
     capture.Clear();
     ASSERT_EQ(hosted.Command(L"SetMethodSet", R"({"id":"other","displayName":"","methods":[]})"), 0);
     EXPECT_TRUE(Eventually([&] { return capture.Contains(L"Nothing changed from the last run"); }));
-    EXPECT_EQ(hosted.Runs(), 1u);
-    EXPECT_EQ(hosted.Events().size(), 1u);
+    EXPECT_EQ(hosted.Runs(), 2u);
+    EXPECT_EQ(hosted.Events().size(), 2u);
 }
 
 TEST_F(RunnerEndToEnd, ARestartRestoresTheStateAndRunsAgainOnlyAfterAnInterruptedRun) {
@@ -179,8 +178,9 @@ TEST_F(RunnerEndToEnd, ARestartRestoresTheStateAndRunsAgainOnlyAfterAnInterrupte
         HostedModule first(settings_);
         ASSERT_EQ(first.Command(L"SetMethodSet", kMethodSet), 0);
         ASSERT_EQ(first.Command(L"SetRules", RulesOver(watched_)), 0);
-        CreateFile(watched_);
         ASSERT_TRUE(Eventually([&] { return first.Runs() == 1; }));
+        CreateFile(watched_);
+        ASSERT_TRUE(Eventually([&] { return first.Runs() == 2; }));
     }
     {
         testing_support::LogCapture capture;
@@ -218,7 +218,6 @@ TEST_F(RunnerEndToEnd, ARunThatFoundTheAgentDisconnectedIsRetriedOnce) {
     hosted.host().policyRunner().SetResult(L"P", L"m", qv::status::kNotConnected);
     ASSERT_EQ(hosted.Command(L"SetMethodSet", kMethodSet), 0);
     ASSERT_EQ(hosted.Command(L"SetRules", RulesOver(watched_)), 0);
-    CreateFile(watched_);
     // The pass ends by scheduling its retry on the runner's queue.
     ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1 && hosted.host().queues().PendingCount() == 1; }));
     hosted.host().policyRunner().SetResult(L"P", L"m", 0);
