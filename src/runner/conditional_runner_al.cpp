@@ -33,6 +33,9 @@ ConditionalRunnerAL::~ConditionalRunnerAL() {
     // plug-ins back; nothing is left to report to.
     if (evalThread_.joinable()) static_cast<void>(Stop());
     static_cast<void>(Uninit());
+    // A thread that outlived Stop's wait (stuck in a method-set run) must end
+    // before the runner goes.
+    if (evalThread_.joinable()) evalThread_.join();
 }
 
 void* ConditionalRunnerAL::QueryInterface(const GUID& iid) {

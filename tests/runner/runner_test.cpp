@@ -183,7 +183,9 @@ TEST_F(RunnerTest, EvaluationRunsEachMethodSetOnceAndOnlyOnAChange) {
 // the evaluation thread running, for a while; then a clean stop.
 TEST_F(RunnerTest, ConsoleCommandsConditionChangesAndEvaluationsInterleave) {
     constexpr auto kFor = std::chrono::milliseconds(1500);
-    ASSERT_EQ(runner_.SetSettings(Settings{0, 60}), 0);
+    // A stream of signals postpones the thread's evaluations up to the
+    // maximum (here 1 s); a thread of the test evaluates meanwhile as well.
+    ASSERT_EQ(runner_.SetSettings(Settings{0, 1}), 0);
     ASSERT_EQ(runner_.Start(), 0);
     const std::wstring files[] = {dir_.File(L"a"), dir_.File(L"b")};
     auto exists = [&](int i) {
@@ -236,6 +238,12 @@ TEST_F(RunnerTest, ConsoleCommandsConditionChangesAndEvaluationsInterleave) {
                 std::error_code ignored;
                 std::filesystem::remove(std::filesystem::path(file), ignored);
             }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    threads.emplace_back([&] {
+        while (running) {
+            check(runner_.ReEvalRules());
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     });
