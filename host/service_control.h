@@ -17,7 +17,7 @@
 #include <mutex>
 
 #include "host/subscriber_list.h"
-
+#include "plugin/module_names.h"
 #include "qv/service_control.h"
 
 namespace host {
@@ -25,7 +25,7 @@ namespace host {
 class ServiceControl final : public EndpointService::IControl {
 public:
     // The plug-in group the host puts its service control in.
-    static constexpr const wchar_t* kGroupName = L"ConditionalRunner.ServiceControl";
+    static constexpr const wchar_t* kGroupName = qv::names::kServiceControlGroup;
 
     ServiceControl() = default;
     ServiceControl(const ServiceControl&) = delete;

@@ -26,6 +26,7 @@
 #include "conditions/manager_interface.h"
 #include "model/conditional_runner.h"
 #include "plugin/event_adaptor.h"
+#include "plugin/module_names.h"
 #include "plugin/serv_plugin.h"
 #include "qv/host_services.h"
 #include "qv/serv_plugin.h"
@@ -43,7 +44,7 @@ class ConditionalRunnerAL final : public IServPlugin,
                                   public ConditionManager::IConditionEvent,
                                   public EndpointService::IControl {
 public:
-    static constexpr const wchar_t* kServiceControlGroup = L"ConditionalRunner.ServiceControl";
+    static constexpr const wchar_t* kServiceControlGroup = qv::names::kServiceControlGroup;
     static constexpr const wchar_t* kQueueName = L"qv::EasyEventQueue";
     static constexpr uint32_t kRetryDelayMs = 30000;
     static constexpr uint32_t kStopWaitTimeoutMs = 180000;
