@@ -227,6 +227,22 @@ const std::string& EntryText(const StoredValue& stored) {
 
 const std::string& TextOf(const Node& node);
 
+// Appends `key`: {name: text of member, ...} for the members of one map.
+template <class Members, class TextOfMember>
+void AppendMembers(const char* key, const Members& members, TextOfMember textOf, std::string& out) {
+    AppendQuoted(key, out);
+    out += ":{";
+    bool first = true;
+    for (const auto& [name, member] : members) {
+        if (!first) out += ',';
+        first = false;
+        AppendQuoted(name, out);
+        out += ':';
+        out += textOf(*member);
+    }
+    out += '}';
+}
+
 // Appends `node` in the file's form: {"children": {name: node},
 // "values": {name: entry}}, each part left out when empty. Children and
 // values come from their cached text.
@@ -237,32 +253,10 @@ void AppendNode(const Node& node, std::string& out) {
     for (const auto& [name, value] : node.values) size += 3 * name.size() + 4 + EntryText(*value).size();
     out.reserve(out.size() + size);
     out += '{';
-    if (!node.children.empty()) {
-        AppendQuoted(kChildrenKey, out);
-        out += ":{";
-        bool first = true;
-        for (const auto& [name, child] : node.children) {
-            if (!first) out += ',';
-            first = false;
-            AppendQuoted(name, out);
-            out += ':';
-            out += TextOf(*child);
-        }
-        out += '}';
-    }
+    if (!node.children.empty()) AppendMembers(kChildrenKey, node.children, TextOf, out);
     if (!node.values.empty()) {
         if (!node.children.empty()) out += ',';
-        AppendQuoted(kValuesKey, out);
-        out += ":{";
-        bool first = true;
-        for (const auto& [name, value] : node.values) {
-            if (!first) out += ',';
-            first = false;
-            AppendQuoted(name, out);
-            out += ':';
-            out += EntryText(*value);
-        }
-        out += '}';
+        AppendMembers(kValuesKey, node.values, EntryText, out);
     }
     out += '}';
 }
