@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <new>
+#include <optional>
 #include <set>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 #include <variant>
@@ -41,8 +43,18 @@ struct OrdinalLess {
     }
 };
 
+// A JSON value, kept as its entry in the file, {"json":<compact text>}: made
+// once when set, it is what commits write and what readers parse.
+struct JsonEntry {
+    static constexpr std::string_view kPrefix = "{\"json\":";
+    std::string entry;
+    std::string_view compact() const {
+        return std::string_view(entry).substr(kPrefix.size(), entry.size() - kPrefix.size() - 1);
+    }
+};
+
 // A stored value; the alternative is its type.
-using Value = std::variant<std::wstring, bool, Json::Value>;
+using Value = std::variant<std::wstring, bool, JsonEntry>;
 
 // Names of the tree's parts in the file: {"values": {name: {"string": text} |
 // {"bool": flag} | {"json": any}}, "children": {name: node}}.
@@ -79,26 +91,6 @@ bool ParsePath(const wchar_t* path, std::vector<std::wstring>& segments) {
     }
 }
 
-// Whether `value` nests no deeper than `depth` levels and all its text
-// (strings and member names) is well-formed UTF-8.
-bool StorableJson(const Json::Value& value, int depth) {
-    if (depth <= 0) return false;
-    if (value.isString()) {
-        const char* begin = nullptr;
-        const char* end = nullptr;
-        return value.getString(&begin, &end) && os::Utf8ToWide(std::string_view(begin, end - begin)).has_value();
-    }
-    if (value.isArray()) {
-        for (const auto& item : value)
-            if (!StorableJson(item, depth - 1)) return false;
-    } else if (value.isObject()) {
-        for (auto it = value.begin(); it != value.end(); ++it) {
-            if (!os::Utf8ToWide(it.name()) || !StorableJson(*it, depth - 1)) return false;
-        }
-    }
-    return true;
-}
-
 int32_t Guarded(auto&& body) noexcept {
     try {
         return body();
@@ -111,9 +103,10 @@ int32_t Guarded(auto&& body) noexcept {
 
 // A value with its entry as written to the file ({"string": ...} and so on).
 // Immutable once made, so the tree's nodes and a writing node's changes share
-// it. `entry` is made with the value when it is set; values read from the
-// file leave it empty and get it the first time their node is written, under
-// the store's mutex.
+// it. `entry` is made with a string or bool when it is set; such values read
+// from the file leave it empty and get it the first time their node is
+// written, under the store's mutex. A JSON value carries its entry itself
+// (see EntryText).
 struct StoredValue {
     Value value;
     mutable std::string entry;
@@ -187,40 +180,118 @@ void AppendQuoted(std::string_view utf8, std::string& out) {
 
 void AppendQuoted(const std::wstring& text, std::string& out) { AppendQuoted(os::WideToUtf8Lossy(text), out); }
 
-// `value` in compact JSON.
-std::string CompactJson(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    builder["commentStyle"] = "None";
-    return Json::writeString(builder, value);
+// Appends `value` as compact JSON (members in jsoncpp's order, numbers as its
+// writer gives them). False when it nests deeper than `depth` levels or holds
+// text (a string or a member name) that is not well-formed UTF-8: such a
+// value could not be read back. One pass both checks and writes.
+bool AppendJson(const Json::Value& value, int depth, std::string& out) {
+    if (depth <= 0) return false;
+    switch (value.type()) {
+        case Json::nullValue:
+            out += "null";
+            return true;
+        case Json::intValue:
+            out += Json::valueToString(value.asLargestInt());
+            return true;
+        case Json::uintValue:
+            out += Json::valueToString(value.asLargestUInt());
+            return true;
+        case Json::realValue:
+            out += Json::valueToString(value.asDouble());
+            return true;
+        case Json::booleanValue:
+            out += value.asBool() ? "true" : "false";
+            return true;
+        case Json::stringValue: {
+            const char* begin = nullptr;
+            const char* end = nullptr;
+            if (!value.getString(&begin, &end)) return false;
+            const std::string_view text(begin, static_cast<size_t>(end - begin));
+            if (!os::IsUtf8(text)) return false;
+            AppendQuoted(text, out);
+            return true;
+        }
+        case Json::arrayValue: {
+            out += '[';
+            // Iterated, not indexed: each index would be a lookup.
+            bool first = true;
+            for (auto it = value.begin(), end = value.end(); it != end; ++it) {
+                if (!first) out += ',';
+                first = false;
+                if (!AppendJson(*it, depth - 1, out)) return false;
+            }
+            out += ']';
+            return true;
+        }
+        case Json::objectValue: {
+            out += '{';
+            bool first = true;
+            for (auto it = value.begin(), last = value.end(); it != last; ++it) {
+                if (!first) out += ',';
+                first = false;
+                const char* end = nullptr;
+                const char* name = it.memberName(&end);
+                const std::string_view text(name, static_cast<size_t>(end - name));
+                if (!os::IsUtf8(text)) return false;
+                AppendQuoted(text, out);
+                out += ':';
+                if (!AppendJson(*it, depth - 1, out)) return false;
+            }
+            out += '}';
+            return true;
+        }
+    }
+    return false;
 }
 
-// The file's entry for `value`: {"string": text} | {"bool": flag} | {"json": any}.
+// Parses `text` strictly (one JSON value, nothing after it) into `value`;
+// on failure `errors` says why.
+bool ParseStrict(std::string_view text, Json::Value& value, std::string* errors = nullptr) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["strictRoot"] = false;  // a stored value may be a number or a string
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    return reader->parse(text.data(), text.data() + text.size(), &value, errors);
+}
+
+// The entry of `value`; null when the store cannot keep it (see AppendJson).
+std::optional<JsonEntry> MakeJsonEntry(const Json::Value& value) {
+    JsonEntry json{std::string(JsonEntry::kPrefix)};
+    if (!AppendJson(value, SettingsStore::kMaxJsonDepth, json.entry)) return std::nullopt;
+    json.entry += '}';
+    return json;
+}
+
+// A value's text as this store made it; it always parses.
+Json::Value ParseStored(std::string_view compact) {
+    Json::Value value;
+    if (!ParseStrict(compact, value)) throw std::runtime_error("stored JSON does not parse");
+    return value;
+}
+
+// The file's entry for a string or a bool: {"string": text} | {"bool": flag}.
+// A JSON value carries its entry itself.
 std::string EntryOf(const Value& value) {
     std::string entry = "{";
     if (const auto* text = std::get_if<std::wstring>(&value)) {
         AppendQuoted(kStringKey, entry);
         entry += ':';
         AppendQuoted(*text, entry);
-    } else if (const auto* flag = std::get_if<bool>(&value)) {
-        AppendQuoted(kBoolKey, entry);
-        entry += *flag ? ":true" : ":false";
     } else {
-        AppendQuoted(kJsonKey, entry);
-        entry += ':';
-        entry += CompactJson(std::get<Json::Value>(value));
+        AppendQuoted(kBoolKey, entry);
+        entry += std::get<bool>(value) ? ":true" : ":false";
     }
     entry += '}';
     return entry;
 }
 
 ValuePtr MakeValue(Value value) {
-    std::string entry = EntryOf(value);
+    std::string entry = std::holds_alternative<JsonEntry>(value) ? std::string() : EntryOf(value);
     return std::make_shared<const StoredValue>(StoredValue{std::move(value), std::move(entry)});
 }
 
 const std::string& EntryText(const StoredValue& stored) {
+    if (const auto* json = std::get_if<JsonEntry>(&stored.value)) return json->entry;
     if (stored.entry.empty()) stored.entry = EntryOf(stored.value);
     return stored.entry;
 }
@@ -272,6 +343,32 @@ const std::string& TextOf(const Node& node) {
     return node.text;
 }
 
+// Reads a value's entry ({"string": text} and so on); null on failure, with
+// `why` saying what is wrong with the value `at`.
+ValuePtr ValueFromEntry(const Json::Value& entry, const std::wstring& at, std::wstring& why) {
+    why.clear();
+    if (!entry.isObject() || entry.size() != 1) {
+        why = at + L" is not one typed entry";
+    } else if (entry.isMember(kStringKey)) {
+        const Json::Value& text = entry[kStringKey];
+        std::optional<std::wstring> wide;
+        if (text.isString()) wide = os::Utf8ToWide(text.asString());
+        if (wide) return std::make_shared<const StoredValue>(StoredValue{std::move(*wide), {}});
+        why = at + L": the string is not valid text";
+    } else if (entry.isMember(kBoolKey)) {
+        if (entry[kBoolKey].isBool())
+            return std::make_shared<const StoredValue>(StoredValue{entry[kBoolKey].asBool(), {}});
+        why = at + L": not a bool";
+    } else if (entry.isMember(kJsonKey)) {
+        if (auto json = MakeJsonEntry(entry[kJsonKey]))
+            return std::make_shared<const StoredValue>(StoredValue{std::move(*json), {}});
+        why = at + L": JSON the store would refuse";
+    } else {
+        why = at + L" has no known type";
+    }
+    return nullptr;
+}
+
 // Reads a node written by AppendNode; on failure `why` says what is wrong where.
 NodePtr FromJson(const Json::Value& in, const std::wstring& where, size_t depth, std::wstring& why) {
     auto fail = [&](const std::wstring& what) {
@@ -290,25 +387,9 @@ NodePtr FromJson(const Json::Value& in, const std::wstring& where, size_t depth,
     for (auto it = values.begin(); it != values.end(); ++it) {
         const auto name = os::Utf8ToWide(it.name());
         if (!name || name->find(L'\0') != std::wstring::npos) return fail(L"a value name is not valid text");
-        const std::wstring at = L"value \"" + *name + L"\"";
-        const Json::Value& entry = *it;
-        if (!entry.isObject() || entry.size() != 1) return fail(at + L" is not one typed entry");
-        if (entry.isMember(kStringKey)) {
-            const Json::Value& text = entry[kStringKey];
-            std::optional<std::wstring> wide;
-            if (text.isString()) wide = os::Utf8ToWide(text.asString());
-            if (!wide) return fail(at + L": the string is not valid text");
-            node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{std::move(*wide), {}}));
-        } else if (entry.isMember(kBoolKey)) {
-            if (!entry[kBoolKey].isBool()) return fail(at + L": not a bool");
-            node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{entry[kBoolKey].asBool(), {}}));
-        } else if (entry.isMember(kJsonKey)) {
-            if (!StorableJson(entry[kJsonKey], SettingsStore::kMaxJsonDepth))
-                return fail(at + L": JSON the store would refuse");
-            node->values.emplace(*name, std::make_shared<const StoredValue>(StoredValue{entry[kJsonKey], {}}));
-        } else {
-            return fail(at + L" has no known type");
-        }
+        ValuePtr value = ValueFromEntry(*it, L"value \"" + *name + L"\"", why);
+        if (!value) return fail(why);
+        node->values.emplace(*name, std::move(value));
     }
     const Json::Value& children = in[kChildrenKey];
     if (!children.isNull() && !children.isObject()) return fail(L"\"children\" is not an object");
@@ -374,14 +455,15 @@ public:
             else if (const auto* flag = std::get_if<bool>(found))
                 value = Json::Value(*flag);
             else
-                value = std::get<Json::Value>(*found);
+                value = ParseStored(std::get<JsonEntry>(*found).compact());
             return status::kSuccess;
         });
     }
     int32_t SetJson(const wchar_t* name, const Json::Value& value) override {
         return Guarded([&] {
-            if (!StorableJson(value, kMaxJsonDepth)) return status::kInvalidParameter;
-            return Set(name, Value(value));
+            auto json = MakeJsonEntry(value);
+            if (!json) return status::kInvalidParameter;
+            return Set(name, Value(std::move(*json)));
         });
     }
     int32_t GetChildNames(std::vector<std::wstring>& names) override {
@@ -472,6 +554,173 @@ NodePtr WithChanges(const Node* old, const std::vector<std::wstring>& segments, 
     return copy;
 }
 
+// The journal. Each line is {"check":"<FNV-1a of C, 8 hex digits>","commit":C}
+// where C is {"at":[segment, ...],"values":{name: entry, ...},"removed":[name, ...]}:
+// the changes one commit applied to the node at "at". A line of the tree
+// itself never starts that way (the tree's text has no line breaks inside
+// strings, and its own lines start with "{" alone or with whitespace), so
+// the journal starts at the first line that does.
+constexpr std::string_view kRecordStart = "{\"check\":\"";
+constexpr std::string_view kRecordMiddle = "\",\"commit\":";
+constexpr size_t kCheckDigits = 8;
+
+uint32_t Fnv1a(std::string_view bytes) {
+    uint32_t hash = 2166136261u;
+    for (const char c : bytes) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619u;
+    return hash;
+}
+
+std::string CheckOf(std::string_view commit) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    const uint32_t hash = Fnv1a(commit);
+    std::string digits(kCheckDigits, '0');
+    for (size_t i = 0; i < kCheckDigits; ++i) digits[i] = kHex[(hash >> (28 - 4 * i)) & 0xF];
+    return digits;
+}
+
+std::string RecordOf(const std::vector<std::wstring>& segments, const SettingsStore::Changes& changes) {
+    size_t size = 64;
+    for (const auto& segment : segments) size += 3 * segment.size() + 3;
+    for (const auto& [name, value] : changes.values) size += 3 * name.size() + 4 + EntryText(*value).size();
+    for (const auto& name : changes.removed) size += 3 * name.size() + 3;
+    std::string line;
+    line.reserve(size);
+    line += kRecordStart;
+    line.append(kCheckDigits, '0');  // filled in once the commit is written
+    line += kRecordMiddle;
+    const size_t commitStart = line.size();
+    line += "{\"at\":[";
+    for (size_t i = 0; i < segments.size(); ++i) {
+        if (i) line += ',';
+        AppendQuoted(segments[i], line);
+    }
+    line += "],\"values\":{";
+    bool first = true;
+    for (const auto& [name, value] : changes.values) {
+        if (!first) line += ',';
+        first = false;
+        AppendQuoted(name, line);
+        line += ':';
+        line += EntryText(*value);
+    }
+    line += "},\"removed\":[";
+    first = true;
+    for (const auto& name : changes.removed) {
+        if (!first) line += ',';
+        first = false;
+        AppendQuoted(name, line);
+    }
+    line += "]}";
+    line.replace(kRecordStart.size(), kCheckDigits, CheckOf(std::string_view(line).substr(commitStart)));
+    line += "}\n";
+    return line;
+}
+
+size_t FindJournal(std::string_view file) {
+    if (file.starts_with(kRecordStart)) return 0;
+    const size_t found = file.find(std::string("\n") + std::string(kRecordStart));
+    return found == std::string_view::npos ? file.size() : found + 1;
+}
+
+size_t LineCount(std::string_view text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
+
+// Reads one journal line (without its line break) into `segments` and
+// `changes`; false with `why` when it is not one.
+bool ParseRecord(std::string_view line, std::vector<std::wstring>& segments, SettingsStore::Changes& changes,
+                 std::wstring& why) {
+    const size_t commitStart = kRecordStart.size() + kCheckDigits + kRecordMiddle.size();
+    if (line.size() < commitStart + 1 || !line.starts_with(kRecordStart) ||
+        line.substr(kRecordStart.size() + kCheckDigits, kRecordMiddle.size()) != kRecordMiddle || line.back() != '}') {
+        why = L"not a journal line";
+        return false;
+    }
+    const std::string_view commit = line.substr(commitStart, line.size() - commitStart - 1);
+    if (line.substr(kRecordStart.size(), kCheckDigits) != CheckOf(commit)) {
+        why = L"its checksum does not match";
+        return false;
+    }
+    Json::Value parsed;
+    if (!ParseStrict(commit, parsed) || !parsed.isObject()) {
+        why = L"not a commit";
+        return false;
+    }
+    const Json::Value& at = parsed["at"];
+    const Json::Value& values = parsed["values"];
+    const Json::Value& removed = parsed["removed"];
+    if (!at.isArray() || !values.isObject() || !removed.isArray() || at.size() > SettingsStore::kMaxDepth) {
+        why = L"not a commit";
+        return false;
+    }
+    auto name = [](const Json::Value& text) -> std::optional<std::wstring> {
+        if (!text.isString()) return std::nullopt;
+        auto wide = os::Utf8ToWide(text.asString());
+        if (!wide || !ValidChildName(*wide)) return std::nullopt;
+        return wide;
+    };
+    segments.clear();
+    for (const auto& segment : at) {
+        auto valid = name(segment);
+        if (!valid) {
+            why = L"a path segment is not a valid name";
+            return false;
+        }
+        segments.push_back(std::move(*valid));
+    }
+    for (auto it = values.begin(); it != values.end(); ++it) {
+        const auto valueName = os::Utf8ToWide(it.name());
+        if (!valueName || valueName->find(L'\0') != std::wstring::npos) {
+            why = L"a value name is not valid text";
+            return false;
+        }
+        ValuePtr value = ValueFromEntry(*it, L"value \"" + *valueName + L"\"", why);
+        if (!value) return false;
+        changes.values.emplace(*valueName, std::move(value));
+    }
+    for (const auto& child : removed) {
+        auto valid = name(child);
+        if (!valid) {
+            why = L"a removed child is not a valid name";
+            return false;
+        }
+        changes.removed.insert(std::move(*valid));
+    }
+    return true;
+}
+
+// Applies the journal `text` to `root`. The lines are numbered from
+// `firstLine` + 1 for messages.
+struct JournalRead {
+    bool damaged = false;      // a line other than the last is not a commit: `why` says which
+    bool droppedTail = false;  // the last line was cut short and is ignored
+};
+
+JournalRead ReadJournal(std::string_view text, size_t firstLine, NodePtr& root, std::wstring& why) {
+    JournalRead read;
+    size_t number = firstLine;
+    while (!text.empty()) {
+        ++number;
+        const size_t end = text.find('\n');
+        const bool last = end == std::string_view::npos || end + 1 == text.size();
+        std::vector<std::wstring> segments;
+        SettingsStore::Changes changes;
+        std::wstring problem;
+        const bool complete = end != std::string_view::npos;
+        if (!complete || !ParseRecord(text.substr(0, end), segments, changes, problem)) {
+            if (last) {
+                read.droppedTail = true;
+                return read;
+            }
+            why = L"line " + std::to_wstring(number) + L": " + (complete ? problem : L"incomplete");
+            read.damaged = true;
+            return read;
+        }
+        NodePtr ignored;
+        root = WithChanges(root.get(), segments, 0, changes, ignored);
+        text.remove_prefix(end + 1);
+    }
+    return read;
+}
+
 }  // namespace
 
 SettingsStore::SettingsStore(std::wstring path, NodePtr root) : path_(std::move(path)), root_(std::move(root)) {}
@@ -490,12 +739,12 @@ std::unique_ptr<SettingsStore> SettingsStore::Open(const std::wstring& path, std
         case os::ReadResult::kRead:
             break;
     }
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    const std::string_view all(bytes);
+    const size_t journalStart = FindJournal(all);
+    const std::string_view tree = all.substr(0, journalStart);
     Json::Value document;
     std::string errors;
-    if (!reader->parse(bytes.data(), bytes.data() + bytes.size(), &document, &errors)) {
+    if (!ParseStrict(tree, document, &errors)) {
         error = L"settings file " + path + L" is not valid JSON: " + os::Utf8ToWideLossy(errors);
         while (!error.empty() && (error.back() == L'\n' || error.back() == L' ')) error.pop_back();
         return nullptr;
@@ -506,7 +755,17 @@ std::unique_ptr<SettingsStore> SettingsStore::Open(const std::wstring& path, std
         error = L"settings file " + path + L" does not hold a settings tree: " + why;
         return nullptr;
     }
-    return std::unique_ptr<SettingsStore>(new SettingsStore(path, std::move(root)));
+    const JournalRead journal = ReadJournal(all.substr(journalStart), LineCount(tree), root, why);
+    if (journal.damaged) {
+        error = L"settings file " + path + L" has a damaged journal: " + why;
+        return nullptr;
+    }
+    std::unique_ptr<SettingsStore> store(new SettingsStore(path, std::move(root)));
+    store->treeBytes_ = tree.size();
+    store->journalBytes_ = all.size() - journalStart;
+    // A tree without its final line break cannot take a journal line after it.
+    store->rewriteNext_ = journal.droppedTail || tree.empty() || tree.back() != '\n';
+    return store;
 }
 
 std::wstring SettingsStore::LastCommitError() const {
@@ -547,6 +806,10 @@ int32_t SettingsStore::OpenForWrite(const wchar_t* path, IEPSettingsNode** node)
 
 SettingsStore::NodePtr SettingsStore::Find(const std::vector<std::wstring>& segments) const {
     std::lock_guard lock(mutex_);
+    return FindLocked(segments);
+}
+
+SettingsStore::NodePtr SettingsStore::FindLocked(const std::vector<std::wstring>& segments) const {
     NodePtr node = root_;
     for (const auto& segment : segments) {
         const auto it = node->children.find(segment);
@@ -558,21 +821,46 @@ SettingsStore::NodePtr SettingsStore::Find(const std::vector<std::wstring>& segm
 
 int32_t SettingsStore::Apply(const std::vector<std::wstring>& segments, const Changes& changes, NodePtr& committed) {
     std::lock_guard lock(mutex_);
+    // Nothing to write for a node that exists and did not change.
+    if (changes.values.empty() && changes.removed.empty()) {
+        if (NodePtr existing = FindLocked(segments)) {
+            committed = std::move(existing);
+            return status::kSuccess;
+        }
+    }
     NodePtr changed;
     NodePtr root = WithChanges(root_.get(), segments, 0, changes, changed);
-    // Only the nodes on the changed path are written anew; the root's text is
-    // the file itself and is not kept.
-    std::string bytes;
-    AppendNode(*root, bytes);
-    bytes += '\n';
     std::wstring error;
-    if (!os::WriteFileAtomically(path_, bytes, &error)) {
+    if (!Write(*root, RecordOf(segments, changes), error)) {
         lastCommitError_ = error;
         return status::kFunctionFailed;
     }
     root_ = std::move(root);
     committed = std::move(changed);
     return status::kSuccess;
+}
+
+bool SettingsStore::Write(const Node& root, const std::string& record, std::wstring& error) {
+    if (!rewriteNext_ && journalBytes_ + record.size() <= std::max(kJournalFloor, 2 * treeBytes_)) {
+        if (os::AppendDurably(path_, record, &error)) {
+            journalBytes_ += record.size();
+            return true;
+        }
+        // The file may now end in part of the line: the next commit writes
+        // the whole tree instead of appending after it.
+        rewriteNext_ = true;
+        return false;
+    }
+    // Only the nodes on the changed path are written anew; the root's text is
+    // the file itself and is not kept.
+    std::string bytes;
+    AppendNode(root, bytes);
+    bytes += '\n';
+    if (!os::WriteFileAtomically(path_, bytes, &error)) return false;
+    treeBytes_ = bytes.size();
+    journalBytes_ = 0;
+    rewriteNext_ = false;
+    return true;
 }
 
 }  // namespace host

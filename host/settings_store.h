@@ -7,10 +7,18 @@
 // subtree as committed when it was opened; later commits (a removal of that
 // very node included) do not change what it reads.
 //
-// The file holds the whole tree as compact JSON (whitespace, as in files
-// written indented, is accepted when reading). Each node keeps the text of
-// its subtree and each value its entry, made once, so a commit writes anew
-// only the nodes on the path it changed and copies the text of the rest.
+// The file holds the whole tree as compact JSON on its first line
+// (whitespace, as in files written indented, is accepted when reading),
+// followed by a journal: one line per commit made since, each carrying a
+// checksum, appended and flushed to the disk before the commit succeeds. So
+// a commit writes only what it changed. Reading applies the journal in order;
+// a last line that is incomplete or fails its checksum is an append that a
+// stop of the process or the machine cut short (its commit never succeeded)
+// and is dropped. Any other damage refuses the file. Once the journal
+// outgrows twice the tree (or after a dropped line) the next commit writes
+// the whole tree anew, atomically, and the journal starts empty. Each node
+// keeps the text of its subtree and each value its entry, made once, so that
+// a whole write copies the text of the nodes no commit changed.
 //
 // A node opened for writing reads the tree as committed when it was opened
 // (or last committed) with its own changes laid over it. Its commit applies
@@ -46,6 +54,9 @@ class SettingsStore final : public IEPSettings {
 public:
     static constexpr size_t kMaxDepth = 64;
     static constexpr int kMaxJsonDepth = 256;
+    // The journal may always grow to this size before a whole write, however
+    // small the tree.
+    static constexpr size_t kJournalFloor = 64 * 1024;
 
     // Opens the store kept in the file at `path`. A missing file is an empty
     // tree; the file (not its folder) is created by the first commit. Null
@@ -79,15 +90,23 @@ private:
     SettingsStore(std::wstring path, NodePtr root);
     // The committed node at `segments`, or null.
     NodePtr Find(const std::vector<std::wstring>& segments) const;
+    NodePtr FindLocked(const std::vector<std::wstring>& segments) const;  // under mutex_
     // Applies a writing node's changes to the node at `segments` (made with
     // its missing parents) and writes the file; only when that succeeded is
     // the result the current tree, and `committed` the node as it now stands.
     int32_t Apply(const std::vector<std::wstring>& segments, const Changes& changes, NodePtr& committed);
 
+    // Writes `root` to the file: the commit's journal line `record`, or the
+    // whole tree when the journal is due for a rewrite.
+    bool Write(const Node& root, const std::string& record, std::wstring& error);
+
     const std::wstring path_;
     mutable std::mutex mutex_;
     NodePtr root_;
     std::wstring lastCommitError_;
+    size_t treeBytes_ = 0;     // the tree's size at the last whole write (or as read)
+    size_t journalBytes_ = 0;  // appended since
+    bool rewriteNext_ = true;  // no file yet, or a journal line was dropped or failed
 };
 
 }  // namespace host

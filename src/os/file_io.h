@@ -38,4 +38,12 @@ ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstr
 // last rename wins).
 [[nodiscard]] bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::wstring* error = nullptr);
 
+// Appends `bytes` to the existing file at `path` and flushes them to the
+// disk before returning true. A stop of the process or the machine meanwhile
+// may leave any prefix of `bytes` at the end of the file: a reader must be
+// able to recognise a partial append. On failure (`error` as above) the file
+// is cut back to its old length where the system allows it. Any thread; the
+// caller orders appends to the same file.
+[[nodiscard]] bool AppendDurably(const std::wstring& path, std::string_view bytes, std::wstring* error = nullptr);
+
 }  // namespace os

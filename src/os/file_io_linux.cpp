@@ -135,4 +135,28 @@ bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::
     return true;
 }
 
+bool AppendDurably(const std::wstring& path, std::string_view bytes, std::wstring* error) {
+    const auto narrow = WideToUtf8(path);
+    if (!narrow || narrow->empty() || narrow->find('\0') != std::string::npos) {
+        Describe(error, L"appending to", path, EINVAL);
+        return false;
+    }
+    Descriptor file(::open(narrow->c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    if (file.get() < 0) {
+        Describe(error, L"opening for appending", path, errno);
+        return false;
+    }
+    const off_t oldLength = ::lseek(file.get(), 0, SEEK_END);
+    auto fail = [&](const wchar_t* what, int code) {
+        if (oldLength >= 0) (void)::ftruncate(file.get(), oldLength);
+        Describe(error, what, path, code);
+        return false;
+    };
+    if (oldLength < 0) return fail(L"finding the end of", errno);
+    if (!WriteAll(file.get(), bytes)) return fail(L"appending to", errno);
+    if (::fdatasync(file.get()) != 0) return fail(L"flushing", errno);
+    if (file.Close() != 0) return fail(L"closing", errno);
+    return true;
+}
+
 }  // namespace os

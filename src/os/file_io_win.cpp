@@ -131,4 +131,35 @@ bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::
     return true;
 }
 
+bool AppendDurably(const std::wstring& path, std::string_view bytes, std::wstring* error) {
+    if (BadPath(path)) {
+        Describe(error, L"appending to", path, ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    Handle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file.valid()) {
+        Describe(error, L"opening for appending", path, ::GetLastError());
+        return false;
+    }
+    LARGE_INTEGER oldLength{};
+    const bool atEnd = ::SetFilePointerEx(file.get(), LARGE_INTEGER{}, &oldLength, FILE_END) != FALSE;
+    auto fail = [&](const wchar_t* what, DWORD code) {
+        if (atEnd && ::SetFilePointerEx(file.get(), oldLength, nullptr, FILE_BEGIN)) ::SetEndOfFile(file.get());
+        Describe(error, what, path, code);
+        return false;
+    };
+    if (!atEnd) return fail(L"finding the end of", ::GetLastError());
+    while (!bytes.empty()) {
+        const DWORD chunk = static_cast<DWORD>(bytes.size() < 0x40000000u ? bytes.size() : 0x40000000u);
+        DWORD written = 0;
+        if (!::WriteFile(file.get(), bytes.data(), chunk, &written, nullptr))
+            return fail(L"appending to", ::GetLastError());
+        bytes.remove_prefix(written);
+    }
+    if (!::FlushFileBuffers(file.get())) return fail(L"flushing", ::GetLastError());
+    if (!file.Close()) return fail(L"closing", ::GetLastError());
+    return true;
+}
+
 }  // namespace os

@@ -113,6 +113,17 @@ std::optional<std::string> ToUtf8(std::wstring_view text) {
 
 }  // namespace
 
+bool IsUtf8(std::string_view text) {
+    for (size_t i = 0; i < text.size();) {
+        if (static_cast<uint8_t>(text[i]) < 0x80) {
+            ++i;  // the common case, without decoding
+            continue;
+        }
+        if (!DecodeUtf8(text, i)) return false;
+    }
+    return true;
+}
+
 std::optional<std::wstring> Utf8ToWide(std::string_view text) { return ToWide<false>(text); }
 std::optional<std::string> WideToUtf8(std::wstring_view text) { return ToUtf8<false>(text); }
 std::wstring Utf8ToWideLossy(std::string_view text) { return *ToWide<true>(text); }

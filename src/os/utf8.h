@@ -10,6 +10,8 @@ namespace os {
 // Null when `text` is not well-formed UTF-8 (overlongs, surrogates, values
 // above U+10FFFF and truncated sequences are all rejected).
 std::optional<std::wstring> Utf8ToWide(std::string_view text);
+// Whether Utf8ToWide would accept `text`, without converting it.
+bool IsUtf8(std::string_view text);
 
 // Null when `text` holds an unpaired surrogate or an invalid code point.
 std::optional<std::string> WideToUtf8(std::wstring_view text);

@@ -128,7 +128,7 @@ int32_t ConditionalRunnerAL::LoadSettings() {
             rules_.clear();
             return error != 0 ? error : qv::status::kFunctionFailed;
         }
-        entries.push_back(RuleEntry{*rule, std::move(condition)});
+        entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(*rule), std::move(condition)});
     }
     DetachFrom(rules_);
     rules_.swap(entries);
@@ -144,7 +144,9 @@ int32_t ConditionalRunnerAL::Start() {
         signals_.RequestEvaluation();  // a first evaluation
     {
         std::lock_guard lock(lock_);
-        if (const int32_t status = store_.ReadLastRunRules(lastRun_.ReplaceFromStore()); status != 0) return status;
+        qv::List<Rule> lastRun;
+        if (const int32_t status = store_.ReadLastRunRules(lastRun); status != 0) return status;
+        if (const int32_t status = lastRun_.Restore(lastRun); status != 0) return status;
         bool enabled = true;
         if (store_.ReadEnabled(enabled) == 0 && !enabled) {
             lastRun_.Clear();

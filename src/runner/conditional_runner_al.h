@@ -106,7 +106,7 @@ public:
 
 private:
     struct RuleEntry {
-        Rule rule;
+        RulePtr rule;  // never null
         ConditionManager::ConditionPtr condition;
         uint64_t serial = 0;  // unique among the rules ever installed (see LastRun)
         // Whether the rule's method set exists, as of methodSetsVersion_.

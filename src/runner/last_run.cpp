@@ -1,62 +1,88 @@
 #include "runner/last_run.h"
 
+#include <algorithm>
+#include <new>
+#include <unordered_set>
+
 #include "qv/status.h"
 
 namespace Product::Integration::ConditionalRunner {
 
+int32_t LastRun::Restore(const qv::IList<Rule>& stored) {
+    Clear();
+    try {
+        rules_.reserve(stored.Count());
+        stored.ForEach([&](const Rule& rule) { rules_.push_back(std::make_shared<const RuleRecord>(rule)); });
+    } catch (const std::bad_alloc&) {
+        Clear();
+        return qv::status::kNotEnoughMemory;
+    }
+    return 0;
+}
+
 bool LastRun::Matches(const std::vector<Installed>& now) const {
-    if (now.size() != rules_.Count()) return false;
+    if (now.size() != rules_.size()) return false;
     if (serials_.size() == now.size()) {
         size_t i = 0;
         for (; i < now.size() && now[i].serial == serials_[i]; ++i) {}
         if (i == now.size()) return true;
     }
-    qv::ConstListEnumPtr<Rule> e(rules_.CreateConstEnum());
-    for (const Installed& installed : now) {
-        if (!(*installed.rule == *e->Current())) return false;
-        e->Next();
+    for (size_t i = 0; i < now.size(); ++i) {
+        const RulePtr& current = *now[i].rule;
+        if (current != rules_[i] && !(current->rule == rules_[i]->rule)) return false;
     }
     return true;
 }
 
 int32_t LastRun::Set(const std::vector<Installed>& now) {
     Clear();
-    for (const Installed& installed : now) {
-        if (const int32_t status = rules_.AddTail(*installed.rule); status != 0) {
-            Clear();
-            return status;
+    try {
+        rules_.reserve(now.size());
+        serials_.reserve(now.size());
+        for (const Installed& installed : now) {
+            rules_.push_back(*installed.rule);
+            serials_.push_back(installed.serial);
         }
+    } catch (const std::bad_alloc&) {
+        Clear();
+        return qv::status::kNotEnoughMemory;
     }
-    serials_.reserve(now.size());
-    for (const Installed& installed : now) serials_.push_back(installed.serial);
     return 0;
 }
 
 void LastRun::RemoveMethodSet(const std::wstring& methodSetId) {
     serials_.clear();
-    qv::ListEnumPtr<Rule> e(rules_.CreateEnum());
-    while (e->IsValid()) {
-        if (e->Current()->methodSetId == methodSetId) {
-            if (rules_.RemoveAt(*e) != 0) break;
-            if (e->IsValid()) e->Next();
-        } else {
-            e->Next();
+    std::vector<RulePtr> kept;
+    kept.reserve(rules_.size());
+    for (size_t i = 0; i < rules_.size(); ++i) {
+        if (rules_[i]->rule.methodSetId != methodSetId) {
+            kept.push_back(std::move(rules_[i]));
+            continue;
         }
+        // The entry after a removed one is kept unexamined.
+        if (i + 1 < rules_.size()) kept.push_back(std::move(rules_[++i]));
     }
+    rules_.swap(kept);
 }
 
 void LastRun::Forget(const std::vector<const Rule*>& rules) {
     serials_.clear();
+    // The rules are usually this list's own records: those go by identity,
+    // and only the others are compared whole.
+    std::unordered_set<const Rule*> records;
+    for (const RulePtr& entry : rules_) records.insert(&entry->rule);
+    std::unordered_set<const Rule*> forgotten;
+    std::vector<const Rule*> others;
     for (const Rule* rule : rules) {
-        qv::ListEnumPtr<Rule> e(rules_.CreateEnum());
-        while (e->IsValid()) {
-            if (*e->Current() == *rule) {
-                if (rules_.RemoveAt(*e) != 0) break;
-            } else {
-                e->Next();
-            }
-        }
+        if (records.contains(rule))
+            forgotten.insert(rule);
+        else
+            others.push_back(rule);
     }
+    std::erase_if(rules_, [&](const RulePtr& entry) {
+        return forgotten.contains(&entry->rule) ||
+               std::any_of(others.begin(), others.end(), [&](const Rule* rule) { return entry->rule == *rule; });
+    });
 }
 
 }  // namespace Product::Integration::ConditionalRunner

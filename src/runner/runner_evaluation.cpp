@@ -52,15 +52,16 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
         if (!entry.condition) continue;
         bool state = false;
         const int32_t status = entry.condition->GetState(&state, invalidateCache);
-        logging::Log(logging::kDetail, kReEvalRules, L"Rule with id %s has state %s", entry.rule.id.c_str(),
+        logging::Log(logging::kDetail, kReEvalRules, L"Rule with id %s has state %s", entry.rule->rule.id.c_str(),
                      state ? L"true" : L"false");
         if (status != 0 || !state) continue;
         if (entry.methodSetCheckedAt != methodSetsVersion_) {
-            entry.methodSetKnown = methodSets_.find(entry.rule.methodSetId) != methodSets_.end();
+            entry.methodSetKnown = methodSets_.find(entry.rule->rule.methodSetId) != methodSets_.end();
             entry.methodSetCheckedAt = methodSetsVersion_;
         }
         if (!entry.methodSetKnown) {
-            logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found", entry.rule.methodSetId.c_str());
+            logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found",
+                         entry.rule->rule.methodSetId.c_str());
             continue;
         }
         trueEntries.push_back(LastRun::Installed{&entry.rule, entry.serial});
@@ -77,7 +78,7 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     std::map<std::wstring, MethodRunData*> runOf;  // the run of each method set in `toRun`
     std::map<const MethodRunData*, std::vector<const Rule*>> rulesOf;
     for (const LastRun::Installed& installed : trueEntries) {
-        const Rule& rule = *installed.rule;
+        const Rule& rule = (*installed.rule)->rule;
         MethodRunData*& run = runOf[rule.methodSetId];
         if (!run) {
             MethodRunData created;

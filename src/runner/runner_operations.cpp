@@ -50,7 +50,7 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
             continue;
         }
         if (const int32_t status = kept.AddTail(rule); status != 0) return status;
-        entries.push_back(RuleEntry{rule, std::move(condition)});
+        entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(rule), std::move(condition)});
     }
     // Stored first: when that fails the old rules stay, in memory and stored.
     if (const int32_t status = store_.SaveRules(RunnerStore::kRulesPath, kept); status != 0) {
@@ -76,7 +76,7 @@ int32_t ConditionalRunnerAL::GetRules(qv::IList<Rule>& rules) {
     logging::CallTrace trace(kGetRules);
     std::lock_guard lock(lock_);
     for (const RuleEntry& entry : rules_)
-        if (const int32_t status = rules.AddTail(entry.rule); status != 0) return status;
+        if (const int32_t status = rules.AddTail(entry.rule->rule); status != 0) return status;
     return 0;
 }
 
@@ -207,8 +207,8 @@ int32_t ConditionalRunnerAL::NavigateRulesById(const std::wstring& id, IRuleVisi
     logging::CallTrace trace(kNavigateRulesById);
     std::lock_guard lock(lock_);
     for (const RuleEntry& entry : rules_) {
-        if (entry.rule.id != id) continue;
-        visitor.Visit(entry.rule);
+        if (entry.rule->rule.id != id) continue;
+        visitor.Visit(entry.rule->rule);
         return 0;
     }
     return qv::status::kNotFound;

@@ -2,8 +2,10 @@
 
 #include <vector>
 
+#include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
+#include "plugin/scope_exit.h"
 #include "qv/status.h"
 
 namespace Product::Integration::ConditionalRunner {
@@ -91,9 +93,30 @@ int32_t RunnerStore::ReadRules(const wchar_t* path, qv::List<Rule>& rules) {
 int32_t RunnerStore::SaveRules(const wchar_t* path, const qv::IList<Rule>& rules) {
     logging::CallTrace trace(kSaveRules);
     Json::Value document(Json::objectValue);
+    if (!JsonForms::WriteRules(document, kDocumentData, rules)) {
+        logging::Log(logging::kError, kSaveRules, L"Could not save rules to settings!");
+        return qv::status::kFunctionFailed;
+    }
+    return SaveRulesDocument(path, document);
+}
+
+int32_t RunnerStore::SaveRules(const wchar_t* path, const std::vector<RulePtr>& rules) {
+    logging::CallTrace trace(kSaveRules);
+    Json::Value document(Json::objectValue);
+    Json::Value& array = document[os::WideToUtf8Lossy(kDocumentData)] = Json::Value(Json::arrayValue);
+    array.resize(static_cast<Json::ArrayIndex>(rules.size()));
+    auto lend = [&] {
+        auto element = array.begin();
+        for (const RulePtr& record : rules) (*element++).swap(record->json);
+    };
+    lend();
+    qv::ScopeExit giveBack(lend);  // swapping again gives every form back
+    return SaveRulesDocument(path, document);
+}
+
+int32_t RunnerStore::SaveRulesDocument(const wchar_t* path, const Json::Value& document) {
     Node node;
-    int32_t status = JsonForms::WriteRules(document, kDocumentData, rules) ? 0 : qv::status::kFunctionFailed;
-    if (status == 0) status = Open(path, true, node, kSaveRules, nullptr);
+    int32_t status = Open(path, true, node, kSaveRules, nullptr);
     if (status == 0)
         status = InOrder([&] { return node->SetJson(kUnnamed, document); }, [&] { return node->Commit(); });
     if (status != 0) logging::Log(logging::kError, kSaveRules, L"Could not save rules to settings!");

@@ -16,9 +16,11 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "model/runner_json.h"
 #include "qv/settings_store.h"
+#include "runner/rule_record.h"
 
 namespace Product::Integration::ConditionalRunner {
 
@@ -39,6 +41,10 @@ public:
     // unreadable document reads as no rules.
     [[nodiscard]] int32_t ReadRules(const wchar_t* path, qv::List<Rule>& rules);
     [[nodiscard]] int32_t SaveRules(const wchar_t* path, const qv::IList<Rule>& rules);
+    // The same from the runner's records: their JSON forms are lent to the
+    // document for the time of the call, not copied; each record appears at
+    // most once.
+    [[nodiscard]] int32_t SaveRules(const wchar_t* path, const std::vector<RulePtr>& rules);
 
     [[nodiscard]] int32_t ReadMethodsRunStarted(bool& started);
     [[nodiscard]] int32_t SaveMethodsRunStarted(bool started);
@@ -72,6 +78,8 @@ private:
     // store) under `function` on failure.
     int32_t Open(const wchar_t* path, bool forWrite, Node& node, const wchar_t* function, const wchar_t* missingNode);
     int32_t ReadMethodNode(const std::wstring& nodeName, Method& methodSet);
+    // Stores `document` as the rules at `path`.
+    int32_t SaveRulesDocument(const wchar_t* path, const Json::Value& document);
 
     IEPSettings* settings_;
 };

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -317,10 +318,78 @@ TEST(SettingsStore, IndentedFilesOpenAndCommitsKeepWhatTheyDidNotTouch) {
     EXPECT_EQ(awkwardNode->GetJson(L"doc", json), status::kSuccess);
     EXPECT_EQ(json, document);
 
-    // A commit that changes nothing writes the whole tree afresh from what
-    // was read: the same bytes as the commits that kept earlier text.
+    // A commit that changes nothing writes nothing.
     ASSERT_EQ(Open(*reopened, L"/", true)->Commit(), status::kSuccess);
     EXPECT_EQ(Bytes(f.file), written);
+}
+
+size_t Lines(const std::string& bytes) { return static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '\n')); }
+
+TEST(SettingsStore, CommitsAppendUntilTheJournalOutgrowsTheTreeWhichIsThenWrittenWhole) {
+    Fixture f;
+    Put(*f.store, L"/A", L"v", L"1");  // no file yet: the whole tree
+    const std::string first = Bytes(f.file);
+    EXPECT_EQ(Lines(first), 1u);
+    Put(*f.store, L"/A", L"v", L"2");
+    Put(*f.store, L"/B", L"w", L"x");
+    const std::string appended = Bytes(f.file);
+    EXPECT_EQ(Lines(appended), 3u);
+    EXPECT_EQ(appended.substr(0, first.size()), first);
+    {
+        auto reopened = f.Reopen();
+        EXPECT_EQ(StringOf(*Open(*reopened, L"/A"), L"v"), L"2");
+        EXPECT_EQ(StringOf(*Open(*reopened, L"/B"), L"w"), L"x");
+    }
+    // A change bigger than the journal may grow: the tree is written whole,
+    // values read back from the journal included.
+    auto store = f.Reopen();
+    const std::wstring big(host::SettingsStore::kJournalFloor, L'b');
+    Put(*store, L"/Big", L"v", big);
+    const std::string whole = Bytes(f.file);
+    EXPECT_EQ(Lines(whole), 1u);
+    Json::Value parsed;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    EXPECT_TRUE(reader->parse(whole.data(), whole.data() + whole.size(), &parsed, nullptr));
+    auto reopened = f.Reopen();
+    EXPECT_EQ(StringOf(*Open(*reopened, L"/A"), L"v"), L"2");
+    EXPECT_EQ(StringOf(*Open(*reopened, L"/B"), L"w"), L"x");
+    EXPECT_EQ(StringOf(*Open(*reopened, L"/Big"), L"v"), big);
+}
+
+TEST(SettingsStore, ALastLineCutShortIsDroppedAndOtherJournalDamageRefusesTheFile) {
+    Fixture f;
+    for (const wchar_t* value : {L"1", L"2", L"3"}) Put(*f.store, L"/A", L"v", value);
+    const std::string intact = Bytes(f.file);
+    ASSERT_EQ(Lines(intact), 3u);
+    const size_t lastLine = intact.rfind('\n', intact.size() - 2) + 1;
+    const size_t middleLine = intact.rfind('\n', lastLine - 2) + 1;
+    auto withDigit = [&](size_t lineStart, char digit) {
+        std::string damaged = intact;
+        damaged[damaged.find("\"string\":\"", lineStart) + 10] = digit;
+        return damaged;
+    };
+    struct Case {
+        std::string bytes;
+        const wchar_t* expected;  // null when the file must be refused
+    };
+    for (const Case& c : {Case{intact.substr(0, intact.size() - 5), L"2"}, Case{withDigit(lastLine, '7'), L"2"},
+                          Case{intact.substr(0, lastLine), L"2"}, Case{withDigit(middleLine, '7'), nullptr}}) {
+        ASSERT_TRUE(os::WriteFileAtomically(f.file, c.bytes));
+        std::wstring error;
+        auto store = host::SettingsStore::Open(f.file, error);
+        if (!c.expected) {
+            EXPECT_FALSE(store);
+            EXPECT_NE(error.find(f.file), std::wstring::npos) << error;
+            EXPECT_NE(error.find(L"line 2"), std::wstring::npos) << error;
+            EXPECT_EQ(Bytes(f.file), c.bytes);
+            continue;
+        }
+        ASSERT_TRUE(store) << error;
+        EXPECT_EQ(StringOf(*Open(*store, L"/A"), L"v"), c.expected);
+        // The next commit does not append after the damaged line.
+        Put(*store, L"/A", L"v", L"4");
+        EXPECT_EQ(StringOf(*Open(*f.Reopen(), L"/A"), L"v"), L"4");
+    }
 }
 
 TEST(SettingsStore, ConcurrentWritersKeepEveryChange) {
