@@ -78,16 +78,20 @@ private:
     ConditionalRunnerAL runner_;
 };
 
-// `count` rules over 100 method sets; rule i is true unless i % 4 == 3, and
-// every eighth is a small combinator tree. Rule 0 follows `watched` when given.
-qv::List<Rule> MakeRules(size_t count, const std::wstring& watched = L"") {
+// Whether some of the rules made below are false.
+enum class Mix { kEveryFourthFalse, kAllTrue };
+
+// `count` rules over 100 method sets; with kEveryFourthFalse rule i is false
+// when i % 4 == 3; every eighth is a small combinator tree. Rule 0 follows
+// `watched` when given.
+qv::List<Rule> MakeRules(size_t count, const std::wstring& watched = L"", Mix mix = Mix::kEveryFourthFalse) {
     const Json::Value yes = Parse(R"({"type":"boolean.TRUE"})");
     const Json::Value no = Parse(R"({"type":"boolean.FALSE"})");
     const Json::Value tree = Parse(R"({"type":"boolean.AND","data":{"conditions":[
         {"type":"boolean.TRUE"},{"type":"boolean.NOT","data":{"condition":{"type":"boolean.FALSE"}}}]}})");
     qv::List<Rule> rules;
     for (size_t i = 0; i < count; ++i) {
-        Json::Value matchIf = i % 4 == 3 ? no : i % 8 == 0 ? tree : yes;
+        Json::Value matchIf = mix == Mix::kEveryFourthFalse && i % 4 == 3 ? no : i % 8 == 0 ? tree : yes;
         if (i == 0 && !watched.empty())
             matchIf = Parse(R"({"type":"Test.FileExists","data":{"filePath":)" +
                             Json::Value(os::WideToUtf8Lossy(watched)).toStyledString() + "}}");
@@ -103,10 +107,11 @@ void AddMethodSets(ConditionalRunnerAL& runner) {
             Method{L"set" + std::to_wstring(i), L"", Parse(R"([{"plugin":"P","method":"m"}])"), Json::Value()}, false));
 }
 
-void SetUp(ConditionalRunnerAL& runner, size_t count, const std::wstring& watched = L"") {
+void SetUp(ConditionalRunnerAL& runner, size_t count, const std::wstring& watched = L"",
+           Mix mix = Mix::kEveryFourthFalse) {
     AddMethodSets(runner);
     qv::List<RuleError> errors;
-    Bench::Check(runner.SetRules(MakeRules(count, watched), errors));
+    Bench::Check(runner.SetRules(MakeRules(count, watched, mix), errors));
     Bench::Check(runner.ReEvalRules());  // the first run; later passes compare with it
 }
 
@@ -118,13 +123,14 @@ void BM_EvaluationWithNothingChanged(benchmark::State& state) {
 }
 BENCHMARK(BM_EvaluationWithNothingChanged)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
-// Every pass asks each condition afresh (as after the service connected) and
-// finds rule 0 flipped: its method set runs and the last run is stored.
+// Every rule is true. Every pass asks each condition afresh (as after the
+// service connected) and finds rule 0 flipped: its method set runs and the
+// last run is stored.
 void BM_EvaluationWithOneRuleFlipped(benchmark::State& state) {
     Scratch scratch;
     Bench bench(scratch);
     const std::wstring watched = scratch.File(L"watched");
-    SetUp(bench.runner(), static_cast<size_t>(state.range(0)), watched);
+    SetUp(bench.runner(), static_cast<size_t>(state.range(0)), watched, Mix::kAllTrue);
     bool present = false;
     for (auto _ : state) {
         state.PauseTiming();
