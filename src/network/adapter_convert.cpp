@@ -29,8 +29,7 @@ void Insert(const os::IpAddress& address, NetworkState::IPv4List& v4, NetworkSta
     }
 }
 
-void InsertAll(const std::vector<os::IpAddress>& addresses, NetworkState::IPv4List& v4,
-               NetworkState::IPv6List& v6) {
+void InsertAll(const std::vector<os::IpAddress>& addresses, NetworkState::IPv4List& v4, NetworkState::IPv6List& v6) {
     for (const os::IpAddress& address : addresses) Insert(address, v4, v6);
 }
 

@@ -24,8 +24,8 @@ void AdapterTypeExtractor::Refresh() {
 ConnectionKind AdapterTypeExtractor::Classify(uint32_t ifType, const std::vector<uint8_t>& physicalAddress) {
     bool physical = false;
     if (auto* query = osInfo_.Get<Ovra::IPhysicalAdapterQuery>())
-        physical = query->IsPhysicalAdapter(ifType, physicalAddress.data(),
-                                            static_cast<uint32_t>(physicalAddress.size()));
+        physical =
+            query->IsPhysicalAdapter(ifType, physicalAddress.data(), static_cast<uint32_t>(physicalAddress.size()));
     if (!physical) physical = IsPhysicalMAC(physicalAddress.data(), physicalAddress.size());
     if (!physical) return ConnectionKind::kOther;
     switch (ifType) {

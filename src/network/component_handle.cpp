@@ -12,9 +12,7 @@ constexpr const wchar_t* kAcquire = L"Product::Integration::ComponentHandle::Acq
 // An anchor whose address identifies this module.
 const int kModuleAnchor = 0;
 
-int32_t SystemErrorOr632(uint32_t code) {
-    return code != 0 ? static_cast<int32_t>(code) : qv::status::kInvalidSize;
-}
+int32_t SystemErrorOr632(uint32_t code) { return code != 0 ? static_cast<int32_t>(code) : qv::status::kInvalidSize; }
 
 }  // namespace
 
@@ -53,8 +51,7 @@ int32_t ComponentHandle::Acquire(const ComponentLibraryLocation& location, const
     void* object = nullptr;
     error = create(componentName, &IQvBaseInterface::iid, &object);
     if (error != 0 || !object) {
-        logging::Log(logging::kWarning, kAcquire, L"Failed to create component [%s], error %d", componentName,
-                     error);
+        logging::Log(logging::kWarning, kAcquire, L"Failed to create component [%s], error %d", componentName, error);
         Release();
         return error != 0 ? error : qv::status::kInvalidSize;
     }
@@ -75,8 +72,7 @@ int32_t ComponentHandle::Acquire(const ComponentLibraryLocation& location, const
     component_ = component;
     query_ = base->QueryInterface(queryIid);
     if (!query_) {
-        logging::Log(logging::kWarning, kAcquire, L"Component [%s] does not answer the query interface",
-                     componentName);
+        logging::Log(logging::kWarning, kAcquire, L"Component [%s] does not answer the query interface", componentName);
         Release();
         return qv::status::kInvalidSize;
     }

@@ -31,8 +31,8 @@ NetworkProvider::NetworkProvider() : NetworkProvider(DefaultOptions()) {}
 NetworkProvider::NetworkProvider(Options options)
     : periodMs_(options.periodMs),
       changes_(options.changeSource ? std::move(options.changeSource) : std::make_unique<SystemChangeSource>()),
-      readAdapters_(options.readAdapters ? std::move(options.readAdapters) : std::function<os::AdapterList()>(
-                                                                                 [] { return os::ReadAdapters(); })),
+      readAdapters_(options.readAdapters ? std::move(options.readAdapters)
+                                         : std::function<os::AdapterList()>([] { return os::ReadAdapters(); })),
       types_(options.components) {}
 
 NetworkProvider::~NetworkProvider() {

@@ -76,9 +76,9 @@ bool operator==(const NetworkState& a, const NetworkState& b) {
            SameAddresses(a.ipv4Addresses, b.ipv4Addresses) && SameAddresses(a.ipv4DnsServers, b.ipv4DnsServers) &&
            SameAddresses(a.ipv4Gateways, b.ipv4Gateways) && SameAddresses(a.ipv4WinsServers, b.ipv4WinsServers) &&
            SameAddresses(a.ipv6Addresses, b.ipv6Addresses) && SameAddresses(a.ipv6DnsServers, b.ipv6DnsServers) &&
-           SameAddresses(a.ipv6Gateways, b.ipv6Gateways) &&
-           SameAddresses(a.ipv6WinsServers, b.ipv6WinsServers) && a.dnsSuffixes.items() == b.dnsSuffixes.items() &&
-           a.connectionKinds.items() == b.connectionKinds.items() && a.hostName == b.hostName;
+           SameAddresses(a.ipv6Gateways, b.ipv6Gateways) && SameAddresses(a.ipv6WinsServers, b.ipv6WinsServers) &&
+           a.dnsSuffixes.items() == b.dnsSuffixes.items() && a.connectionKinds.items() == b.connectionKinds.items() &&
+           a.hostName == b.hostName;
 }
 
 }  // namespace Product::Integration

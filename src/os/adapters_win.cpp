@@ -1,9 +1,9 @@
 // Adapters from GetAdaptersAddresses, asked twice: once without a buffer for
 // the size, then into a zeroed buffer of that size.
+#include <iphlpapi.h>
+#include <windows.h>
 #include <winsock2.h>
 #include <ws2tcpip.h>
-#include <windows.h>
-#include <iphlpapi.h>
 
 #include <vector>
 

@@ -10,9 +10,9 @@
 namespace os {
 
 struct ResolverConfiguration {
-    std::vector<IpAddress> servers;   // "nameserver" lines, in file order; bad addresses skipped
-    std::vector<std::wstring> search; // the words of the last "search" line
-    std::wstring domain;              // the last "domain" line
+    std::vector<IpAddress> servers;    // "nameserver" lines, in file order; bad addresses skipped
+    std::vector<std::wstring> search;  // the words of the last "search" line
+    std::wstring domain;               // the last "domain" line
 };
 
 // Reads the text of a resolv.conf file. Comments start with '#' or ';'. An

@@ -56,7 +56,8 @@ int OnInterface(nl_msg* message, void* context) {
     nlattr* attributes[NL80211_ATTR_MAX + 1] = {};
     if (genlmsg_parse(nlmsg_hdr(message), 0, attributes, NL80211_ATTR_MAX, nullptr) < 0) return NL_SKIP;
     WirelessInterface entry;
-    if (attributes[NL80211_ATTR_IFNAME]) entry.description = Utf8ToWideLossy(nla_get_string(attributes[NL80211_ATTR_IFNAME]));
+    if (attributes[NL80211_ATTR_IFNAME])
+        entry.description = Utf8ToWideLossy(nla_get_string(attributes[NL80211_ATTR_IFNAME]));
     if (nlattr* ssid = attributes[NL80211_ATTR_SSID]) {
         entry.connected = true;
         WirelessNetwork network;
