@@ -1,7 +1,12 @@
+// winsock2.h and ws2ipdef.h before windows.h, all before the IP helper
+// (the interface table needs the IPv6 definitions).
+// clang-format off
+#include <winsock2.h>
+#include <ws2ipdef.h>
+#include <windows.h>
 #include <iphlpapi.h>
 #include <netioapi.h>
-#include <windows.h>
-#include <winsock2.h>
+// clang-format on
 
 #include "physical_adapters.h"
 

@@ -1,9 +1,12 @@
 // Adapters from GetAdaptersAddresses, asked twice: once without a buffer for
 // the size, then into a zeroed buffer of that size.
-#include <iphlpapi.h>
-#include <windows.h>
+// winsock2.h before windows.h, and both before the IP helper.
+// clang-format off
 #include <winsock2.h>
 #include <ws2tcpip.h>
+#include <windows.h>
+#include <iphlpapi.h>
+// clang-format on
 
 #include <vector>
 

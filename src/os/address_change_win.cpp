@@ -1,6 +1,9 @@
-#include <iphlpapi.h>
-#include <windows.h>
+// winsock2.h before windows.h, and both before the IP helper.
+// clang-format off
 #include <winsock2.h>
+#include <windows.h>
+#include <iphlpapi.h>
+// clang-format on
 
 #include "os/address_change.h"
 #include "os/event_native_win.h"

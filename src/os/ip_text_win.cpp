@@ -1,6 +1,9 @@
-#include <windows.h>
+// winsock2.h before windows.h.
+// clang-format off
 #include <winsock2.h>
 #include <ws2tcpip.h>
+#include <windows.h>
+// clang-format on
 
 #include <cstring>
 
