@@ -1,5 +1,6 @@
 #include "network/network_provider.h"
 
+#include <future>
 #include <system_error>
 
 #include "network/adapter_convert.h"
@@ -78,12 +79,17 @@ int32_t NetworkProvider::Start() {
 
 int32_t NetworkProvider::InternalStart() {
     if (!listener_.joinable()) {
+        std::promise<void> registered;
+        std::future<void> ready = registered.get_future();
         try {
-            listener_ = std::thread([this] { NetworkListenerThread(); });
+            listener_ = std::thread([this, &registered] { NetworkListenerThread(registered); });
         } catch (const std::system_error&) {
             logging::Log(logging::kError, kInternalStart, L"Failed to create network notifications thread");
             return qv::status::kFunctionFailed;
         }
+        // The first snapshot is taken once the listener asked for changes, so
+        // that a change made meanwhile is either in it or reported after it.
+        ready.wait();
     }
     return DoUpdateState(nullptr);
 }
@@ -191,8 +197,10 @@ bool NetworkProvider::RegisterForChanges() {
     return false;
 }
 
-void NetworkProvider::NetworkListenerThread() {
-    for (bool listening = RegisterForChanges(); listening; listening = RegisterForChanges()) {
+void NetworkProvider::NetworkListenerThread(std::promise<void>& registered) {
+    bool listening = RegisterForChanges();
+    registered.set_value();  // `registered` is gone once the starter moves on
+    for (; listening; listening = RegisterForChanges()) {
         const IChangeSource::WaitResult wake = changes_->Wait(stop_, periodMs_);
         if (wake == IChangeSource::WaitResult::kChanged) {
             static_cast<void>(DoUpdateState(nullptr));

@@ -4,8 +4,9 @@
 // by every network condition. Exported as the singleton
 // "Product.ConditionalRunner.NetworkProvider".
 //
-// Start and Stop are counted: the first Start starts the listener thread and
-// takes the first snapshot on the calling thread; the Stop that balances the
+// Start and Stop are counted: the first Start starts the listener thread,
+// waits until it has asked for address changes, and then takes the first
+// snapshot on the calling thread (so no change falls between the two); the Stop that balances the
 // last Start signals the thread and joins it. The listener waits for an
 // address change or for its period (30 s):
 // - on an address change it takes a snapshot and notifies every subscriber,
@@ -24,6 +25,7 @@
 // notification of that subscriber in progress on another thread.
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -100,7 +102,8 @@ public:
 private:
     int32_t InternalStart();
     void InternalStop();
-    void NetworkListenerThread();
+    // Tells `registered` once it has asked for address changes (or failed to).
+    void NetworkListenerThread(std::promise<void>& registered);
     bool RegisterForChanges();
 
     const uint32_t periodMs_;
