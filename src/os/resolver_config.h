@@ -1,6 +1,7 @@
 #pragma once
 // The resolver configuration of a Linux machine (resolv.conf): the DNS
-// servers and suffixes every interface uses.
+// servers and suffixes every interface uses. Linux only (Windows keeps them
+// per adapter, in the adapter records).
 #include <string>
 #include <string_view>
 #include <vector>
