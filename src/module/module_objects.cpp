@@ -7,6 +7,7 @@
 // Each class adds its declaration here, in that order, as it is written.
 #include "agent/conditional_runner_agent.h"
 #include "conditions/manager.h"
+#include "network/network_provider.h"
 #include "plugin/exported_objects.h"
 #include "plugin/module_names.h"
 #include "runner/conditional_runner_al.h"
@@ -17,5 +18,6 @@ ExportedSingletonDeclaration<Product::Integration::ConditionalRunner::Conditiona
 ExportedObjectDeclaration<Product::Integration::ConditionalRunner::ConditionalRunnerAL> runner{names::kModule};
 ExportedSingletonDeclaration<Product::Integration::ConditionManager::Manager> conditionManager{
     names::kConditionManager};
+ExportedSingletonDeclaration<Product::Integration::NetworkProvider> networkProvider{names::kNetworkProvider};
 }  // namespace
 }  // namespace qv

@@ -7,13 +7,11 @@
 // Host code may implement the interface as well (a stand-in provider).
 #include <cstdint>
 
+#include "network/network_state.h"
 #include "plugin/module_names.h"
 #include "qv/base_interface.h"
 
 namespace Product::Integration {
-
-// The merged network configuration of all adapters that are up.
-struct NetworkState;
 
 class INetworkProvider : public IQvBaseInterface {
 public:

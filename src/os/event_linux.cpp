@@ -10,11 +10,9 @@
 #include <cerrno>
 #include <chrono>
 
-namespace os {
+#include "os/event_native_linux.h"
 
-struct AutoResetEvent::Native {
-    int fd = -1;
-};
+namespace os {
 
 AutoResetEvent::AutoResetEvent() : native_(std::make_unique<Native>()) {
     native_->fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

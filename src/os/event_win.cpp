@@ -4,11 +4,9 @@
 
 #include <array>
 
-namespace os {
+#include "os/event_native_win.h"
 
-struct AutoResetEvent::Native {
-    HANDLE handle = nullptr;
-};
+namespace os {
 
 AutoResetEvent::AutoResetEvent() : native_(std::make_unique<Native>()) {
     native_->handle = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);

@@ -1,5 +1,6 @@
 #pragma once
 // Loading shared libraries (DLLs / shared objects) at run time.
+#include <cstdint>
 #include <string>
 
 #include "os/path.h"
@@ -13,6 +14,21 @@ std::wstring SharedLibraryFileName(const std::wstring& stem);
 
 // Loads the library at `path` (never searched for elsewhere); null on failure.
 ModuleHandle LoadModule(const std::wstring& path) noexcept;
+
+// Loads the library at `path` so that the libraries it imports are found
+// beside it and in the system's folders (Windows: LoadLibraryExW with
+// LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS where
+// the system has SetDefaultDllDirectories, LOAD_WITH_ALTERED_SEARCH_PATH
+// otherwise; Linux: as LoadModule). Null on failure.
+ModuleHandle LoadModuleWithItsDependencies(const std::wstring& path) noexcept;
+
+// The system's error code of the calling thread's last failed load
+// (Windows: GetLastError); 0 when there is none or the system gives no code
+// (Linux).
+uint32_t LastModuleErrorCode() noexcept;
+
+// Full path of the process's executable.
+std::wstring ExecutablePath();
 
 // Why the calling thread's last LoadModule failed, in the system's words
 // (dlerror() text on Linux; the error code and its FormatMessageW text on

@@ -1,6 +1,9 @@
 #include "os/module.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
+
+#include <vector>
 
 #include "os/utf8.h"
 
@@ -39,6 +42,17 @@ ModuleHandle LoadModule(const std::wstring& path) noexcept {
 }
 
 std::wstring LastModuleError() { return lastLoadError; }
+
+ModuleHandle LoadModuleWithItsDependencies(const std::wstring& path) noexcept { return LoadModule(path); }
+
+uint32_t LastModuleErrorCode() noexcept { return 0; }
+
+std::wstring ExecutablePath() {
+    std::vector<char> buffer(4096);
+    const ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+    if (n <= 0) return {};
+    return Utf8ToWideLossy(std::string_view(buffer.data(), static_cast<size_t>(n)));
+}
 
 ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept {
     auto narrow = WideToUtf8(fileName);

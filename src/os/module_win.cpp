@@ -11,9 +11,11 @@ std::wstring SharedLibraryFileName(const std::wstring& stem) { return stem + L".
 namespace {
 // The reason of the thread's last failed LoadModule.
 thread_local std::wstring lastLoadError;
+thread_local DWORD lastLoadErrorCode = 0;
 
 // "error 126: <the system's text>", or only the code when there is no text.
 void RememberLoadError(DWORD code) noexcept {
+    lastLoadErrorCode = code;
     wchar_t* text = nullptr;
     const DWORD length =
         ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
@@ -35,6 +37,7 @@ void RememberLoadError(DWORD code) noexcept {
 
 ModuleHandle LoadModule(const std::wstring& path) noexcept {
     lastLoadError.clear();
+    lastLoadErrorCode = 0;
     if (path.empty()) {
         RememberLoadError(ERROR_INVALID_PARAMETER);
         return nullptr;
@@ -45,6 +48,27 @@ ModuleHandle LoadModule(const std::wstring& path) noexcept {
 }
 
 std::wstring LastModuleError() { return lastLoadError; }
+
+ModuleHandle LoadModuleWithItsDependencies(const std::wstring& path) noexcept {
+    lastLoadError.clear();
+    lastLoadErrorCode = 0;
+    HMODULE kernel32 = ::GetModuleHandleW(L"Kernel32.dll");
+    const bool searchFlags = kernel32 && ::GetProcAddress(kernel32, "SetDefaultDllDirectories");
+    const DWORD flags = searchFlags ? (LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS)
+                                    : LOAD_WITH_ALTERED_SEARCH_PATH;
+    static_assert((LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS) == 0x1100);
+    HMODULE module = ::LoadLibraryExW(path.c_str(), nullptr, flags);
+    if (!module) RememberLoadError(::GetLastError());
+    return module;
+}
+
+uint32_t LastModuleErrorCode() noexcept { return lastLoadErrorCode; }
+
+std::wstring ExecutablePath() {
+    std::vector<wchar_t> buffer(32767);
+    const DWORD n = ::GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
+    return std::wstring(buffer.data(), n);
+}
 
 ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept {
     HMODULE module = nullptr;

@@ -39,12 +39,13 @@ void ExpectSingleton(LoadedModule& module, const std::wstring& name, const GUID&
     module.destroy(name.c_str(), other);
 }
 
-TEST(ModuleNames, TheAgentAndTheConditionManagerAreExportedAsSingletons) {
+TEST(ModuleNames, TheAgentConditionManagerAndNetworkProviderAreExportedAsSingletons) {
     LoadedModule module;
     ASSERT_TRUE(module.Loaded());
     EXPECT_EQ(qv::names::AgentName(), L"Product.ConditionalRunner.Agent");
     ExpectSingleton(module, qv::names::AgentName(), EnterpriseIntegration::IAgent::iid);
     ExpectSingleton(module, qv::names::kConditionManager, IManager::iid);
+    ExpectSingleton(module, qv::names::kNetworkProvider, Product::Integration::INetworkProvider::iid);
 
     // Names are exact, and an interface an object lacks is refused.
     void* none = reinterpret_cast<void*>(1);
@@ -82,6 +83,32 @@ TEST(ModuleNames, TheExportedConditionManagerBuildsTreesForItsHost) {
     condition.reset();
     EXPECT_EQ(plugin->Uninit(), 0);
     EXPECT_EQ(host.components().TotalReferences(), 0);
+    module.destroy(name.c_str(), pluginPart);
+}
+
+// The exported provider is the real one: started by its host, it holds the
+// machine's addresses and host name.
+TEST(ModuleNames, TheExportedNetworkProviderReadsTheMachinesNetwork) {
+    LoadedModule module;
+    ASSERT_TRUE(module.Loaded());
+    const std::wstring name = qv::names::kNetworkProvider;
+    void* pluginPart = nullptr;
+    ASSERT_EQ(module.create(name.c_str(), &IServPlugin::iid, &pluginPart), 0);
+    auto* plugin = static_cast<IServPlugin*>(pluginPart);
+    auto* provider = static_cast<Product::Integration::INetworkProvider*>(
+        plugin->QueryInterface(Product::Integration::INetworkProvider::iid));
+    ASSERT_NE(provider, nullptr);
+    host::ReferenceHost host;
+    ASSERT_EQ(plugin->Init(host.main()), 0);
+    ASSERT_EQ(plugin->Start(), 0);
+    ASSERT_EQ(provider->Start(), 0);  // a condition's start on top of the host's
+    Product::Integration::NetworkState state;
+    EXPECT_EQ(provider->GetState(state), 0);
+    EXPECT_TRUE(state.HasUnicastAddress());
+    EXPECT_FALSE(state.hostName.empty());
+    EXPECT_EQ(provider->Stop(), 0);
+    EXPECT_EQ(plugin->Stop(), 0);
+    EXPECT_EQ(plugin->Uninit(), 0);
     module.destroy(name.c_str(), pluginPart);
 }
 

@@ -1,0 +1,93 @@
+#include "network/component_handle.h"
+
+#include "os/path.h"
+#include "plugin/log.h"
+#include "qv/status.h"
+
+namespace Product::Integration {
+namespace {
+
+constexpr const wchar_t* kAcquire = L"Product::Integration::ComponentHandle::Acquire";
+
+// An anchor whose address identifies this module.
+const int kModuleAnchor = 0;
+
+int32_t SystemErrorOr632(uint32_t code) { return code != 0 ? static_cast<int32_t>(code) : qv::status::kInvalidSize; }
+
+}  // namespace
+
+ComponentLibraryLocation ComponentLibraryLocation::Default() {
+    ComponentLibraryLocation location;
+    location.directories.push_back(os::DirectoryOf(os::ExecutablePath()));
+    location.directories.push_back(os::DirectoryOf(os::ModulePathOf(&kModuleAnchor)));
+    location.fileName = os::SharedLibraryFileName(Ovra::kProxyLibraryStem);
+    return location;
+}
+
+int32_t ComponentHandle::Acquire(const ComponentLibraryLocation& location, const wchar_t* componentName,
+                                 const GUID& queryIid) {
+    Release();
+    int32_t error = qv::status::kInvalidSize;
+    for (const std::wstring& directory : location.directories) {
+        if (directory.empty()) continue;
+        library_ = os::LoadModuleWithItsDependencies(os::JoinPath(directory, location.fileName));
+        if (library_) break;
+        error = SystemErrorOr632(os::LastModuleErrorCode());
+    }
+    if (!library_) {
+        logging::Log(logging::kWarning, kAcquire, L"Failed to load %s for component [%s], error %d",
+                     location.fileName.c_str(), componentName, error);
+        return error;
+    }
+    auto create = reinterpret_cast<Ovra::CreateObjectFn>(os::FindSymbol(library_, "QvCreateObject"));
+    destroy_ = reinterpret_cast<Ovra::DestroyObjectFn>(os::FindSymbol(library_, "QvDestroyObject"));
+    if (!create || !destroy_) {
+        logging::Log(logging::kWarning, kAcquire, L"%s exports no QvCreateObject/QvDestroyObject",
+                     location.fileName.c_str());
+        Release();
+        return qv::status::kInvalidSize;
+    }
+    name_ = componentName;
+    void* object = nullptr;
+    error = create(componentName, &IQvBaseInterface::iid, &object);
+    if (error != 0 || !object) {
+        logging::Log(logging::kWarning, kAcquire, L"Failed to create component [%s], error %d", componentName, error);
+        Release();
+        return error != 0 ? error : qv::status::kInvalidSize;
+    }
+    object_ = object;
+    auto* base = static_cast<IQvBaseInterface*>(object);
+    auto* component = static_cast<Ovra::IComponent*>(base->QueryInterface(Ovra::IComponent::iid));
+    if (!component) {
+        logging::Log(logging::kWarning, kAcquire, L"Component [%s] has no main interface", componentName);
+        Release();
+        return qv::status::kInvalidSize;
+    }
+    if (error = component->Start(); error != 0) {
+        logging::Log(logging::kWarning, kAcquire, L"Failed to start component [%s], error %d", componentName, error);
+        component->Release();
+        Release();
+        return error;
+    }
+    component_ = component;
+    query_ = base->QueryInterface(queryIid);
+    if (!query_) {
+        logging::Log(logging::kWarning, kAcquire, L"Component [%s] does not answer the query interface", componentName);
+        Release();
+        return qv::status::kInvalidSize;
+    }
+    return qv::status::kSuccess;
+}
+
+void ComponentHandle::Release() noexcept {
+    query_ = nullptr;
+    if (component_) component_->Release();
+    component_ = nullptr;
+    if (object_ && destroy_) destroy_(name_.c_str(), object_);
+    object_ = nullptr;
+    destroy_ = nullptr;
+    os::ReleaseModule(library_);
+    library_ = nullptr;
+}
+
+}  // namespace Product::Integration

@@ -1,0 +1,221 @@
+#include "network/network_provider.h"
+
+#include <future>
+#include <system_error>
+
+#include "network/adapter_convert.h"
+#include "plugin/call_trace.h"
+#include "plugin/log.h"
+#include "qv/status.h"
+
+namespace Product::Integration {
+namespace {
+
+constexpr const wchar_t* kInit = L"Product::Integration::NetworkProvider::Init";
+constexpr const wchar_t* kStart = L"Product::Integration::NetworkProvider::Start";
+constexpr const wchar_t* kStop = L"Product::Integration::NetworkProvider::Stop";
+constexpr const wchar_t* kGetState = L"Product::Integration::NetworkProvider::GetState";
+constexpr const wchar_t* kSubscribe = L"Product::Integration::NetworkProvider::Subscribe";
+constexpr const wchar_t* kUnsubscribe = L"Product::Integration::NetworkProvider::Unsubscribe";
+constexpr const wchar_t* kDoUpdateState = L"Product::Integration::NetworkProvider::DoUpdateState";
+constexpr const wchar_t* kInternalStart = L"Product::Integration::NetworkProvider::InternalStart";
+constexpr const wchar_t* kListener = L"Product::Integration::NetworkProvider::NetworkListenerThread";
+constexpr const wchar_t* kOnIPChangeEvent = L"Product::Integration::NetworkProvider::OnIPChangeEvent";
+constexpr const wchar_t* kNotify = L"Product::Integration::NetworkProvider::NotifySubscribers";
+
+NetworkProvider::Options DefaultOptions() { return {}; }
+
+}  // namespace
+
+NetworkProvider::NetworkProvider() : NetworkProvider(DefaultOptions()) {}
+
+NetworkProvider::NetworkProvider(Options options)
+    : periodMs_(options.periodMs),
+      changes_(options.changeSource ? std::move(options.changeSource) : std::make_unique<SystemChangeSource>()),
+      readAdapters_(options.readAdapters ? std::move(options.readAdapters)
+                                         : std::function<os::AdapterList()>([] { return os::ReadAdapters(); })),
+      types_(options.components) {}
+
+NetworkProvider::~NetworkProvider() {
+    std::lock_guard lock(countLock_);
+    if (listener_.joinable()) InternalStop();
+    startCount_ = 0;
+}
+
+void* NetworkProvider::QueryInterface(const GUID& iid) {
+    if (qv::GuidEquals(iid, IQvBaseInterface::iid))
+        return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
+    if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
+    if (qv::GuidEquals(iid, INetworkProvider::iid)) return static_cast<INetworkProvider*>(this);
+    return nullptr;
+}
+
+int32_t NetworkProvider::Init(IServMain*) {
+    logging::CallTrace trace(kInit);
+    int32_t error = 0;
+    if (!stop_.Valid()) {
+        error = qv::status::kCreateFailed;
+        logging::Log(logging::kError, kInit, L"Failed to create stop event error [%d] ", error);
+    }
+    if (const uint32_t notifyError = changes_->CreationError(); notifyError != 0) {
+        error = static_cast<int32_t>(notifyError);
+        logging::Log(logging::kError, kInit, L"Failed to create notify event error [%d] ", error);
+    }
+    if (error != 0) logging::Log(logging::kError, kInit, L"NetworkProvider::Init error = %d", error);
+    return error;
+}
+
+int32_t NetworkProvider::Start() {
+    logging::CallTrace trace(kStart);
+    std::lock_guard lock(countLock_);
+    if (startCount_ != 0) {
+        ++startCount_;
+        return qv::status::kSuccess;
+    }
+    const int32_t status = InternalStart();
+    if (status == qv::status::kSuccess) startCount_ = 1;
+    return status;
+}
+
+int32_t NetworkProvider::InternalStart() {
+    if (!listener_.joinable()) {
+        std::promise<void> registered;
+        std::future<void> ready = registered.get_future();
+        try {
+            listener_ = std::thread([this, &registered] { NetworkListenerThread(registered); });
+        } catch (const std::system_error&) {
+            logging::Log(logging::kError, kInternalStart, L"Failed to create network notifications thread");
+            return qv::status::kFunctionFailed;
+        }
+        // The first snapshot is taken once the listener asked for changes, so
+        // that a change made meanwhile is either in it or reported after it.
+        ready.wait();
+    }
+    return DoUpdateState(nullptr);
+}
+
+int32_t NetworkProvider::Stop() {
+    logging::CallTrace trace(kStop);
+    std::lock_guard lock(countLock_);
+    if (startCount_ == 0) return qv::status::kFunctionFailed;
+    if (--startCount_ == 0) InternalStop();
+    return qv::status::kSuccess;
+}
+
+void NetworkProvider::InternalStop() {
+    if (!listener_.joinable()) return;
+    stop_.Set();
+    listener_.join();
+    // A stop signal the thread did not consume (it had ended on its own)
+    // must not end the next one at once.
+    stop_.Reset();
+}
+
+int32_t NetworkProvider::GetState(NetworkState& out) {
+    logging::CallTrace trace(kGetState);
+    std::lock_guard lock(stateLock_);
+    out = state_;
+    return qv::status::kSuccess;
+}
+
+int32_t NetworkProvider::Subscribe(IEvents* subscriber) {
+    logging::CallTrace trace(kSubscribe);
+    return subscribers_.Add(subscriber);
+}
+
+int32_t NetworkProvider::Unsubscribe(IEvents* subscriber) {
+    logging::CallTrace trace(kUnsubscribe);
+    return subscribers_.Remove(subscriber);
+}
+
+bool NetworkProvider::ListenerRunning() const {
+    std::lock_guard lock(countLock_);
+    return listener_.joinable();
+}
+
+int32_t NetworkProvider::StartCount() const {
+    std::lock_guard lock(countLock_);
+    return startCount_;
+}
+
+int32_t NetworkProvider::DoUpdateState(bool* changed) {
+    std::lock_guard lock(stateLock_);
+    if (changed) *changed = false;
+    types_.Refresh();
+
+    NetworkState fresh;
+    const os::AdapterList list = readAdapters_();
+    if (list.result == os::AdapterList::Result::kRead) {
+        if (list.adapters.empty()) logging::Log(logging::kError, kDoUpdateState, L"GetAdaptersAddresses returns null");
+        for (const os::AdapterRecord& adapter : list.adapters) {
+            // Convert fails only for a null record, which a list cannot hold.
+            static_cast<void>(Convert(&adapter, fresh, types_));
+        }
+    } else {
+        logging::Log(logging::kWarning, kDoUpdateState, L"GetAdaptersAddresses failed with error %d",
+                     static_cast<int>(list.error));
+    }
+    if (!fresh.HasUnicastAddress()) {
+        logging::Log(logging::kError, kDoUpdateState, L"GetAdaptersAddresses ip list is emtpy. skip this update");
+        return qv::status::kSuccess;
+    }
+
+    // Failures of the wireless query are logged by it; the snapshot goes on
+    // with the SSIDs gathered so far.
+    static_cast<void>(wlan_.GetSSIDList(fresh.ssids));
+
+    const os::HostName host = os::ReadHostName();
+    if (host.ok()) {
+        fresh.hostName = host.name;
+        logging::Log(logging::kDetail, kDoUpdateState, L"Hostname: %s", fresh.hostName.c_str());
+    } else {
+        logging::Log(logging::kError, kDoUpdateState, L"Failed to retrieve the hostname.");
+    }
+
+    if (logging::CLogDLL::Exists())
+        logging::Log(logging::kDetail, kDoUpdateState, L"FINAL MERGED STATE:%s", fresh.Dump().c_str());
+    if (!changed || fresh == state_) {
+        logging::Log(logging::kDetail, kDoUpdateState, L" NETWORK STATE NOT CHANGED");
+    } else {
+        *changed = true;
+        logging::Log(logging::kDetail, kDoUpdateState, L" NETWORK STATE CHANGED");
+    }
+    state_ = std::move(fresh);
+    return qv::status::kSuccess;
+}
+
+void NetworkProvider::NotifySubscribers() {
+    subscribers_.ForEach([](IEvents* subscriber) {
+        if (const int32_t status = subscriber->OnNetworkStateChanged(); status != 0)
+            logging::Log(logging::kWarning, kNotify, L"A subscriber failed the change notification: %d", status);
+    });
+}
+
+bool NetworkProvider::RegisterForChanges() {
+    if (changes_->Register() == 0) return true;
+    logging::Log(logging::kError, kListener, L"Failed to register for network notifications");
+    return false;
+}
+
+void NetworkProvider::NetworkListenerThread(std::promise<void>& registered) {
+    bool listening = RegisterForChanges();
+    registered.set_value();  // `registered` is gone once the starter moves on
+    for (; listening; listening = RegisterForChanges()) {
+        const IChangeSource::WaitResult wake = changes_->Wait(stop_, periodMs_);
+        if (wake == IChangeSource::WaitResult::kChanged) {
+            static_cast<void>(DoUpdateState(nullptr));
+            logging::Log(logging::kDetail, kOnIPChangeEvent, L"Notifying listeners");
+            NotifySubscribers();
+        } else if (wake == IChangeSource::WaitResult::kTimeout) {
+            bool changed = false;
+            static_cast<void>(DoUpdateState(&changed));
+            if (changed) NotifySubscribers();
+        } else {
+            break;  // stopped, or the wait failed
+        }
+    }
+    changes_->Cancel();
+    logging::Log(logging::kDetail, kListener, L"Exit NetworkProvider::NetworkListenerThread");
+}
+
+}  // namespace Product::Integration

@@ -1,0 +1,99 @@
+#include <linux/rtnetlink.h>
+#include <netlink/netlink.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "os/address_change.h"
+#include "os/event_native_linux.h"
+#include "os/netlink_linux.h"
+
+namespace os {
+
+struct AddressChangeWatch::Native {
+    netlink::Socket socket;
+};
+
+AddressChangeWatch::AddressChangeWatch() : native_(std::make_unique<Native>()) {}
+AddressChangeWatch::~AddressChangeWatch() { Cancel(); }
+
+uint32_t AddressChangeWatch::CreationError() const noexcept { return 0; }
+
+uint32_t AddressChangeWatch::Register() {
+    // The socket keeps receiving once subscribed: one request serves every
+    // later wait until Cancel.
+    if (native_->socket) return 0;
+    netlink::Socket socket(nl_socket_alloc());
+    if (!socket) return NLE_NOMEM;
+    if (int e = nl_connect(socket.get(), NETLINK_ROUTE); e < 0) return static_cast<uint32_t>(-e);
+    if (int e = nl_socket_add_memberships(socket.get(), RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
+                                          RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE, 0);
+        e < 0)
+        return static_cast<uint32_t>(-e);
+    if (int e = nl_socket_set_nonblocking(socket.get()); e < 0) return static_cast<uint32_t>(-e);
+    native_->socket = std::move(socket);
+    return 0;
+}
+
+namespace {
+
+// Takes every message waiting on the socket.
+void Drain(int fd) {
+    char buffer[16384];
+    for (;;) {
+        ssize_t n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (n >= 0) continue;
+        // ENOBUFS: the kernel dropped messages; the caller re-reads everything
+        // anyway, so the loss is only noted by going on.
+        if (errno == ENOBUFS || errno == EINTR) continue;
+        return;  // EAGAIN: nothing left
+    }
+}
+
+}  // namespace
+
+AddressChangeWatch::WaitResult AddressChangeWatch::Wait(AutoResetEvent& stop, uint32_t timeoutMs) {
+    using Clock = std::chrono::steady_clock;
+    if (!native_->socket || !stop.Valid()) return WaitResult::kFailed;
+    const int socketFd = nl_socket_get_fd(native_->socket.get());
+    const int stopFd = stop.native().fd;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        int waitMs = -1;
+        if (timeoutMs != kInfinite) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            waitMs = left > 0 ? static_cast<int>(left) : 0;
+        }
+        pollfd fds[2] = {{socketFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+        const int ready = ::poll(fds, 2, waitMs);
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            return WaitResult::kFailed;
+        }
+        if (ready == 0) {
+            if (waitMs == 0 || Clock::now() >= deadline) return WaitResult::kTimeout;
+            continue;
+        }
+        ++wakeUps_;
+        // An overrun shows as POLLERR on the socket: a change as well.
+        if (fds[0].revents & (POLLIN | POLLERR)) {
+            Drain(socketFd);
+            ++changes_;
+            return WaitResult::kChanged;
+        }
+        if (fds[0].revents & POLLNVAL) return WaitResult::kFailed;
+        if (fds[1].revents & POLLIN) {
+            uint64_t value;
+            if (::read(stopFd, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) return WaitResult::kStopped;
+            continue;  // another waiter took the signal
+        }
+        if (fds[1].revents & (POLLNVAL | POLLERR)) return WaitResult::kFailed;
+    }
+}
+
+void AddressChangeWatch::Cancel() { native_->socket.reset(); }
+
+}  // namespace os

@@ -1,0 +1,86 @@
+#include "namespace_support_linux.h"
+
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace network_test {
+namespace {
+
+constexpr int kSkipStatus = 77;
+
+void WriteAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n <= 0 && errno != EINTR) return;
+        if (n > 0) done += static_cast<size_t>(n);
+    }
+}
+
+}  // namespace
+
+ChildOutcome RunInPrivateNetworkNamespace(const std::function<std::string()>& scenario) {
+    ChildOutcome outcome;
+    int fds[2];
+    if (::pipe(fds) != 0) {
+        outcome.report = std::string("pipe: ") + std::strerror(errno);
+        return outcome;
+    }
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child < 0) {
+        outcome.report = std::string("fork: ") + std::strerror(errno);
+        ::close(fds[0]);
+        ::close(fds[1]);
+        return outcome;
+    }
+    if (child == 0) {
+        ::close(fds[0]);
+        if (::unshare(CLONE_NEWNET) != 0) {
+            WriteAll(fds[1],
+                     std::string("cannot make a private network namespace (unshare -n): ") + std::strerror(errno));
+            ::_exit(kSkipStatus);
+        }
+        const std::string failures = scenario();
+        WriteAll(fds[1], failures);
+        ::_exit(failures.empty() ? 0 : 1);
+    }
+    ::close(fds[1]);
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
+        if (n > 0) {
+            outcome.report.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    ::close(fds[0]);
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {}
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        outcome.result = ChildOutcome::Result::kPassed;
+    else if (WIFEXITED(status) && WEXITSTATUS(status) == kSkipStatus)
+        outcome.result = ChildOutcome::Result::kSkipped;
+    else if (!WIFEXITED(status))
+        outcome.report += "\nthe child ended abnormally (status " + std::to_string(status) + ")";
+    return outcome;
+}
+
+std::string Shell(const std::string& command) {
+    std::string output;
+    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) return "cannot run: " + command + "\n";
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
+    const int status = ::pclose(pipe);
+    if (status == 0) return "";
+    return "failed: " + command + ": " + output + "\n";
+}
+
+}  // namespace network_test

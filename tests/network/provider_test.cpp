@@ -1,0 +1,232 @@
+// The provider's listener, start count and subscribers, over adapters and
+// address changes the test controls.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "adapter_records.h"
+#include "network/network_provider.h"
+#include "os/process_info.h"
+#include "qv/status.h"
+#include "support/log_capture.h"
+#include "support/waiting.h"
+
+namespace {
+
+using namespace network_test;
+using Product::Integration::EventChangeSource;
+using Product::Integration::INetworkProvider;
+using Product::Integration::NetworkProvider;
+using Product::Integration::NetworkState;
+using testing_support::Eventually;
+constexpr const wchar_t* kDoUpdateState = L"Product::Integration::NetworkProvider::DoUpdateState";
+constexpr const wchar_t* kListener = L"Product::Integration::NetworkProvider::NetworkListenerThread";
+
+// The adapters the provider reads, set by the test.
+class Machine {
+public:
+    void Set(std::vector<os::AdapterRecord> adapters) {
+        std::lock_guard lock(mutex_);
+        adapters_ = std::move(adapters);
+    }
+    os::AdapterList Read() {
+        std::lock_guard lock(mutex_);
+        ++reads_;
+        os::AdapterList list;
+        list.result = os::AdapterList::Result::kRead;
+        list.adapters = adapters_;
+        return list;
+    }
+    int reads() {
+        std::lock_guard lock(mutex_);
+        return reads_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<os::AdapterRecord> adapters_;
+    int reads_ = 0;
+};
+
+// Counts notifications and reads the state in each, as a condition does.
+class Subscriber final : public INetworkProvider::IEvents {
+public:
+    explicit Subscriber(INetworkProvider& provider) : provider_(provider) {}
+    int32_t OnNetworkStateChanged() override {
+        NetworkState state;
+        EXPECT_EQ(provider_.GetState(state), 0);
+        std::lock_guard lock(mutex_);
+        last_ = state;
+        ++count_;
+        return 0;
+    }
+    int count() {
+        std::lock_guard lock(mutex_);
+        return count_;
+    }
+    NetworkState last() {
+        std::lock_guard lock(mutex_);
+        return last_;
+    }
+
+private:
+    INetworkProvider& provider_;
+    std::mutex mutex_;
+    NetworkState last_;
+    int count_ = 0;
+};
+
+struct Bench {
+    explicit Bench(uint32_t periodMs) {
+        NetworkProvider::Options options;
+        options.periodMs = periodMs;
+        auto source = std::make_unique<EventChangeSource>();
+        changes = source.get();
+        options.changeSource = std::move(source);
+        options.readAdapters = [this] { return machine.Read(); };
+        options.components = NoComponents();
+        machine.Set({Adapter(L"First", V4(10, 0, 0, 1))});
+        provider = std::make_unique<NetworkProvider>(std::move(options));
+    }
+    Machine machine;
+    EventChangeSource* changes = nullptr;
+    std::unique_ptr<NetworkProvider> provider;
+};
+
+TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
+    testing_support::LogCapture log;
+    Bench bench(os::kInfinite);
+    Subscriber one(*bench.provider), two(*bench.provider);
+    ASSERT_EQ(bench.provider->Subscribe(&one), 0);
+    ASSERT_EQ(bench.provider->Subscribe(&two), 0);
+    EXPECT_EQ(bench.provider->Subscribe(&one), qv::status::kFunctionFailed);
+    ASSERT_EQ(bench.provider->Start(), 0);
+    NetworkState state;
+    ASSERT_EQ(bench.provider->GetState(state), 0);  // the first snapshot is taken by Start
+    ASSERT_EQ(state.ipv4Addresses.size(), 1u);
+    EXPECT_FALSE(state.hostName.empty());
+
+    bench.changes->Signal();
+    ASSERT_TRUE(Eventually([&] { return one.count() == 1 && two.count() == 1; }));
+    EXPECT_TRUE(one.last() == state);
+    EXPECT_TRUE(log.Contains(16, L"Product::Integration::NetworkProvider::OnIPChangeEvent", L"Notifying listeners"));
+
+    // The only adapter loses its address: the old state stays, and the
+    // subscribers still hear of the change.
+    bench.machine.Set({[] {
+        auto a = Adapter(L"First", V4(0, 0, 0, 0));
+        a.unicast.clear();
+        return a;
+    }()});
+    bench.changes->Signal();
+    ASSERT_TRUE(Eventually([&] { return two.count() == 2; }));
+    EXPECT_TRUE(two.last() == state);
+    EXPECT_TRUE(log.Contains(4, kDoUpdateState, L"GetAdaptersAddresses ip list is emtpy. skip this update"));
+
+    ASSERT_EQ(bench.provider->Unsubscribe(&one), 0);
+    EXPECT_EQ(bench.provider->Unsubscribe(&one), qv::status::kFunctionFailed);
+    bench.machine.Set({Adapter(L"First", V4(10, 0, 0, 7))});
+    bench.changes->Signal();
+    ASSERT_TRUE(Eventually([&] { return two.count() == 3; }));
+    EXPECT_EQ(one.count(), 2);
+    EXPECT_EQ(two.last().ipv4Addresses[0].ToString(), L"10.0.0.7/32");
+    EXPECT_EQ(bench.provider->Stop(), 0);
+    EXPECT_TRUE(log.Contains(16, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
+    EXPECT_EQ(bench.provider->Unsubscribe(&two), 0);
+}
+
+TEST(NetworkProvider, ATimedPassNotifiesOnlyWhenTheStateChanged) {
+    testing_support::LogCapture log;
+    Bench bench(5);
+    Subscriber subscriber(*bench.provider);
+    ASSERT_EQ(bench.provider->Subscribe(&subscriber), 0);
+    ASSERT_EQ(bench.provider->Start(), 0);
+    // Several passes over an unchanged machine: no notification.
+    const int readsAtStart = bench.machine.reads();
+    ASSERT_TRUE(Eventually([&] { return bench.machine.reads() >= readsAtStart + 4; }));
+    EXPECT_EQ(subscriber.count(), 0);
+    EXPECT_TRUE(log.Contains(16, kDoUpdateState, L" NETWORK STATE NOT CHANGED"));
+    EXPECT_FALSE(log.Contains(16, kDoUpdateState, L" NETWORK STATE CHANGED"));
+
+    // A change the address-change source does not report (a new DNS suffix):
+    // the next pass finds it and notifies once.
+    auto adapter = Adapter(L"First", V4(10, 0, 0, 1));
+    adapter.dnsSuffix = L"corp.example";
+    bench.machine.Set({adapter});
+    ASSERT_TRUE(Eventually([&] { return subscriber.count() == 1; }));
+    EXPECT_EQ(subscriber.last().dnsSuffixes.items(), std::vector<std::wstring>{L"corp.example"});
+    EXPECT_TRUE(log.Contains(16, kDoUpdateState, L" NETWORK STATE CHANGED"));
+    const int readsAfter = bench.machine.reads();
+    ASSERT_TRUE(Eventually([&] { return bench.machine.reads() >= readsAfter + 4; }));
+    EXPECT_EQ(subscriber.count(), 1);
+
+    EXPECT_EQ(bench.provider->Stop(), 0);
+    EXPECT_EQ(bench.provider->Unsubscribe(&subscriber), 0);
+}
+
+TEST(NetworkProvider, StartsAreCountedAndTheLastStopJoinsTheOneThread) {
+    Bench bench(os::kInfinite);
+    EXPECT_EQ(bench.provider->Stop(), qv::status::kFunctionFailed);  // nothing to balance
+    ASSERT_EQ(bench.provider->Start(), 0);
+    // Counted with the listener running: a sanitizer's runtime may start a
+    // thread of its own with the process's first one.
+    const size_t threadsWithListener = os::ProcessThreadCount();
+    ASSERT_EQ(bench.provider->Start(), 0);
+    EXPECT_EQ(bench.provider->StartCount(), 2);
+    EXPECT_TRUE(bench.provider->ListenerRunning());
+    EXPECT_EQ(os::ProcessThreadCount(), threadsWithListener);
+    ASSERT_EQ(bench.provider->Stop(), 0);
+    EXPECT_TRUE(bench.provider->ListenerRunning());
+    EXPECT_EQ(os::ProcessThreadCount(), threadsWithListener);
+    // Still listening: a change still reaches a subscriber.
+    Subscriber subscriber(*bench.provider);
+    ASSERT_EQ(bench.provider->Subscribe(&subscriber), 0);
+    bench.changes->Signal();
+    ASSERT_TRUE(Eventually([&] { return subscriber.count() == 1; }));
+    ASSERT_EQ(bench.provider->Stop(), 0);
+    EXPECT_FALSE(bench.provider->ListenerRunning());
+    EXPECT_EQ(bench.provider->StartCount(), 0);
+    if (threadsWithListener) EXPECT_EQ(os::ProcessThreadCount(), threadsWithListener - 1);
+    // And it starts again.
+    ASSERT_EQ(bench.provider->Start(), 0);
+    bench.changes->Signal();
+    ASSERT_TRUE(Eventually([&] { return subscriber.count() == 2; }));
+    ASSERT_EQ(bench.provider->Stop(), 0);
+    EXPECT_EQ(bench.provider->Unsubscribe(&subscriber), 0);
+}
+
+// A change source whose registration the system refuses.
+class RefusingSource final : public Product::Integration::IChangeSource {
+public:
+    uint32_t CreationError() const noexcept override { return 0; }
+    uint32_t Register() override { return 50; }
+    WaitResult Wait(os::AutoResetEvent&, uint32_t) override { return WaitResult::kFailed; }
+    void Cancel() override { ++cancels; }
+    std::atomic<int> cancels{0};
+};
+
+TEST(NetworkProvider, AFailedRegistrationEndsTheListenerAndKeepsTheState) {
+    testing_support::LogCapture log;
+    Machine machine;
+    machine.Set({Adapter(L"First", V4(10, 0, 0, 1))});
+    NetworkProvider::Options options;
+    auto source = std::make_unique<RefusingSource>();
+    RefusingSource* refusing = source.get();
+    options.changeSource = std::move(source);
+    options.readAdapters = [&] { return machine.Read(); };
+    options.components = NoComponents();
+    NetworkProvider provider(std::move(options));
+    EXPECT_EQ(provider.periodMs(), NetworkProvider::kDefaultPeriodMs);
+    ASSERT_EQ(provider.Init(nullptr), 0);
+    ASSERT_EQ(provider.Start(), 0);
+    ASSERT_TRUE(Eventually([&] { return refusing->cancels == 1; }));
+    EXPECT_TRUE(log.Contains(4, kListener, L"Failed to register for network notifications"));
+    EXPECT_TRUE(log.Contains(16, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
+    NetworkState state;
+    ASSERT_EQ(provider.GetState(state), 0);
+    EXPECT_EQ(state.ipv4Addresses.size(), 1u);
+    EXPECT_EQ(provider.Stop(), 0);
+}
+
+}  // namespace
