@@ -145,7 +145,9 @@ TEST(Sids, AccountDomainsAndDomainMembership) {
 
     const std::wstring host = qv::GetHostAccountDomainSid();
 #ifdef _WIN32
-    if (os::RunningUnderWine()) EXPECT_EQ(host, L"S-1-5-21-0-0-0");
+    if (os::RunningUnderWine()) {
+        EXPECT_EQ(host, L"S-1-5-21-0-0-0");
+    }
     EXPECT_FALSE(host.empty());
 #else
     EXPECT_EQ(host, L"");
