@@ -257,7 +257,7 @@ TEST_F(RunnerEndToEnd, DirectoryRulesFollowTheHostsUsers) {
         return Product::UserManager::UserInfo{sid, name, L"corp.local", {{L"S-1-5-21-1-2-3-513", L""}}};
     };
     ASSERT_EQ(users.LogOn(member(L"S-1-5-21-1-2-3-1104", L"ann")), 0);
-    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1 && hosted.Events().size() == 1; }));
     EXPECT_EQ(hosted.Events().back().payload["data"][0]["rulesMatched"], ParseJson(R"(["group"])"));
     // A second member changes nothing; one of the two logging off makes the
     // rule false, so the next log-on runs the method set again.
@@ -270,7 +270,7 @@ TEST_F(RunnerEndToEnd, DirectoryRulesFollowTheHostsUsers) {
     ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 2; }));
     // A user SID in lower case matches the rule's upper-case one.
     ASSERT_EQ(users.LogOn(Product::UserManager::UserInfo{L"s-1-5-21-1-2-3-2000", L"dan", L"corp.local", {}}), 0);
-    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 3; }));
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 3 && hosted.Events().size() == 3; }));
     EXPECT_EQ(hosted.Events().back().payload["data"][0]["rulesMatched"], ParseJson(R"(["group","user"])"));
 
     // A local account's SID is refused where the machine's account domain is known.
