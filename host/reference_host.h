@@ -5,7 +5,8 @@
 //
 // The agent manager and the policy runner share one name; both are offered
 // through one EndpointIntegration object that answers either interface. The
-// plug-in groups hold one ServiceControl in ServiceControl::kGroupName.
+// plug-in groups hold one ServiceControl in ServiceControl::kGroupName. The
+// user and computer managers start empty: no user logged on, no groups.
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -13,12 +14,14 @@
 #include "host/agent_manager.h"
 #include "host/clock.h"
 #include "host/component_manager.h"
+#include "host/computer_manager.h"
 #include "host/endpoint_integration.h"
 #include "host/event_queue_service.h"
 #include "host/plugin_groups.h"
 #include "host/policy_runner.h"
 #include "host/service_control.h"
 #include "host/settings_store.h"
+#include "host/user_manager.h"
 
 namespace host {
 
@@ -29,6 +32,8 @@ public:
     static constexpr const wchar_t* kGroupsName = PluginGroups::kName;
 
     static constexpr const wchar_t* kSettingsName = IEPSettings::kPluginName;
+    static constexpr const wchar_t* kUserManagerName = UserManager::kName;
+    static constexpr const wchar_t* kComputerManagerName = ComputerManager::kName;
 
     // With `manualClock` the queues and the policy runner's delays follow a
     // ManualClock that the caller advances; otherwise the system's steady
@@ -48,9 +53,13 @@ public:
         groups_.AddMember(ServiceControl::kGroupName, &serviceControl_);
         components_.Register(kGroupsName, &groups_);
         if (settings_) components_.Register(kSettingsName, settings_.get());
+        components_.Register(kUserManagerName, &users_);
+        components_.Register(kComputerManagerName, &computer_);
     }
     ~ReferenceHost() {
         components_.SetEventQueueFactory(nullptr);
+        components_.Unregister(kUserManagerName);
+        components_.Unregister(kComputerManagerName);
         if (settings_) components_.Unregister(kSettingsName);
     }
     ReferenceHost(const ReferenceHost&) = delete;
@@ -65,6 +74,8 @@ public:
     PluginGroups& groups() { return groups_; }
     ServiceControl& serviceControl() { return serviceControl_; }
     EventQueueService& queues() { return queues_; }
+    UserManager& users() { return users_; }
+    ComputerManager& computer() { return computer_; }
     // Null when the host was made without one.
     SettingsStore* settings() { return settings_.get(); }
 
@@ -79,6 +90,8 @@ private:
     ServiceControl serviceControl_;
     PluginGroups groups_;
     EventQueueService queues_;
+    UserManager users_;
+    ComputerManager computer_;
     ServMain main_;
 };
 

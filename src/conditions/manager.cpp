@@ -5,6 +5,8 @@
 #include "conditions/boolean_and_or.h"
 #include "conditions/boolean_constant.h"
 #include "conditions/boolean_not.h"
+#include "conditions/directory/ad_computer_conditions.h"
+#include "conditions/directory/ad_user_conditions.h"
 #include "conditions/file_exists.h"
 #include "conditions/ovra_connected.h"
 #include "conditions/tree_shape.h"
@@ -84,6 +86,11 @@ int32_t Manager::InitFactory() {
     AddToFactory<ConditionBooleanOr>();
     AddToFactory<ConditionBooleanNot>();
     AddToFactory<ConditionisOvraConnected>();
+    AddToFactory<ConditionADUser>();
+    AddToFactory<ConditionADUserOU>();
+    AddToFactory<ConditionADGroup>();
+    AddToFactory<ConditionADComputerGroup>();
+    AddToFactory<ConditionADComputerGroupOU>();
     return 0;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 // Test bench for the condition engine: a reference host with the services
-// the manager needs (network provider stand-in, agent client notifications),
+// the manager needs (network provider stand-in, agent client notifications,
+// and the host's own user and computer managers),
 // a manager that also knows two test-only condition types, a switch board
 // that drives the test leaves, and a recorder of notifications.
 #include <gtest/gtest.h>
@@ -259,15 +260,6 @@ private:
     mutable std::condition_variable changed_;
     std::vector<Notification> notifications_;
     int status_;
-};
-
-// A fake user manager to register in the host.
-struct FakeUserManager final : Product::UserManager::IUserManager {
-    void* QueryInterface(const GUID& iid) override {
-        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IUserManager::iid)
-                   ? static_cast<IUserManager*>(this)
-                   : nullptr;
-    }
 };
 
 // Host, services and (unless told not to) an initialised manager. Trees built

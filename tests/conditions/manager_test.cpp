@@ -40,16 +40,20 @@ TEST(ManagerInit, MissingHostServicesOnlyFailTheConditionsThatNeedThem) {
     LogCapture capture;
     Bench bench(true, false);
     bench.host.components().Unregister(host::AgentClientNotifications::kName);
+    bench.host.components().Unregister(host::ReferenceHost::kUserManagerName);
     ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
     EXPECT_TRUE(capture.Contains(logging::kTrace, kInitDependencies, L"creating dependency [Product.UserManager]"));
     EXPECT_TRUE(
         capture.Contains(logging::kTrace, kInitDependencies, L"creating dependency [Ovra.Client.Notifications]"));
-    // One miss for the user manager, one for the agent client.
+    // One miss per type that needs the user manager (three directory types
+    // and the test type), one for the agent client.
     const auto misses = MessagesFrom(capture, kInitDependencies);
-    EXPECT_EQ(std::count(misses.begin(), misses.end(), L"failed to create dependency"), 2);
+    EXPECT_EQ(std::count(misses.begin(), misses.end(), L"failed to create dependency"), 5);
 
     int32_t error = 0;
     EXPECT_EQ(bench.Create(R"({"type":"test.NeedsUserManager"})", &error), nullptr);
+    EXPECT_EQ(error, 5002);
+    EXPECT_EQ(bench.Create(R"({"type":"ad.User","data":{"sid":"S-1-5-21-1-2-3-1104"}})", &error), nullptr);
     EXPECT_EQ(error, 5002);
     EXPECT_EQ(bench.Create(R"({"type":"qv.isOvraConnected","data":{"connected":true}})", &error), nullptr);
     EXPECT_EQ(error, 5002);
@@ -62,10 +66,9 @@ TEST(ManagerInit, MissingHostServicesOnlyFailTheConditionsThatNeedThem) {
 
 TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
     Bench bench(true, false);
-    FakeUserManager users;
-    bench.host.components().Register(L"Product.UserManager", &users);
     ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
-    EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
+    // Looked up once per type that declares it: three directory types and the test type.
+    EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 4);
     EXPECT_EQ(bench.host.components().References(host::NetworkProviderStandIn::kName), 1);
     int32_t error = -1;
     {
@@ -74,7 +77,7 @@ TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
         EXPECT_EQ(error, 0);
     }
     // Building conditions takes no further references.
-    EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 1);
+    EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 4);
     EXPECT_EQ(bench.manager.Uninit(), 0);
     EXPECT_EQ(bench.host.components().TotalReferences(), 0);
 }
@@ -193,9 +196,9 @@ TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
         failed(R"({"type":"Test.FileExists","data":{"filePath":""}})", L"Test.FileExists"),
     };
     // Unknown types give 120 and no line beyond "Creating ...". Matching is
-    // exact; the network and directory types are not built yet.
+    // exact; the network types are not built yet.
     for (const char* type : {"boolean.true", "Boolean.TRUE", "boolean.XOR", "", "network.IP", "network.IPRange",
-                             "network.canResolveHost", "ad.User", "ad.ComputerGroup.OU"})
+                             "network.canResolveHost", "ad.user", "AD.ComputerGroup.OU"})
         cases.push_back({std::string(R"({"type":")") + type + "\"}", 120, 0, kCreate, L""});
 
     Bench bench;

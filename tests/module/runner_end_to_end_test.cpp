@@ -15,7 +15,9 @@
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "host/settings_store.h"
+#include "host/user_manager.h"
 #include "model/conditional_runner.h"
+#include "os/directory.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
@@ -235,6 +237,52 @@ TEST_F(RunnerEndToEnd, ARunThatFoundTheAgentDisconnectedIsRetriedOnce) {
     const auto runs = hosted.host().policyRunner().Runs();
     EXPECT_EQ(runs[0].status, qv::status::kNotConnected);
     EXPECT_EQ(runs[1].status, 0);
+}
+
+// Directory rules through the whole module: the user and computer managers
+// of the host drive the runner's method-set runs.
+TEST_F(RunnerEndToEnd, DirectoryRulesFollowTheHostsUsers) {
+    testing_support::LogCapture capture;
+    HostedModule hosted(settings_);
+    host::UserManager& users = hosted.host().users();
+    ASSERT_EQ(hosted.Command(L"SetMethodSet", kMethodSet), 0);
+    Json::Value response;
+    ASSERT_EQ(hosted.Command(L"SetRules", R"({"rules":[
+        {"id":"group","displayName":"","methodSetId":"M",
+         "matchIf":{"type":"ad.Group","data":{"sid":"S-1-5-21-1-2-3-513"}}},
+        {"id":"user","displayName":"","methodSetId":"M",
+         "matchIf":{"type":"ad.User","data":{"sid":"S-1-5-21-1-2-3-2000"}}}]})"),
+              0);
+    const auto member = [](const wchar_t* sid, const wchar_t* name) {
+        return Product::UserManager::UserInfo{sid, name, L"corp.local", {{L"S-1-5-21-1-2-3-513", L""}}};
+    };
+    ASSERT_EQ(users.LogOn(member(L"S-1-5-21-1-2-3-1104", L"ann")), 0);
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 1 && hosted.Events().size() == 1; }));
+    EXPECT_EQ(hosted.Events().back().payload["data"][0]["rulesMatched"], ParseJson(R"(["group"])"));
+    // A second member changes nothing; one of the two logging off makes the
+    // rule false, so the next log-on runs the method set again.
+    capture.Clear();  // the pass before the first log-on found the rule false too
+    ASSERT_EQ(users.LogOn(member(L"S-1-5-21-1-2-3-1105", L"bob")), 0);
+    ASSERT_EQ(users.LogOff(L"S-1-5-21-1-2-3-1105"), 0);
+    ASSERT_TRUE(Eventually([&] { return capture.Contains(L"Rule with id group has state false"); }));
+    EXPECT_EQ(hosted.Runs(), 1u);
+    ASSERT_EQ(users.LogOn(member(L"S-1-5-21-1-2-3-1106", L"eve")), 0);
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 2; }));
+    // A user SID in lower case matches the rule's upper-case one.
+    ASSERT_EQ(users.LogOn(Product::UserManager::UserInfo{L"s-1-5-21-1-2-3-2000", L"dan", L"corp.local", {}}), 0);
+    ASSERT_TRUE(Eventually([&] { return hosted.Runs() == 3 && hosted.Events().size() == 3; }));
+    EXPECT_EQ(hosted.Events().back().payload["data"][0]["rulesMatched"], ParseJson(R"(["group","user"])"));
+
+    // A local account's SID is refused where the machine's account domain is known.
+    const std::wstring host = os::GetHostAccountDomain().sid;
+    const std::wstring local = host.empty() ? L"S-1-5-32-544" : host + L"-1001";
+    EXPECT_EQ(hosted.Command(L"SetRules",
+                             R"({"rules":[{"id":"local","displayName":"","methodSetId":"M","matchIf":{"type":"ad.User",
+                                 "data":{"sid":)" +
+                                 Quoted(local) + "}}}]}",
+                             &response),
+              qv::status::kInvalidParameter);
+    EXPECT_EQ(response["rulesErrors"], ParseJson(R"([{"index":0,"error":87}])"));
 }
 
 }  // namespace

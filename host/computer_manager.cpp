@@ -1,0 +1,66 @@
+#include "host/computer_manager.h"
+
+#include <utility>
+
+#include "qv/status.h"
+
+namespace host {
+
+void* ComputerManager::QueryInterface(const GUID& iid) {
+    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IComputerManager::iid))
+        return static_cast<IComputerManager*>(this);
+    return nullptr;
+}
+
+int32_t ComputerManager::GetComputerGroups(std::vector<ComputerGroup>* groups) {
+    if (!groups) return qv::status::kInvalidParameter;
+    std::lock_guard lock(mutex_);
+    if (readFailure_ != 0) return readFailure_;
+    *groups = groups_;
+    return 0;
+}
+
+int32_t ComputerManager::GetComputerOrganisationalUnit(std::wstring* ou) {
+    if (!ou) return qv::status::kInvalidParameter;
+    std::lock_guard lock(mutex_);
+    if (readFailure_ != 0) return readFailure_;
+    *ou = ou_;
+    return 0;
+}
+
+int32_t ComputerManager::RegisterEvents(IEvents* subscriber) {
+    std::lock_guard lock(mutex_);
+    return subscribers_.Add(subscriber);
+}
+
+int32_t ComputerManager::UnregisterEvents(IEvents* subscriber) {
+    std::lock_guard lock(mutex_);
+    return subscribers_.Remove(subscriber);
+}
+
+size_t ComputerManager::SetGroups(std::vector<ComputerGroup> groups) {
+    std::lock_guard lock(mutex_);
+    groups_ = std::move(groups);
+    // The subscribers' statuses are only the host's to record; none is kept.
+    return subscribers_.ForEachStillSubscribed(
+        [&](IEvents* s) { static_cast<void>(s->OnComputerGroupsChanged(groups_)); });
+}
+
+size_t ComputerManager::SetOrganisationalUnit(std::wstring ou) {
+    std::lock_guard lock(mutex_);
+    ou_ = std::move(ou);
+    return subscribers_.ForEachStillSubscribed(
+        [&](IEvents* s) { static_cast<void>(s->OnComputerOrganisationalUnitsChanged(ou_)); });
+}
+
+void ComputerManager::FailReads(int32_t status) {
+    std::lock_guard lock(mutex_);
+    readFailure_ = status;
+}
+
+size_t ComputerManager::SubscriberCount() const {
+    std::lock_guard lock(mutex_);
+    return subscribers_.size();
+}
+
+}  // namespace host

@@ -1,0 +1,89 @@
+#include "host/user_manager.h"
+
+#include <cwctype>
+
+#include "qv/status.h"
+
+namespace host {
+namespace {
+
+bool SameSid(const std::wstring& a, const std::wstring& b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (std::towupper(a[i]) != std::towupper(b[i])) return false;
+    return true;
+}
+
+}  // namespace
+
+void* UserManager::QueryInterface(const GUID& iid) {
+    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IUserManager::iid))
+        return static_cast<IUserManager*>(this);
+    return nullptr;
+}
+
+int32_t UserManager::GetLoggedUsers(std::vector<UserInfo>* users) {
+    if (!users) return qv::status::kInvalidParameter;
+    std::lock_guard lock(mutex_);
+    if (getFailure_ != 0) return getFailure_;
+    *users = users_;
+    return 0;
+}
+
+int32_t UserManager::Subscribe(IEvents* subscriber) {
+    std::lock_guard lock(mutex_);
+    return subscribers_.Add(subscriber);
+}
+
+int32_t UserManager::Unsubscribe(IEvents* subscriber) {
+    std::lock_guard lock(mutex_);
+    return subscribers_.Remove(subscriber);
+}
+
+std::vector<UserManager::UserInfo>::iterator UserManager::FindLocked(const std::wstring& sid) {
+    for (auto it = users_.begin(); it != users_.end(); ++it)
+        if (SameSid(it->sid, sid)) return it;
+    return users_.end();
+}
+
+int32_t UserManager::LogOn(const UserInfo& user) {
+    if (user.sid.empty()) return qv::status::kInvalidParameter;
+    std::lock_guard lock(mutex_);
+    if (FindLocked(user.sid) != users_.end()) return qv::status::kAlreadyExists;
+    users_.push_back(user);
+    // The subscribers' statuses are only the host's to record; none is kept.
+    subscribers_.ForEachStillSubscribed([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOn(user)); });
+    return 0;
+}
+
+int32_t UserManager::LogOff(const std::wstring& sid) {
+    std::lock_guard lock(mutex_);
+    auto found = FindLocked(sid);
+    if (found == users_.end()) return qv::status::kNotFound;
+    const UserInfo user = *found;
+    users_.erase(found);
+    subscribers_.ForEachStillSubscribed([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOff(user)); });
+    return 0;
+}
+
+int32_t UserManager::Lock(const std::wstring& sid, bool locked) {
+    std::lock_guard lock(mutex_);
+    auto found = FindLocked(sid);
+    if (found == users_.end()) return qv::status::kNotFound;
+    const UserInfo user = *found;
+    subscribers_.ForEachStillSubscribed(
+        [&](IEvents* s) { static_cast<void>(locked ? s->OnUserSessionLocked(user) : s->OnUserSessionUnlocked(user)); });
+    return 0;
+}
+
+void UserManager::FailGetLoggedUsers(int32_t status) {
+    std::lock_guard lock(mutex_);
+    getFailure_ = status;
+}
+
+size_t UserManager::SubscriberCount() const {
+    std::lock_guard lock(mutex_);
+    return subscribers_.size();
+}
+
+}  // namespace host

@@ -1,0 +1,145 @@
+#include "conditions/directory/ad_computer_conditions.h"
+
+#include "conditions/directory/active_directory.h"
+#include "model/json_composed_serializer.h"
+#include "plugin/call_trace.h"
+#include "plugin/log.h"
+#include "qv/status.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+
+constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::ConditionADComputerGroupsBase::Init";
+constexpr const wchar_t* kGroupCompute =
+    L"Product::Integration::ConditionManager::ConditionADComputerGroup::ComputeCurrentState";
+constexpr const wchar_t* kGroupsChanged =
+    L"Product::Integration::ConditionManager::ConditionADComputerGroup::OnComputerGroupsChanged";
+constexpr const wchar_t* kOuCompute =
+    L"Product::Integration::ConditionManager::ConditionADComputerGroupOU::ComputeCurrentState";
+constexpr const wchar_t* kOuChanged =
+    L"Product::Integration::ConditionManager::ConditionADComputerGroupOU::OnComputerOrganisationalUnitsChanged";
+
+}  // namespace
+
+ConditionADComputerGroupsBase::~ConditionADComputerGroupsBase() { ConditionADComputerGroupsBase::Uninit(); }
+
+int32_t ConditionADComputerGroupsBase::Init(const InitData& data) {
+    if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
+    if (!manager()) {
+        logging::Log(logging::kError, kInit, L"computer groups manager plugin dependency not found!");
+        return qv::status::kDependencyNotFound;
+    }
+    if (const int32_t status = LoadConditionData(data.json); status != 0) {
+        logging::Log(logging::kError, kInit, L"Could not load data for condition type %s, error = %d.", TypeKeyword(),
+                     static_cast<int>(status));
+        return status;
+    }
+    ComputeCurrentState(true, false);
+    if (const int32_t status = manager()->RegisterEvents(this); status != 0) {
+        logging::Log(logging::kError, kInit, L"register to computer groups manager plugin failed");
+        return status;
+    }
+    registered_ = true;
+    return 0;
+}
+
+void ConditionADComputerGroupsBase::Uninit() {
+    if (!registered_) return;
+    static_cast<void>(manager()->UnregisterEvents(this));  // refused only when not registered
+    registered_ = false;
+}
+
+int32_t ConditionADComputerGroupsBase::GetState(bool* state, bool) {
+    if (!state) return qv::status::kInvalidParameter;
+    std::lock_guard lock(mutex_);
+    *state = state_;
+    return 0;
+}
+
+void ConditionADComputerGroupsBase::Apply(bool result, bool notify) {
+    bool changed = false;
+    {
+        std::lock_guard lock(mutex_);
+        changed = state_ != result;
+        state_ = result;
+    }
+    if (changed && notify) static_cast<void>(NotifyChanged(result));  // the statuses have nobody to go to
+}
+
+int32_t ConditionADComputerGroupsBase::LoadTarget(const Json::Value& json, const wchar_t* name, std::wstring& out) {
+    const Json::Value* data = qv::JsonComposedSerializer::Find(json, L"data");
+    if (!data) return qv::status::kInvalidParameter;
+    return qv::JsonComposedSerializer::Load(*data, name, out) ? 0 : qv::status::kInvalidParameter;
+}
+
+int32_t ConditionADComputerGroup::LoadConditionData(const Json::Value& json) { return LoadTarget(json, L"sid", sid_); }
+
+bool ConditionADComputerGroup::IsMember(const std::vector<ComputerGroup>& groups) const {
+    for (const ComputerGroup& group : groups)
+        if (qv::ActiveDirectory::EqualIgnoringCase(group.sid, sid_)) return true;
+    return false;
+}
+
+void ConditionADComputerGroup::ComputeCurrentState(bool reload, bool notify) {
+    if (!reload) {
+        bool ignored = false;
+        static_cast<void>(GetState(&ignored, false));
+        return;
+    }
+    std::vector<ComputerGroup> groups;
+    if (const int32_t status = manager()->GetComputerGroups(&groups); status != 0) {
+        logging::Log(logging::kError, kGroupCompute, L"getting current computer groups failed with err %d",
+                     static_cast<int>(status));
+        groups.clear();
+    }
+    Apply(IsMember(groups), notify);
+}
+
+int32_t ConditionADComputerGroup::OnComputerGroupsChanged(const std::vector<ComputerGroup>& groups) {
+    logging::CallTrace trace(kGroupsChanged);
+    logging::Log(logging::kTrace, kGroupsChanged, L"computer groups have changed");
+    for (const ComputerGroup& group : groups)
+        logging::Log(logging::kTrace, kGroupsChanged, L"\tnew computer group: dn: %s; sid: %s", group.dn.c_str(),
+                     group.sid.c_str());
+    Apply(IsMember(groups), true);
+    return 0;
+}
+
+int32_t ConditionADComputerGroupOU::LoadConditionData(const Json::Value& json) {
+    return LoadTarget(json, L"distinguishedName", ouDn_);
+}
+
+bool ConditionADComputerGroupOU::IsBelowTarget(const std::wstring& computerDn, const wchar_t* function) const {
+    try {
+        return qv::ActiveDirectory::IsComputerPartOfOU(computerDn, ouDn_);
+    } catch (const qv::ActiveDirectory::active_directory_exception& e) {
+        logging::Log(logging::kError, function, L"%s", e.message().c_str());
+    }
+    return false;
+}
+
+void ConditionADComputerGroupOU::ComputeCurrentState(bool reload, bool notify) {
+    if (!reload) {
+        bool ignored = false;
+        static_cast<void>(GetState(&ignored, false));
+        return;
+    }
+    std::wstring ou;
+    if (const int32_t status = manager()->GetComputerOrganisationalUnit(&ou); status != 0) {
+        logging::Log(logging::kError, kOuCompute, L"getting current computer organisational unit failed with err %d",
+                     static_cast<int>(status));
+        Apply(false, notify);
+        return;
+    }
+    Apply(IsBelowTarget(ou, kOuCompute), notify);
+}
+
+int32_t ConditionADComputerGroupOU::OnComputerOrganisationalUnitsChanged(const std::wstring& ou) {
+    logging::CallTrace trace(kOuChanged);
+    logging::Log(logging::kTrace, kOuChanged, L"computer ou have changed");
+    logging::Log(logging::kTrace, kOuChanged, L"\tnew computer ou: %s;", ou.c_str());
+    Apply(IsBelowTarget(ou, kOuChanged), true);
+    return 0;
+}
+
+}  // namespace Product::Integration::ConditionManager

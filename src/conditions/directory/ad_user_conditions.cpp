@@ -1,0 +1,175 @@
+#include "conditions/directory/ad_user_conditions.h"
+
+#include <exception>
+#include <vector>
+
+#include "conditions/directory/active_directory.h"
+#include "model/json_composed_serializer.h"
+#include "plugin/call_trace.h"
+#include "plugin/log.h"
+#include "qv/status.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+
+constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::ConditionADBase::Init";
+constexpr const wchar_t* kComputeState = L"Product::Integration::ConditionManager::ConditionADBase::computeState";
+constexpr const wchar_t* kUserLoad = L"Product::Integration::ConditionManager::ConditionADUser::LoadConditionData";
+constexpr const wchar_t* kGroupLoad = L"Product::Integration::ConditionManager::ConditionADGroup::LoadConditionData";
+constexpr const wchar_t* kIsUserPartOfOU = L"Product::Integration::ConditionManager::ConditionADUserOU::IsUserPartOfOU";
+
+using Product::UserManager::IUserManager;
+using qv::ActiveDirectory::active_directory_exception;
+using qv::ActiveDirectory::EqualIgnoringCase;
+
+// Reads the string member `name` of "data"; 0 or kInvalidParameter.
+int32_t LoadDataString(const Json::Value& json, const wchar_t* name, std::wstring& out) {
+    const Json::Value* data = qv::JsonComposedSerializer::Find(json, L"data");
+    if (!data) return qv::status::kInvalidParameter;
+    return qv::JsonComposedSerializer::Load(*data, name, out) ? 0 : qv::status::kInvalidParameter;
+}
+
+// Reads "sid" and refuses one whose account is not a domain's.
+int32_t LoadDomainSid(const Json::Value& json, const wchar_t* function, std::wstring& sid) {
+    if (const int32_t status = LoadDataString(json, L"sid", sid); status != 0) return status;
+    if (!qv::ActiveDirectory::IsDomainSid(sid)) {
+        logging::Log(logging::kError, function, L"Sid [%s] does not belong to a domain", sid.c_str());
+        return qv::status::kInvalidParameter;
+    }
+    return 0;
+}
+
+}  // namespace
+
+ConditionADBase::~ConditionADBase() { ConditionADBase::Uninit(); }
+
+int32_t ConditionADBase::Init(const InitData& data) {
+    if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
+    if (const int32_t status = LoadConditionData(data.json); status != 0) {
+        logging::Log(logging::kError, kInit, L"Could not load data for condition type %s, error = %d.", GetType(),
+                     static_cast<int>(status));
+        return status;
+    }
+    IUserManager* users = Dependency<IUserManager>();
+    if (!users) {
+        logging::Log(logging::kError, kInit, L"user manager plugin dependency not found!");
+        return qv::status::kDependencyNotFound;
+    }
+    if (const int32_t status = OpenQueue(Slot<EvQueueWithName>().queue(), kQueueName, kInit); status != 0)
+        return status;
+    if (const int32_t status = users->Subscribe(this); status != 0) {
+        logging::Log(logging::kError, kInit, L"register to user manager plugin failed [%d]", static_cast<int>(status));
+        return status;
+    }
+    subscribed_ = true;
+    if (const int32_t status = Slot<EvQueueWithName>().queue().Post([this] { ComputeState(true); }, 0); status != 0)
+        logging::Log(logging::kWarning, kInit, L"cannot schedule the initial computation [%d]",
+                     static_cast<int>(status));
+    return 0;
+}
+
+void ConditionADBase::Uninit() {
+    if (subscribed_) {
+        static_cast<void>(Dependency<IUserManager>()->Unsubscribe(this));  // refused only when not subscribed
+        subscribed_ = false;
+    }
+    Slot<EvQueueWithName>().queue().Close();
+}
+
+int32_t ConditionADBase::GetState(bool* state, bool) {
+    if (!state) return qv::status::kInvalidParameter;
+    std::lock_guard lock(mutex_);
+    *state = state_;
+    return 0;
+}
+
+void ConditionADBase::ComputeState(bool reload) {
+    logging::CallTrace trace(kComputeState);
+    if (!reload) {
+        std::lock_guard lock(mutex_);
+        return;
+    }
+    // The users are asked for only to be logged: without logging the list
+    // stays empty and the state waits for the next log-on.
+    std::vector<UserInfo> users;
+    if (logging::CLogDLL::Exists())
+        logging::Log(logging::kDetail, kComputeState, L"GetLoggedUsers returned %d",
+                     static_cast<int>(Dependency<IUserManager>()->GetLoggedUsers(&users)));
+    for (const UserInfo& user : users) UpdateForUser(user, true);
+}
+
+bool ConditionADBase::ApplyMatch(bool newState) {
+    bool changed = false;
+    {
+        std::lock_guard lock(mutex_);
+        changed = state_ != newState;
+        state_ = newState;
+    }
+    if (changed) static_cast<void>(NotifyChanged(newState));  // the subscribers' statuses have nobody to go to
+    std::lock_guard lock(mutex_);
+    return state_;
+}
+
+int32_t ConditionADBase::OnUserLoggedOn(const UserInfo& user) {
+    UpdateForUser(user, true);
+    return 0;
+}
+
+int32_t ConditionADBase::OnUserLoggedOff(const UserInfo& user) {
+    UpdateForUser(user, false);
+    return 0;
+}
+
+int32_t ConditionADUser::LoadConditionData(const Json::Value& json) { return LoadDomainSid(json, kUserLoad, sid_); }
+
+bool ConditionADUser::UpdateForUser(const UserInfo& user, bool newState) {
+    if (EqualIgnoringCase(user.sid, sid_)) return ApplyMatch(newState);
+    bool state = false;
+    static_cast<void>(GetState(&state, false));
+    return state;
+}
+
+int32_t ConditionADGroup::LoadConditionData(const Json::Value& json) { return LoadDomainSid(json, kGroupLoad, sid_); }
+
+bool ConditionADGroup::UpdateForUser(const UserInfo& user, bool newState) {
+    bool state = false;
+    static_cast<void>(GetState(&state, false));
+    for (const Product::UserManager::MemberOf& group : user.memberOf)
+        if (EqualIgnoringCase(group.sid, sid_)) state = ApplyMatch(newState);
+    return state;
+}
+
+int32_t ConditionADUserOU::LoadConditionData(const Json::Value& json) {
+    return LoadDataString(json, L"distinguishedName", ouDn_);
+}
+
+bool ConditionADUserOU::UpdateForUser(const UserInfo& user, bool newState) {
+    if (IsUserPartOfOU(user)) return ApplyMatch(newState);
+    bool state = false;
+    static_cast<void>(GetState(&state, false));
+    return state;
+}
+
+bool ConditionADUserOU::IsUserPartOfOU(const UserInfo& user) const {
+    if (user.name.empty()) return false;
+    // Each way of finding the user's DN may throw; the next one is then tried.
+    const auto attempt = [&](auto findDn, bool& answer) {
+        try {
+            answer = qv::ActiveDirectory::IsPartOfOU(findDn(), ouDn_);
+            return true;
+        } catch (const active_directory_exception& e) {
+            logging::Log(logging::kError, kIsUserPartOfOU, L"%s", e.message().c_str());
+        } catch (...) {
+            logging::Log(logging::kError, kIsUserPartOfOU, L"Unknown exception thrown.");
+        }
+        return false;
+    };
+    bool answer = false;
+    if (attempt([&] { return qv::ActiveDirectory::ConvertNameToDistinguishedName(user.name, user.domain); }, answer))
+        return answer;
+    if (attempt([&] { return qv::ActiveDirectory::GetUserDistinguishedNameFromRegistry(user.sid); }, answer))
+        return answer;
+    return false;
+}
+
+}  // namespace Product::Integration::ConditionManager
