@@ -31,6 +31,9 @@ void ReleaseModule(ModuleHandle module) noexcept;
 // Full path of the binary (executable or library) that contains `address`.
 std::wstring ModulePathOf(const void* address);
 
+// Full path of the running program's executable file ("" when the system
+// cannot tell).
+std::wstring ProgramPath();
 // Base address (instance handle) of the binary that contains `address`.
 void* ModuleBaseOf(const void* address) noexcept;
 

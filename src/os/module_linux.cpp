@@ -1,6 +1,9 @@
 #include "os/module.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
+
+#include <vector>
 
 #include "os/utf8.h"
 
@@ -61,6 +64,13 @@ std::wstring ModulePathOf(const void* address) {
 void* ModuleBaseOf(const void* address) noexcept {
     Dl_info info{};
     return ::dladdr(address, &info) ? info.dli_fbase : nullptr;
+}
+
+std::wstring ProgramPath() {
+    std::vector<char> buffer(4096);
+    const ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
+    if (n <= 0 || static_cast<size_t>(n) >= buffer.size()) return {};
+    return Utf8ToWideLossy(std::string_view(buffer.data(), static_cast<size_t>(n)));
 }
 
 }  // namespace os

@@ -76,4 +76,10 @@ std::wstring ModulePathOf(const void* address) {
     return std::wstring(buffer.data(), n);
 }
 
+std::wstring ProgramPath() {
+    std::vector<wchar_t> buffer(32767);
+    DWORD n = ::GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
+    return std::wstring(buffer.data(), n);
+}
+
 }  // namespace os
