@@ -1,5 +1,6 @@
 #include "console.h"
 
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -99,9 +100,10 @@ Console::Next Console::Handle(const LineReader::Line& line) {
         Reject(line.number, "not a JSON object");
         return Next::kGoOn;
     }
-    const bool isMethod = in.isMember("method"), isHost = in.isMember("host");
-    if (isMethod == isHost) {
-        Reject(line.number, isMethod ? "both \"method\" and \"host\"" : "neither \"method\" nor \"host\"");
+    // A host action may carry a "method" of its own (a plug-in's method).
+    const bool isHost = in.isMember("host"), isMethod = !isHost && in.isMember("method");
+    if (!isHost && !isMethod) {
+        Reject(line.number, "neither \"method\" nor \"host\"");
         return Next::kGoOn;
     }
     const char* kind = isMethod ? "method" : "host";
@@ -253,7 +255,11 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
     const std::optional<uint32_t> ms = Milliseconds(in, "ms", kMaxWaitMs);
     if (!ms) return Fail(out, qv::status::kInvalidParameter, "\"ms\" must be 0 to 86400000");
     // A stop request cuts the sleep short; the main loop then stops.
-    static_cast<void>(stop_.WaitFor(*ms));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*ms);
+    for (auto now = std::chrono::steady_clock::now(); now < deadline; now = std::chrono::steady_clock::now()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
+        if (stop_.WaitFor(static_cast<uint32_t>(left.count()))) break;
+    }
     return 0;
 }
 

@@ -12,7 +12,8 @@
 //
 // A line that is not a JSON object in UTF-8, is longer than the reader
 // keeps, nests deeper than kMaxNesting, or has neither "method" nor "host"
-// is answered {"error": reason, "line": n}. Blank lines are skipped. The
+// is answered {"error": reason, "line": n}. A line with "host" is a host
+// action, whatever else it holds. Blank lines are skipped. The
 // answer's "id" is the line's own, left out when the line has none.
 //
 // Thread rule: one thread (the main loop) calls Handle.

@@ -10,6 +10,8 @@ using ModuleHandle = void*;
 
 // "log" -> "log.dll" on Windows, "liblog.so" on Linux.
 std::wstring SharedLibraryFileName(const std::wstring& stem);
+// "cr-host" -> "cr-host.exe" on Windows, "cr-host" on Linux.
+std::wstring ExecutableFileName(const std::wstring& stem);
 
 // Loads the library at `path` (never searched for elsewhere); null on failure.
 ModuleHandle LoadModule(const std::wstring& path) noexcept;

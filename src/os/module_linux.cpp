@@ -11,6 +11,8 @@ namespace os {
 
 std::wstring SharedLibraryFileName(const std::wstring& stem) { return L"lib" + stem + L".so"; }
 
+std::wstring ExecutableFileName(const std::wstring& stem) { return stem; }
+
 namespace {
 // The reason of the thread's last failed LoadModule.
 thread_local std::wstring lastLoadError;

@@ -8,6 +8,8 @@ namespace os {
 
 std::wstring SharedLibraryFileName(const std::wstring& stem) { return stem + L".dll"; }
 
+std::wstring ExecutableFileName(const std::wstring& stem) { return stem + L".exe"; }
+
 namespace {
 // The reason of the thread's last failed LoadModule.
 thread_local std::wstring lastLoadError;

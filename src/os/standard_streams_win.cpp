@@ -1,7 +1,8 @@
 #include "os/standard_streams.h"
 
-#include <shellapi.h>
 #include <windows.h>
+// After windows.h, which it needs.
+#include <shellapi.h>
 
 namespace os {
 
