@@ -18,7 +18,7 @@ int32_t SystemErrorOr632(uint32_t code) { return code != 0 ? static_cast<int32_t
 
 ComponentLibraryLocation ComponentLibraryLocation::Default() {
     ComponentLibraryLocation location;
-    location.directories.push_back(os::DirectoryOf(os::ExecutablePath()));
+    location.directories.push_back(os::DirectoryOf(os::ProgramPath()));
     location.directories.push_back(os::DirectoryOf(os::ModulePathOf(&kModuleAnchor)));
     location.fileName = os::SharedLibraryFileName(Ovra::kProxyLibraryStem);
     return location;

@@ -11,6 +11,8 @@ using ModuleHandle = void*;
 
 // "log" -> "log.dll" on Windows, "liblog.so" on Linux.
 std::wstring SharedLibraryFileName(const std::wstring& stem);
+// "cr-host" -> "cr-host.exe" on Windows, "cr-host" on Linux.
+std::wstring ExecutableFileName(const std::wstring& stem);
 
 // Loads the library at `path` (never searched for elsewhere); null on failure.
 ModuleHandle LoadModule(const std::wstring& path) noexcept;
@@ -26,9 +28,6 @@ ModuleHandle LoadModuleWithItsDependencies(const std::wstring& path) noexcept;
 // (Windows: GetLastError); 0 when there is none or the system gives no code
 // (Linux).
 uint32_t LastModuleErrorCode() noexcept;
-
-// Full path of the process's executable.
-std::wstring ExecutablePath();
 
 // Why the calling thread's last LoadModule failed, in the system's words
 // (dlerror() text on Linux; the error code and its FormatMessageW text on
@@ -47,6 +46,9 @@ void ReleaseModule(ModuleHandle module) noexcept;
 // Full path of the binary (executable or library) that contains `address`.
 std::wstring ModulePathOf(const void* address);
 
+// Full path of the running program's executable file ("" when the system
+// cannot tell).
+std::wstring ProgramPath();
 // Base address (instance handle) of the binary that contains `address`.
 void* ModuleBaseOf(const void* address) noexcept;
 

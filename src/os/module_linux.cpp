@@ -11,6 +11,8 @@ namespace os {
 
 std::wstring SharedLibraryFileName(const std::wstring& stem) { return L"lib" + stem + L".so"; }
 
+std::wstring ExecutableFileName(const std::wstring& stem) { return stem; }
+
 namespace {
 // The reason of the thread's last failed LoadModule.
 thread_local std::wstring lastLoadError;
@@ -47,13 +49,6 @@ ModuleHandle LoadModuleWithItsDependencies(const std::wstring& path) noexcept { 
 
 uint32_t LastModuleErrorCode() noexcept { return 0; }
 
-std::wstring ExecutablePath() {
-    std::vector<char> buffer(4096);
-    const ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
-    if (n <= 0) return {};
-    return Utf8ToWideLossy(std::string_view(buffer.data(), static_cast<size_t>(n)));
-}
-
 ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept {
     auto narrow = WideToUtf8(fileName);
     if (!narrow || narrow->empty()) return nullptr;
@@ -75,6 +70,13 @@ std::wstring ModulePathOf(const void* address) {
 void* ModuleBaseOf(const void* address) noexcept {
     Dl_info info{};
     return ::dladdr(address, &info) ? info.dli_fbase : nullptr;
+}
+
+std::wstring ProgramPath() {
+    std::vector<char> buffer(4096);
+    const ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
+    if (n <= 0 || static_cast<size_t>(n) >= buffer.size()) return {};
+    return Utf8ToWideLossy(std::string_view(buffer.data(), static_cast<size_t>(n)));
 }
 
 }  // namespace os

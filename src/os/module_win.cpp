@@ -8,6 +8,8 @@ namespace os {
 
 std::wstring SharedLibraryFileName(const std::wstring& stem) { return stem + L".dll"; }
 
+std::wstring ExecutableFileName(const std::wstring& stem) { return stem + L".exe"; }
+
 namespace {
 // The reason of the thread's last failed LoadModule.
 thread_local std::wstring lastLoadError;
@@ -64,12 +66,6 @@ ModuleHandle LoadModuleWithItsDependencies(const std::wstring& path) noexcept {
 
 uint32_t LastModuleErrorCode() noexcept { return lastLoadErrorCode; }
 
-std::wstring ExecutablePath() {
-    std::vector<wchar_t> buffer(32767);
-    const DWORD n = ::GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
-    return std::wstring(buffer.data(), n);
-}
-
 ModuleHandle FindLoadedModule(const std::wstring& fileName) noexcept {
     HMODULE module = nullptr;
     // Flags 0: the library's reference count is raised.
@@ -97,6 +93,12 @@ std::wstring ModulePathOf(const void* address) {
     if (!module) return {};
     std::vector<wchar_t> buffer(32767);
     DWORD n = ::GetModuleFileNameW(module, buffer.data(), static_cast<DWORD>(buffer.size()));
+    return std::wstring(buffer.data(), n);
+}
+
+std::wstring ProgramPath() {
+    std::vector<wchar_t> buffer(32767);
+    DWORD n = ::GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
     return std::wstring(buffer.data(), n);
 }
 

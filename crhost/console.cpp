@@ -1,0 +1,324 @@
+#include "console.h"
+
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <optional>
+
+#include <json/reader.h>
+
+#include "explain.h"
+#include "host/method_call.h"
+#include "os/utf8.h"
+#include "plugin/module_names.h"
+#include "qv/service_control.h"
+#include "qv/status.h"
+
+namespace crhost {
+
+// The host's own services as the console reaches them.
+const Console::HostAction Console::kHostActions[] = {
+    {"users.logon", &Console::UserLogOn},
+    {"users.logoff", &Console::UserLogOff},
+    {"computer.groups", &Console::ComputerGroups},
+    {"computer.ou", &Console::ComputerOu},
+    {"agent.connected", &Console::AgentConnected},
+    {"service.connected", &Console::ServiceConnected},
+    {"policy.result", &Console::PolicyResult},
+    {"explain", &Console::Explain},
+    {"rules", &Console::Rules},
+    {"sleep", &Console::Sleep},
+    {"quit", &Console::Quit},
+};
+
+namespace {
+
+int32_t Fail(Json::Value& out, int32_t status, const std::string& reason) {
+    out["error"] = reason;
+    return status;
+}
+
+bool Blank(const std::string& text) { return text.find_first_not_of(" \t\r") == std::string::npos; }
+
+// Reads one line's JSON strictly (no comments, nothing after the value, no
+// duplicate keys) and no deeper than the console allows. False with `reason`.
+bool ParseLine(const std::string& text, Json::Value& value, std::string& reason) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["stackLimit"] = Console::kMaxNesting;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    try {
+        if (reader->parse(text.data(), text.data() + text.size(), &value, &errors)) return true;
+    } catch (const std::exception&) {
+        // The reader throws when the nesting passes its stack limit.
+        reason = "nested deeper than " + std::to_string(Console::kMaxNesting) + " levels";
+        return false;
+    }
+    for (char& c : errors)
+        if (c == '\n') c = ' ';
+    while (!errors.empty() && errors.back() == ' ') errors.pop_back();
+    reason = "not JSON: " + errors;
+    return false;
+}
+
+// A millisecond count in [0, limit] held in `in[key]`.
+std::optional<uint32_t> Milliseconds(const Json::Value& in, const char* key, uint32_t limit) {
+    const Json::Value& value = in[key];
+    if (!value.isIntegral() || !value.isUInt64() || value.asUInt64() > limit) return std::nullopt;
+    return static_cast<uint32_t>(value.asUInt64());
+}
+
+// The wide form of a non-empty string member.
+std::optional<std::wstring> Name(const Json::Value& in, const char* key) {
+    const Json::Value& value = in[key];
+    if (!value.isString() || value.asString().empty()) return std::nullopt;
+    return os::Utf8ToWide(value.asString());
+}
+
+// The wide form of a string member that may be empty; null when absent or
+// not text.
+std::optional<std::wstring> Text(const Json::Value& in, const char* key) {
+    const Json::Value& value = in[key];
+    if (!value.isString()) return std::nullopt;
+    return os::Utf8ToWide(value.asString());
+}
+
+}  // namespace
+
+Console::Next Console::Handle(const LineReader::Line& line) {
+    if (line.tooLong) {
+        Reject(line.number, "line longer than " + std::to_string(LineReader::kMaxLineBytes) + " bytes");
+        return Next::kGoOn;
+    }
+    if (Blank(line.text)) return Next::kGoOn;
+    if (!os::Utf8ToWide(line.text)) {
+        Reject(line.number, "not UTF-8");
+        return Next::kGoOn;
+    }
+    Json::Value in;
+    std::string reason;
+    if (!ParseLine(line.text, in, reason)) {
+        Reject(line.number, reason);
+        return Next::kGoOn;
+    }
+    if (!in.isObject()) {
+        Reject(line.number, "not a JSON object");
+        return Next::kGoOn;
+    }
+    // A host action may carry a "method" of its own (a plug-in's method).
+    const bool isHost = in.isMember("host"), isMethod = !isHost && in.isMember("method");
+    if (!isHost && !isMethod) {
+        Reject(line.number, "neither \"method\" nor \"host\"");
+        return Next::kGoOn;
+    }
+    const char* kind = isMethod ? "method" : "host";
+    if (!in[kind].isString()) {
+        Reject(line.number, std::string("\"") + kind + "\" is not a string");
+        return Next::kGoOn;
+    }
+
+    Json::Value out(Json::objectValue);
+    if (in.isMember("id")) out["id"] = in["id"];
+    out[kind] = in[kind];
+    Next next = Next::kGoOn;
+    if (isMethod)
+        RunMethod(in, out);
+    else
+        next = RunHostAction(in, out);
+    output_.Write(out);
+    return next;
+}
+
+void Console::Reject(uint64_t line, const std::string& reason) {
+    Json::Value out(Json::objectValue);
+    out["error"] = reason;
+    out["line"] = Json::UInt64(line);
+    output_.Write(out);
+}
+
+int32_t Console::CallAgent(const std::wstring& method, const Json::Value* request, Json::Value& response) {
+    EnterpriseIntegration::IAgent* agent = hosted_.agent();
+    if (!agent) return qv::status::kNotFound;
+    host::MethodCall call(qv::names::AgentName(), method.c_str(),
+                          request ? std::optional<Json::Value>(*request) : std::nullopt);
+    agent->RunPolicyMethod(&call);
+    if (call.response()) response = *call.response();
+    return call.GetResult();
+}
+
+void Console::RunMethod(const Json::Value& in, Json::Value& out) {
+    const Json::Value* request = nullptr;
+    if (in.isMember("request")) {
+        request = &in["request"];
+        if (!request->isObject()) {
+            out["status"] = Fail(out, qv::status::kInvalidParameter, "\"request\" is not an object");
+            return;
+        }
+    }
+    Json::Value response(Json::objectValue);
+    const int32_t status = CallAgent(os::Utf8ToWideLossy(in["method"].asString()), request, response);
+    out["status"] = status;
+    if (status == qv::status::kNotFound && !hosted_.agent()) out["error"] = "the agent is not registered";
+    out["response"] = response;
+}
+
+Console::Next Console::RunHostAction(const Json::Value& in, Json::Value& out) {
+    const std::string name = in["host"].asString();
+    for (const HostAction& entry : kHostActions) {
+        if (name != entry.name) continue;
+        out["status"] = (this->*entry.action)(in, out);
+        return quit_ ? Next::kQuit : Next::kGoOn;
+    }
+    out["status"] = Fail(out, qv::status::kNotFound, "unknown host action");
+    return Next::kGoOn;
+}
+
+int32_t Console::UserLogOn(const Json::Value& in, Json::Value& out) {
+    const Json::Value& user = in["user"];
+    const auto sid = Name(user, "sid");
+    const auto name = Text(user, "name"), domain = Text(user, "domain");
+    const Json::Value& groups = user["groups"];
+    if (!user.isObject() || !sid || !name || !domain || !(groups.isArray() || groups.isNull()))
+        return Fail(out, qv::status::kInvalidParameter,
+                    "\"user\" must hold \"sid\", \"name\", \"domain\" and a list of group SIDs \"groups\"");
+    host::UserManager::UserInfo info{*sid, *name, *domain, {}};
+    for (const Json::Value& group : groups) {
+        const std::optional<std::wstring> groupSid = group.isString() ? os::Utf8ToWide(group.asString()) : std::nullopt;
+        if (!groupSid || groupSid->empty())
+            return Fail(out, qv::status::kInvalidParameter, "\"groups\" must hold SIDs");
+        info.memberOf.push_back({*groupSid, std::wstring()});
+    }
+    const int32_t status = hosted_.host().users().LogOn(info);
+    if (status == qv::status::kAlreadyExists) return Fail(out, status, "a user with that SID is logged on");
+    if (status != 0) return Fail(out, status, "the user manager refused the user");
+    return 0;
+}
+
+int32_t Console::UserLogOff(const Json::Value& in, Json::Value& out) {
+    const Json::Value& user = in["user"];
+    const auto sid = Name(user, "sid");
+    if (!user.isObject() || !sid) return Fail(out, qv::status::kInvalidParameter, "\"user\" must hold \"sid\"");
+    const int32_t status = hosted_.host().users().LogOff(*sid);
+    if (status == qv::status::kNotFound) return Fail(out, status, "no user with that SID is logged on");
+    if (status != 0) return Fail(out, status, "the user manager refused the log-off");
+    return 0;
+}
+
+int32_t Console::ComputerGroups(const Json::Value& in, Json::Value& out) {
+    const Json::Value& groups = in["groups"];
+    if (!groups.isArray()) return Fail(out, qv::status::kInvalidParameter, "\"groups\" must be a list");
+    std::vector<host::ComputerManager::ComputerGroup> read;
+    for (const Json::Value& group : groups) {
+        const auto dn = group.isObject() ? Text(group, "dn") : std::nullopt;
+        const auto sid = group.isObject() ? Text(group, "sid") : std::nullopt;
+        if (!dn || !sid) return Fail(out, qv::status::kInvalidParameter, "each group must hold \"dn\" and \"sid\"");
+        read.push_back({*dn, *sid});
+    }
+    out["sinks"] = Json::UInt64(hosted_.host().computer().SetGroups(std::move(read)));
+    return 0;
+}
+
+int32_t Console::ComputerOu(const Json::Value& in, Json::Value& out) {
+    const auto ou = Text(in, "ou");
+    if (!ou) return Fail(out, qv::status::kInvalidParameter, "\"ou\" must be a DN");
+    out["sinks"] = Json::UInt64(hosted_.host().computer().SetOrganisationalUnit(*ou));
+    return 0;
+}
+
+int32_t Console::AgentConnected(const Json::Value& in, Json::Value& out) {
+    const Json::Value& value = in["value"];
+    if (!in.isMember("value") || !(value.isBool() || value.isNull()))
+        return Fail(out, qv::status::kInvalidParameter, "\"value\" must be true, false or null");
+    hosted_.agentClient().SetConnectionState(value.isNull() ? std::nullopt : std::optional<bool>(value.asBool()));
+    return 0;
+}
+
+int32_t Console::ServiceConnected(const Json::Value&, Json::Value& out) {
+    out["sinks"] =
+        Json::UInt64(hosted_.host().serviceControl().RaiseConnectionEvent(EndpointService::kServiceConnected));
+    return 0;
+}
+
+int32_t Console::PolicyResult(const Json::Value& in, Json::Value& out) {
+    const std::optional<std::wstring> plugin = Name(in, "plugin"), method = Name(in, "method");
+    if (!plugin || !method) return Fail(out, qv::status::kInvalidParameter, "\"plugin\" and \"method\" must be names");
+    const Json::Value& result = in["result"];
+    if (!result.isIntegral() || !result.isInt())
+        return Fail(out, qv::status::kInvalidParameter, "\"result\" must be a 32-bit integer");
+    std::optional<uint32_t> delay = 0;
+    if (in.isMember("delayMs")) delay = Milliseconds(in, "delayMs", kMaxWaitMs);
+    if (!delay) return Fail(out, qv::status::kInvalidParameter, "\"delayMs\" must be 0 to 86400000");
+    hosted_.host().policyRunner().SetResult(*plugin, *method, result.asInt(), std::chrono::milliseconds(*delay));
+    return 0;
+}
+
+int32_t Console::CurrentRules(Json::Value& rules, Json::Value& out) {
+    Json::Value response;
+    const Json::Value request(Json::objectValue);
+    const int32_t status = CallAgent(L"GetRules", &request, response);
+    if (status != 0) return Fail(out, status, "the module did not give its rules");
+    rules = response["rules"];
+    if (!rules.isArray()) rules = Json::Value(Json::arrayValue);
+    return 0;
+}
+
+int32_t Console::Explain(const Json::Value& in, Json::Value& out) {
+    Json::Value condition;
+    if (in.isMember("condition") == in.isMember("ruleId"))
+        return Fail(out, qv::status::kInvalidParameter, "give either \"condition\" or \"ruleId\"");
+    if (in.isMember("condition")) {
+        condition = in["condition"];
+    } else {
+        if (!in["ruleId"].isString()) return Fail(out, qv::status::kInvalidParameter, "\"ruleId\" must be a string");
+        Json::Value rules;
+        if (const int32_t status = CurrentRules(rules, out); status != 0) return status;
+        for (const Json::Value& rule : rules)
+            if (rule.isObject() && rule["id"] == in["ruleId"]) condition = rule["matchIf"];
+        if (condition.isNull()) return Fail(out, qv::status::kNotFound, "no rule has that id");
+    }
+    TreeExplainer explainer(*hosted_.conditionManager(), hosted_.host().queues());
+    Json::Value tree;
+    if (const int32_t status = explainer.Explain(condition, tree); status != 0)
+        return Fail(out, status, "the condition tree cannot be built");
+    out["tree"] = tree;
+    return 0;
+}
+
+int32_t Console::Rules(const Json::Value&, Json::Value& out) {
+    Json::Value rules;
+    if (const int32_t status = CurrentRules(rules, out); status != 0) return status;
+    std::vector<Json::Value> conditions;
+    for (const Json::Value& rule : rules) conditions.push_back(rule.isObject() ? rule["matchIf"] : Json::Value());
+    TreeExplainer explainer(*hosted_.conditionManager(), hosted_.host().queues());
+    const std::vector<Json::Value> states = explainer.States(conditions);
+    Json::Value& list = out["rules"] = Json::Value(Json::arrayValue);
+    for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
+        const Json::Value& rule = rules[i];
+        Json::Value entry(Json::objectValue);
+        entry["id"] = rule.isObject() ? rule["id"] : Json::Value();
+        entry["methodSetId"] = rule.isObject() ? rule["methodSetId"] : Json::Value();
+        entry["state"] = states[i];
+        list.append(entry);
+    }
+    return 0;
+}
+
+int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
+    const std::optional<uint32_t> ms = Milliseconds(in, "ms", kMaxWaitMs);
+    if (!ms) return Fail(out, qv::status::kInvalidParameter, "\"ms\" must be 0 to 86400000");
+    // A stop request cuts the sleep short; the main loop then stops.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*ms);
+    for (auto now = std::chrono::steady_clock::now(); now < deadline; now = std::chrono::steady_clock::now()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
+        if (stop_.WaitFor(static_cast<uint32_t>(left.count()))) break;
+    }
+    return 0;
+}
+
+int32_t Console::Quit(const Json::Value&, Json::Value&) {
+    quit_ = true;
+    return 0;
+}
+
+}  // namespace crhost

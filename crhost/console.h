@@ -1,0 +1,84 @@
+#pragma once
+// The host program's console: one JSON object per input line, answered with
+// one JSON object per output line.
+//
+//   {"id": any, "method": "<command>", "request": {...}}
+//       one console command through the module's agent, as the agent host
+//       routes it; "request" may be absent (the call then has none). Answer:
+//       {"id", "method", "status", "response": {...}}.
+//   {"id": any, "host": "<action>", ...}
+//       one of the host's own services (the table in console.cpp). Answer:
+//       {"id", "host", "status", ...}, with "error" for a non-zero status.
+//
+// A line that is not a JSON object in UTF-8, is longer than the reader
+// keeps, nests deeper than kMaxNesting, or has neither "method" nor "host"
+// is answered {"error": reason, "line": n}. A line with "host" is a host
+// action, whatever else it holds. Blank lines are skipped. The
+// answer's "id" is the line's own, left out when the line has none.
+//
+// Thread rule: one thread (the main loop) calls Handle.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+#include "hosted_module.h"
+#include "line_reader.h"
+#include "output.h"
+#include "stop_request.h"
+
+namespace crhost {
+
+class Console {
+public:
+    static constexpr int kMaxNesting = 256;
+    // Longest "sleep", and the longest delay a "policy.result" may ask for.
+    static constexpr uint32_t kMaxWaitMs = 24u * 60 * 60 * 1000;
+
+    Console(HostedModule& hosted, Output& output, StopRequest& stop) : hosted_(hosted), output_(output), stop_(stop) {}
+
+    enum class Next { kGoOn, kQuit };
+    // Answers one line; kQuit after "quit".
+    Next Handle(const LineReader::Line& line);
+
+    // A host action: reads its members from `in`, adds its own to `out` and
+    // returns its status; a non-zero status comes with out["error"].
+    using Action = int32_t (Console::*)(const Json::Value& in, Json::Value& out);
+    struct HostAction {
+        const char* name;
+        Action action;
+    };
+
+private:
+    static const HostAction kHostActions[];
+
+    void Reject(uint64_t line, const std::string& reason);
+    void RunMethod(const Json::Value& in, Json::Value& out);
+    Next RunHostAction(const Json::Value& in, Json::Value& out);
+
+    // A console command through the agent: its status, with its response in
+    // `response`; kNotFound when the agent is not registered.
+    int32_t CallAgent(const std::wstring& method, const Json::Value* request, Json::Value& response);
+    // The module's current rules in order (the console's "GetRules").
+    int32_t CurrentRules(Json::Value& rules, Json::Value& out);
+
+    int32_t UserLogOn(const Json::Value& in, Json::Value& out);
+    int32_t UserLogOff(const Json::Value& in, Json::Value& out);
+    int32_t ComputerGroups(const Json::Value& in, Json::Value& out);
+    int32_t ComputerOu(const Json::Value& in, Json::Value& out);
+    int32_t AgentConnected(const Json::Value& in, Json::Value& out);
+    int32_t ServiceConnected(const Json::Value& in, Json::Value& out);
+    int32_t PolicyResult(const Json::Value& in, Json::Value& out);
+    int32_t Explain(const Json::Value& in, Json::Value& out);
+    int32_t Rules(const Json::Value& in, Json::Value& out);
+    int32_t Sleep(const Json::Value& in, Json::Value& out);
+    int32_t Quit(const Json::Value& in, Json::Value& out);
+
+    HostedModule& hosted_;
+    Output& output_;
+    StopRequest& stop_;
+    bool quit_ = false;
+};
+
+}  // namespace crhost

@@ -1,0 +1,86 @@
+#include "explain.h"
+
+#include <chrono>
+
+#include "os/utf8.h"
+#include "qv/status.h"
+
+namespace crhost {
+
+namespace {
+
+using Product::Integration::ConditionManager::ConditionPtr;
+using Product::Integration::ConditionManager::ICondition;
+using Product::Integration::ConditionManager::IConditionVisitor;
+
+constexpr std::chrono::milliseconds kSettleLimit{2000};
+
+// Every condition of a tree, parent before children.
+class Collector final : public IConditionVisitor {
+public:
+    void Visit(ICondition& condition) override { nodes.push_back(&condition); }
+    std::vector<ICondition*> nodes;
+};
+
+Json::Value StateOf(ICondition& condition, int32_t& status) {
+    bool state = false;
+    status = condition.GetState(&state, /*recompute=*/true);
+    return status == 0 ? Json::Value(state) : Json::Value();
+}
+
+// The explanation of nodes[at] with its subtree, whose size (itself
+// included) is sizes[at]. Recursion depth is the tree's depth, which the
+// condition manager bounds.
+Json::Value Describe(const std::vector<ICondition*>& nodes, const std::vector<size_t>& sizes, size_t at) {
+    ICondition& condition = *nodes[at];
+    Json::Value node(Json::objectValue);
+    node["type"] = os::WideToUtf8Lossy(condition.GetType());
+    int32_t status = 0;
+    node["state"] = StateOf(condition, status);
+    if (status != 0) node["error"] = status;
+    Json::Value& children = node["children"] = Json::Value(Json::arrayValue);
+    for (size_t child = at + 1; child < at + sizes[at]; child += sizes[child])
+        children.append(Describe(nodes, sizes, child));
+    return node;
+}
+
+}  // namespace
+
+void TreeExplainer::Settle() { static_cast<void>(queues_.WaitIdle(kSettleLimit)); }
+
+int32_t TreeExplainer::Explain(const Json::Value& condition, Json::Value& tree) {
+    int32_t error = 0;
+    ConditionPtr root = manager_.CreateCondition(condition, &error, 0);
+    if (!root) return error != 0 ? error : qv::status::kFunctionFailed;
+    Settle();
+
+    Collector all;
+    static_cast<void>(root->Accept(all));
+    // Each node's subtree size, from a walk of that node alone.
+    std::vector<size_t> sizes;
+    sizes.reserve(all.nodes.size());
+    for (ICondition* node : all.nodes) {
+        Collector subtree;
+        static_cast<void>(node->Accept(subtree));
+        sizes.push_back(subtree.nodes.empty() ? 1 : subtree.nodes.size());
+    }
+    tree = Describe(all.nodes, sizes, 0);
+    return 0;
+}
+
+std::vector<Json::Value> TreeExplainer::States(const std::vector<Json::Value>& conditions) {
+    std::vector<ConditionPtr> roots;
+    for (const Json::Value& condition : conditions) {
+        int32_t error = 0;
+        roots.push_back(manager_.CreateCondition(condition, &error, 0));
+    }
+    Settle();
+    std::vector<Json::Value> states;
+    for (ConditionPtr& root : roots) {
+        int32_t status = 0;
+        states.push_back(root ? StateOf(*root, status) : Json::Value());
+    }
+    return states;
+}
+
+}  // namespace crhost

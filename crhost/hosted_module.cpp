@@ -1,0 +1,132 @@
+#include "hosted_module.h"
+
+#include "network/network_provider_interface.h"
+#include "plugin/module_names.h"
+#include "qv/status.h"
+
+namespace crhost {
+
+namespace {
+std::wstring StatusText(int32_t status) { return L" (status " + std::to_wstring(status) + L")"; }
+}  // namespace
+
+HostedModule::HostedModule(std::unique_ptr<host::SettingsStore> settings)
+    : host_(/*manualClock=*/false, std::move(settings)) {
+    host_.components().Register(host::AgentClientNotifications::kName, &agentClient_);
+}
+
+HostedModule::~HostedModule() {
+    // A host that stopped normally has nothing left to stop; one that fails
+    // while unwinding has nobody left to tell.
+    static_cast<void>(Stop());
+    host_.components().Unregister(host::AgentClientNotifications::kName);
+}
+
+bool HostedModule::Create(const std::wstring& name, const GUID& iid, std::wstring& error) {
+    void* raw = nullptr;
+    const int32_t status = create_(name.c_str(), &iid, &raw);
+    if (status != 0 || !raw) {
+        error = L"the module does not give the object " + name + StatusText(status);
+        return false;
+    }
+    auto* base = static_cast<IQvBaseInterface*>(raw);
+    Object object;
+    object.name = name;
+    object.raw = raw;
+    object.plugin = static_cast<IServPlugin*>(base->QueryInterface(IServPlugin::iid));
+    host_.components().Register(name, static_cast<IQvBaseInterface*>(base->QueryInterface(IQvBaseInterface::iid)));
+    objects_.push_back(object);
+    return true;
+}
+
+bool HostedModule::InitAndStart(Object& object, std::wstring& error) {
+    if (!object.plugin) return true;
+    if (const int32_t status = object.plugin->Init(host_.main()); status != 0) {
+        error = L"initialising " + object.name + L" failed" + StatusText(status);
+        return false;
+    }
+    object.initialised = true;
+    if (const int32_t status = object.plugin->Start(); status != 0) {
+        error = L"starting " + object.name + L" failed" + StatusText(status);
+        return false;
+    }
+    object.started = true;
+    return true;
+}
+
+bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
+    module_ = os::LoadModule(modulePath);
+    if (!module_) {
+        error = L"cannot load the module " + modulePath + L": " + os::LastModuleError();
+        return false;
+    }
+    create_ = reinterpret_cast<CreateFn>(os::FindSymbol(module_, "QvCreateObject"));
+    destroy_ = reinterpret_cast<DestroyFn>(os::FindSymbol(module_, "QvDestroyObject"));
+    if (!create_ || !destroy_) {
+        error = L"the library " + modulePath + L" does not export QvCreateObject and QvDestroyObject";
+        static_cast<void>(Stop());  // the failure that matters is the one reported
+        return false;
+    }
+
+    // The network provider first: the condition manager obtains it in Init.
+    std::wstring ignored;
+    if (!Create(qv::names::kNetworkProvider, IQvBaseInterface::iid, ignored)) {
+        usesStandIn_ = true;
+        host_.components().Register(host::NetworkProviderStandIn::kName, &standIn_);
+    }
+    const std::wstring agentName = qv::names::AgentName();
+    if (!Create(qv::names::kConditionManager, IServPlugin::iid, error) ||
+        !Create(qv::names::kModule, IServPlugin::iid, error) || !Create(agentName, IServPlugin::iid, error)) {
+        static_cast<void>(Stop());  // the failure that matters is the one reported
+        return false;
+    }
+    for (Object& object : objects_) {
+        if (!InitAndStart(object, error)) {
+            static_cast<void>(Stop());
+            return false;
+        }
+        if (object.name == qv::names::kConditionManager) {
+            using Product::Integration::ConditionManager::IManager;
+            conditionManager_ = static_cast<IManager*>(object.plugin->QueryInterface(IManager::iid));
+        }
+    }
+    if (!conditionManager_) {
+        error = L"the condition manager does not answer its interface";
+        static_cast<void>(Stop());  // the failure that matters is the one reported
+        return false;
+    }
+    return true;
+}
+
+EnterpriseIntegration::IAgent* HostedModule::agent() {
+    return host_.agents().FindAgent(qv::names::AgentName().c_str());
+}
+
+std::wstring HostedModule::Stop() {
+    std::wstring problems;
+    auto note = [&](const std::wstring& step, int32_t status) {
+        if (status == 0) return;
+        if (!problems.empty()) problems += L"; ";
+        problems += step + L" failed" + StatusText(status);
+    };
+    conditionManager_ = nullptr;
+    for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
+        if (it->started) note(L"stopping " + it->name, it->plugin->Stop());
+        if (it->initialised) note(L"uninitialising " + it->name, it->plugin->Uninit());
+        it->started = it->initialised = false;
+    }
+    for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
+        host_.components().Unregister(it->name);
+        destroy_(it->name.c_str(), it->raw);
+    }
+    objects_.clear();
+    if (usesStandIn_) host_.components().Unregister(host::NetworkProviderStandIn::kName);
+    usesStandIn_ = false;
+    if (module_) os::ReleaseModule(module_);
+    module_ = nullptr;
+    create_ = nullptr;
+    destroy_ = nullptr;
+    return problems;
+}
+
+}  // namespace crhost

@@ -1,0 +1,89 @@
+#pragma once
+// The module as an agent host runs it: the library loaded by path and reached
+// only through its two exports, its objects created by name, registered with
+// the reference host's component manager, initialised and started in order
+// (condition manager, runner, agent), then stopped, uninitialised and given
+// back in the reverse order.
+//
+// Around it, the reference host's services on the system clock: settings
+// store, event queues, agent manager, policy runner, plug-in groups with the
+// service control, and the agent client notifications. The network provider
+// is the module's own when it exports one; otherwise the host's stand-in,
+// which reports no network at all.
+//
+// Thread rules: Start, Stop and the destructor on one thread. The services
+// (host(), agentClient()) are thread-safe; agent() and conditionManager()
+// are valid between a successful Start and Stop.
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "conditions/manager_interface.h"
+#include "host/agent_client_notifications.h"
+#include "host/network_provider_standin.h"
+#include "host/reference_host.h"
+#include "host/settings_store.h"
+#include "os/module.h"
+#include "qv/integration.h"
+
+namespace crhost {
+
+class HostedModule {
+public:
+    // `settings` becomes the host's settings store.
+    explicit HostedModule(std::unique_ptr<host::SettingsStore> settings);
+    // Stops what is still started.
+    ~HostedModule();
+    HostedModule(const HostedModule&) = delete;
+    HostedModule& operator=(const HostedModule&) = delete;
+
+    // Loads the module at `modulePath` and starts its objects. False with
+    // `error` saying what failed; what was started is stopped again.
+    bool Start(const std::wstring& modulePath, std::wstring& error);
+    // Stops and gives back every object, then releases the library.
+    // Idempotent. Returns what failed on the way ("" when nothing did); the
+    // rest is stopped all the same.
+    std::wstring Stop();
+
+    host::ReferenceHost& host() { return host_; }
+    host::AgentClientNotifications& agentClient() { return agentClient_; }
+    // The agent as the console reaches it: looked up in the host's agent
+    // manager by its name, as the agent registered itself. Null when it did not.
+    EnterpriseIntegration::IAgent* agent();
+    // The module's condition manager; null before Start.
+    Product::Integration::ConditionManager::IManager* conditionManager() { return conditionManager_; }
+    // True when the network provider is the host's stand-in.
+    bool usesNetworkStandIn() const { return usesStandIn_; }
+
+private:
+    using CreateFn = int32_t (*)(const wchar_t*, const GUID*, void**);
+    using DestroyFn = void (*)(const wchar_t*, void*);
+
+    // One object obtained from the module and made available by name.
+    struct Object {
+        std::wstring name;
+        void* raw = nullptr;            // as QvCreateObject gave it, for QvDestroyObject
+        IServPlugin* plugin = nullptr;  // null for an object that is no plug-in
+        bool initialised = false;
+        bool started = false;
+    };
+
+    // Creates `name` asking for `iid` and registers it; false with `error`.
+    bool Create(const std::wstring& name, const GUID& iid, std::wstring& error);
+    // Init then Start of the object of that name, when it is a plug-in.
+    bool InitAndStart(Object& object, std::wstring& error);
+
+    host::ReferenceHost host_;
+    host::AgentClientNotifications agentClient_;
+    host::NetworkProviderStandIn standIn_;
+    bool usesStandIn_ = false;
+
+    os::ModuleHandle module_ = nullptr;
+    CreateFn create_ = nullptr;
+    DestroyFn destroy_ = nullptr;
+    std::vector<Object> objects_;  // in start order
+    Product::Integration::ConditionManager::IManager* conditionManager_ = nullptr;
+};
+
+}  // namespace crhost

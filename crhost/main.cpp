@@ -1,0 +1,138 @@
+// cr-host: the module hosted as the agent host hosts it, driven through JSON
+// lines on standard input and output (console.h), for development, tests,
+// support and demonstration.
+#include <memory>
+#include <string>
+
+#include "console.h"
+#include "hosted_module.h"
+#include "line_reader.h"
+#include "options.h"
+#include "os/environment.h"
+#include "os/event.h"
+#include "os/module.h"
+#include "os/path.h"
+#include "os/standard_streams.h"
+#include "os/stop_signal.h"
+#include "os/utf8.h"
+#include "output.h"
+#include "stop_request.h"
+
+namespace {
+
+enum ExitStatus : int {
+    kCleanStop = 0,
+    kStopFailed = 1,
+    kBadUsage = 2,
+    kCannotStart = 3,
+};
+
+void Complain(const std::wstring& text) {
+    static_cast<void>(os::WriteStandardError(os::WideToUtf8Lossy(L"cr-host: " + text + L"\n")));
+}
+
+// The module built beside this program.
+std::wstring DefaultModulePath() {
+    return os::JoinPath(os::DirectoryOf(os::ProgramPath()), os::SharedLibraryFileName(L"ConditionalRunner"));
+}
+
+// A bare file name would be searched for by the system's loader; name the
+// file in the working directory instead.
+std::wstring AsPath(const std::wstring& path) {
+    if (path.find_first_of(os::kPathSeparators) != std::wstring::npos) return path;
+    return os::JoinPath(L".", path);
+}
+
+Json::Value EventLine(const host::AgentManager::SentEvent& event) {
+    Json::Value line(Json::objectValue);
+    line["event"] = os::WideToUtf8Lossy(event.name);
+    line["payload"] = event.payload;
+    return line;
+}
+
+Json::Value PolicyRunLine(const host::PolicyRunner::Run& run) {
+    Json::Value results(Json::arrayValue);
+    for (const host::PolicyRunner::MethodRun& method : run.methods) {
+        Json::Value entry(Json::objectValue);
+        entry["plugin"] = os::WideToUtf8Lossy(method.plugin);
+        entry["method"] = os::WideToUtf8Lossy(method.method);
+        entry["result"] = method.result;
+        results.append(entry);
+    }
+    Json::Value body(Json::objectValue);
+    body["request"] = run.request.isNull() ? Json::Value(os::WideToUtf8Lossy(run.requestText)) : run.request;
+    body["results"] = results;
+    body["status"] = run.status;
+    Json::Value line(Json::objectValue);
+    line["policyRun"] = body;
+    return line;
+}
+
+int Run(const crhost::Options& options) {
+    if (!options.log.empty()) os::SetEnv(L"CR_LOG_FILE", options.log);
+
+    std::wstring error;
+    std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(options.state, error);
+    if (!store) {
+        Complain(error);
+        return kCannotStart;
+    }
+
+    crhost::StopRequest stop;
+    os::StopSignalWatcher signals([&stop] { stop.Request(); });
+    if (!signals.Active()) Complain(L"cannot watch for stop signals; they end the process at once");
+
+    crhost::Output output;
+    crhost::HostedModule hosted(std::move(store));
+    hosted.host().agents().SetEventSink([&output](const auto& event) { output.Write(EventLine(event)); });
+    hosted.host().policyRunner().SetRunSink([&output](const auto& run) { output.Write(PolicyRunLine(run)); });
+
+    const std::wstring modulePath = AsPath(options.module.empty() ? DefaultModulePath() : options.module);
+    if (!hosted.Start(modulePath, error)) {
+        Complain(error);
+        return kCannotStart;
+    }
+    if (hosted.usesNetworkStandIn())
+        Complain(L"the module has no network provider yet: network conditions see no network");
+
+    os::AutoResetEvent lineAvailable;
+    {
+        crhost::LineReader reader(lineAvailable);
+        crhost::Console console(hosted, output, stop);
+        bool quit = false;
+        while (!quit && !stop.Requested()) {
+            if (std::optional<crhost::LineReader::Line> line = reader.Next()) {
+                quit = console.Handle(*line) == crhost::Console::Next::kQuit;
+                continue;
+            }
+            if (reader.Ended()) break;
+            static_cast<void>(os::WaitAny({&stop.event(), &lineAvailable}, os::kInfinite));
+        }
+    }
+
+    const std::wstring problems = hosted.Stop();
+    hosted.host().agents().SetEventSink(nullptr);
+    hosted.host().policyRunner().SetRunSink(nullptr);
+    if (!problems.empty()) {
+        Complain(L"stopping the module: " + problems);
+        return kStopFailed;
+    }
+    return kCleanStop;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    crhost::Options options;
+    std::wstring error;
+    if (!crhost::ParseOptions(os::CommandLineArguments(argc, argv), options, error)) {
+        Complain(error);
+        static_cast<void>(os::WriteStandardError(crhost::UsageText()));
+        return kBadUsage;
+    }
+    if (options.help) {
+        static_cast<void>(os::WriteStandardOutput(crhost::UsageText()));
+        return kCleanStop;
+    }
+    return Run(options);
+}

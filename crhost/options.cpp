@@ -1,0 +1,79 @@
+#include "options.h"
+
+#include <utility>
+
+namespace crhost {
+
+namespace {
+struct ValueOption {
+    const wchar_t* name;
+    std::wstring Options::*value;
+};
+constexpr ValueOption kValueOptions[] = {
+    {L"--module", &Options::module},
+    {L"--state", &Options::state},
+    {L"--log", &Options::log},
+};
+}  // namespace
+
+bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error) {
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::wstring& argument = arguments[i];
+        if (argument == L"--help" || argument == L"-h") {
+            options.help = true;
+            continue;
+        }
+        const ValueOption* match = nullptr;
+        std::wstring value;
+        bool inline_value = false;
+        for (const ValueOption& option : kValueOptions) {
+            const std::wstring name = option.name;
+            if (argument == name) {
+                match = &option;
+            } else if (argument.size() > name.size() && argument.compare(0, name.size(), name) == 0 &&
+                       argument[name.size()] == L'=') {
+                match = &option;
+                value = argument.substr(name.size() + 1);
+                inline_value = true;
+            }
+            if (match) break;
+        }
+        if (!match) {
+            error = L"unknown argument '" + argument + L"'";
+            return false;
+        }
+        if (!inline_value) {
+            if (i + 1 >= arguments.size()) {
+                error = std::wstring(match->name) + L" needs a value";
+                return false;
+            }
+            value = arguments[++i];
+        }
+        if (value.empty()) {
+            error = std::wstring(match->name) + L" needs a non-empty value";
+            return false;
+        }
+        options.*(match->value) = std::move(value);
+    }
+    return true;
+}
+
+const char* UsageText() {
+    return "usage: cr-host [--module PATH] [--state FILE] [--log FILE] [--help]\n"
+           "\n"
+           "Loads the Conditional Runner module the way the agent host does and\n"
+           "drives it through JSON lines on standard input and output (see README).\n"
+           "\n"
+           "  --module PATH  the module library (default: the one beside cr-host)\n"
+           "  --state FILE   the settings store (default: cr-host-state.json in the\n"
+           "                 working directory; a second start resumes from it)\n"
+           "  --log FILE     the logging library's output (default: standard error)\n"
+           "  --help         this text\n"
+           "\n"
+           "Exit status: 0 after a clean stop (end of input, \"quit\", SIGINT, SIGTERM\n"
+           "or a console control event), 1 when stopping the module failed, 2 for\n"
+           "bad usage, 3 when the module cannot be loaded or started or the state\n"
+           "file cannot be read.\n";
+}
+
+}  // namespace crhost

@@ -1,0 +1,31 @@
+#pragma once
+// The host program's command line:
+//   --module PATH   the module library (default: the one built beside the program)
+//   --state FILE    the settings store's file (default: cr-host-state.json in
+//                   the working directory, so that a second start resumes)
+//   --log FILE      where the reference logging library writes (default: its
+//                   own, standard error)
+//   --help
+// Each option takes its value as the next argument or after '='
+// ("--state=FILE").
+#include <string>
+#include <vector>
+
+namespace crhost {
+
+struct Options {
+    static constexpr const wchar_t* kDefaultStateFile = L"cr-host-state.json";
+
+    std::wstring module;  // empty: beside the program
+    std::wstring state = kDefaultStateFile;
+    std::wstring log;  // empty: the logging library's default
+    bool help = false;
+};
+
+// False for a command line that cannot be used, with `error` saying why.
+bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error);
+
+// The text --help prints.
+const char* UsageText();
+
+}  // namespace crhost

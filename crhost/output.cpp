@@ -1,0 +1,20 @@
+#include "output.h"
+
+#include "os/standard_streams.h"
+
+namespace crhost {
+
+Output::Output() {
+    builder_["indentation"] = "";
+    builder_["emitUTF8"] = true;
+}
+
+std::string Output::Compact(const Json::Value& value) const { return Json::writeString(builder_, value); }
+
+void Output::Write(const Json::Value& object) {
+    const std::string line = Compact(object) + "\n";
+    std::lock_guard lock(mutex_);
+    static_cast<void>(os::WriteStandardOutput(line));
+}
+
+}  // namespace crhost

@@ -1,0 +1,30 @@
+#pragma once
+// The host program's standard output: one compact JSON object per line.
+// Answers, events and policy runs come from different threads; each object
+// is written whole, so lines never interleave.
+//
+// Thread rule: Write from any thread.
+#include <mutex>
+#include <string>
+
+#include <json/value.h>
+#include <json/writer.h>
+
+namespace crhost {
+
+class Output {
+public:
+    Output();
+    // Writes `object` and a newline. Output that can no longer be written
+    // (the reader went away) is dropped: the host goes on until its input
+    // ends or it is told to stop.
+    void Write(const Json::Value& object);
+    // `value` as compact JSON text, without a newline (UTF-8 kept as it is).
+    std::string Compact(const Json::Value& value) const;
+
+private:
+    Json::StreamWriterBuilder builder_;
+    std::mutex mutex_;
+};
+
+}  // namespace crhost

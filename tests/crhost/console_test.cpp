@@ -1,0 +1,319 @@
+// cr-host as a separate process, driven over its console: every console
+// command through the module's agent, the host's own actions, hostile input,
+// the command line and the ways it stops.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "host_process.h"
+#include "os/file_io.h"
+#include "os/utf8.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using crhost_test::HostProcess;
+using crhost_test::Parse;
+using testing_support::Eventually;
+
+// The host's standard error comes through a pipe of its own: it may arrive
+// a little after the exit status.
+bool ErrorMentions(const HostProcess& host, const std::string& text) {
+    return Eventually([&] { return host.ErrorText().find(text) != std::string::npos; });
+}
+
+class CrHostConsole : public testing::Test {
+protected:
+    std::vector<std::wstring> Arguments() const { return {L"--state", state_, L"--log", log_}; }
+
+    testing_support::TempDir dir_;
+    const std::wstring state_ = dir_.File(L"state.json");
+    const std::wstring log_ = dir_.File(L"log.txt");
+};
+
+TEST_F(CrHostConsole, EveryConsoleCommandIsAnsweredThroughTheAgent) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const Json::Value methodSet = Parse(R"({"id":"M","displayName":"one","methods":[{"plugin":"P","method":"m"}]})");
+    const Json::Value rule =
+        Parse(R"({"id":"r1","displayName":"rule","methodSetId":"M","matchIf":{"type":"boolean.FALSE"}})");
+
+    Json::Value answer = host.Method("SetMethodSet", methodSet);
+    EXPECT_EQ(answer["status"], 0);
+    EXPECT_EQ(answer["method"], "SetMethodSet");
+    EXPECT_TRUE(answer["response"].isObject());
+    EXPECT_EQ(host.Method("GetMethodSet", Parse(R"({"id":"M"})"))["response"]["methods"], methodSet["methods"]);
+    EXPECT_EQ(host.Method("GetMethodSet", Parse(R"({"id":"none"})"))["status"], 1168);
+
+    Json::Value update(Json::objectValue);
+    update["methods"].append(Parse(R"({"id":"N","displayName":"two","methods":[]})"));
+    EXPECT_EQ(host.Method("UpdateMethods", update)["status"], 0);
+    EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Parse(R"(["M","N"])"));
+    EXPECT_EQ(host.Method("DeleteMethodSet", Parse(R"({"id":"N"})"))["status"], 0);
+    EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Parse(R"(["M"])"));
+
+    Json::Value rules(Json::objectValue);
+    rules["rules"].append(rule);
+    answer = host.Method("SetRules", rules);
+    EXPECT_EQ(answer["status"], 0);
+    EXPECT_EQ(answer["response"]["rulesErrors"], Json::Value(Json::arrayValue));
+    EXPECT_EQ(host.Method("GetRules")["response"]["rules"], rules["rules"]);
+    Json::Value both = rules;
+    both["rules"][0]["id"] = "r2";
+    both["methods"].append(methodSet);
+    EXPECT_EQ(host.Method("UpdateRulesAndMethods", both)["status"], 0);
+    EXPECT_EQ(host.Method("GetRules")["response"]["rules"][0]["id"], "r2");
+    EXPECT_EQ(host.Method("DeleteAllMethodSets")["status"], 0);
+    EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Json::Value(Json::arrayValue));
+
+    EXPECT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":1,"maxPostponeTime":9}})"))["status"], 0);
+    EXPECT_EQ(host.Method("GetSettings")["response"]["settings"], Parse(R"({"minEvalTime":1,"maxPostponeTime":9})"));
+    EXPECT_EQ(host.Method("SetEnabled", Parse(R"({"enabled":false})"))["status"], 0);
+    EXPECT_EQ(host.Method("IsEnabled")["response"]["enabled"], false);
+
+    // A command the agent does not know and one without a request reach the
+    // agent, which refuses them; a request that is no object never gets there.
+    EXPECT_EQ(host.Method("NoSuchCommand")["status"], 50);
+    EXPECT_EQ(host.Method("GetRules", Json::Value())["status"], 160);
+    answer = host.Method("GetRules", Json::Value(3));
+    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["error"], "\"request\" is not an object");
+
+    // Any JSON id comes back as it was sent.
+    ASSERT_TRUE(host.Send(R"({"id":{"nested":[1,"two"]},"method":"IsEnabled","request":{}})"));
+    EXPECT_TRUE(host.WaitFor([](const Json::Value& line) { return line["id"] == Parse(R"({"nested":[1,"two"]})"); }));
+    ASSERT_TRUE(host.Send(R"({"method":"IsEnabled","request":{}})"));
+    const auto anonymous =
+        host.WaitFor([](const Json::Value& line) { return line["method"] == "IsEnabled" && !line.isMember("id"); });
+    ASSERT_TRUE(anonymous);
+    EXPECT_EQ((*anonymous)["status"], 0);
+
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+    EXPECT_TRUE(host.BadLines().empty());
+}
+
+TEST_F(CrHostConsole, HostActionsAnswerTheirStatus) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+
+    // The agent connection is what an agent-connection condition sees.
+    const Json::Value connected = Parse(R"({"host":"explain","condition":
+        {"type":"qv.isOvraConnected","data":{"connected":true}}})");
+    EXPECT_EQ(host.Host(connected)["tree"]["state"], false);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected","value":true})"))["status"], 0);
+    EXPECT_EQ(host.Host(connected)["tree"]["state"], true);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected","value":null})"))["status"], 0);
+    EXPECT_EQ(host.Host(connected)["tree"]["state"], false);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected","value":"yes"})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected"})"))["status"], 87);
+
+    // The runner is the one sink of the service control.
+    Json::Value answer = host.Host(Parse(R"({"host":"service.connected"})"));
+    EXPECT_EQ(answer["status"], 0);
+    EXPECT_EQ(answer["sinks"], 1);
+
+    EXPECT_EQ(
+        host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":5,"delayMs":10})"))["status"], 0);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":-5002})"))["status"], 0);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"","method":"m","result":1})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":1.5})"))["status"], 87);
+    EXPECT_EQ(
+        host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":1,"delayMs":-1})"))["status"],
+        87);
+
+    // The host's users and computer, as directory conditions see them.
+    const Json::Value userInGroup =
+        Parse(R"({"host":"explain","condition":{"type":"ad.Group","data":{"sid":"S-1-5-21-1-2-3-513"}}})");
+    const Json::Value computerInGroup =
+        Parse(R"({"host":"explain","condition":{"type":"ad.ComputerGroup","data":{"sid":"S-1-5-21-1-2-3-515"}}})");
+    const Json::Value logOn = Parse(R"({"host":"users.logon","user":{"sid":"S-1-5-21-1-2-3-2000","name":"ann",
+        "domain":"corp.local","groups":["S-1-5-21-1-2-3-513"]}})");
+    const Json::Value logOff = Parse(R"({"host":"users.logoff","user":{"sid":"s-1-5-21-1-2-3-2000"}})");
+    EXPECT_EQ(host.Host(userInGroup)["tree"]["state"], false);
+    EXPECT_EQ(host.Host(logOn)["status"], 0);
+    EXPECT_EQ(host.Host(logOn)["status"], 183);
+    EXPECT_EQ(host.Host(userInGroup)["tree"]["state"], true);
+    EXPECT_EQ(host.Host(logOff)["status"], 0);
+    EXPECT_EQ(host.Host(logOff)["status"], 1168);
+    EXPECT_EQ(host.Host(userInGroup)["tree"]["state"], false);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"users.logon","user":{"sid":"S-1-5-21-1-2-3-2000","groups":[5]}})"))["status"],
+              87);
+    EXPECT_EQ(host.Host(computerInGroup)["tree"]["state"], false);
+    answer = host.Host(Parse(R"({"host":"computer.groups","groups":[{"dn":"CN=Servers,DC=corp,DC=local",
+        "sid":"S-1-5-21-1-2-3-515"}]})"));
+    EXPECT_EQ(answer["status"], 0);
+    EXPECT_EQ(host.Host(computerInGroup)["tree"]["state"], true);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"computer.groups","groups":[{"dn":1}]})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"computer.ou","ou":"CN=PC1,OU=Servers,DC=corp,DC=local"})"))["status"], 0);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"computer.ou"})"))["status"], 87);
+    answer = host.Host(Parse(R"({"host":"no.such.action"})"));
+    EXPECT_EQ(answer["status"], 1168);
+    EXPECT_EQ(answer["host"], "no.such.action");
+
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(host.Host(Parse(R"({"host":"sleep","ms":300})"))["status"], 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(300));
+    EXPECT_EQ(host.Host(Parse(R"({"host":"sleep","ms":"long"})"))["status"], 87);
+
+    // "quit" is answered, then the host stops although its input is open.
+    EXPECT_EQ(host.Host(Parse(R"({"host":"quit"})"))["status"], 0);
+    EXPECT_EQ(host.process().Wait(10'000), 0) << host.ErrorText();
+    EXPECT_TRUE(host.BadLines().empty());
+}
+
+TEST_F(CrHostConsole, ExplainShowsTheStateOfEveryNode) {
+    const std::wstring present = dir_.File(L"present");
+    ASSERT_TRUE(os::OpenFile(present, L"wb"));
+    const std::string presentPath = Json::Value(os::WideToUtf8Lossy(present)).toStyledString();
+    const std::string missingPath = Json::Value(os::WideToUtf8Lossy(dir_.File(L"missing"))).toStyledString();
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+
+    // True: the file is there and the missing one is not.
+    Json::Value answer = host.Host(Parse(R"({"host":"explain","condition":{"type":"boolean.AND","data":{"conditions":[
+        {"type":"Test.FileExists","data":{"filePath":)" +
+                                         presentPath + R"(}},
+        {"type":"boolean.NOT","data":{"condition":{"type":"Test.FileExists","data":{"filePath":)" +
+                                         missingPath + R"(}}}}]}}})"));
+    EXPECT_EQ(answer["status"], 0);
+    EXPECT_EQ(answer["tree"], Parse(R"({"type":"boolean.AND","state":true,"children":[
+        {"type":"Test.FileExists","state":true,"children":[]},
+        {"type":"boolean.NOT","state":true,"children":[{"type":"Test.FileExists","state":false,"children":[]}]}]})"));
+
+    // False, through a rule of the module: the OR's children say why.
+    Json::Value rules = Parse(R"({"rules":[{"id":"r1","displayName":"","methodSetId":"M","matchIf":
+        {"type":"boolean.OR","data":{"conditions":[{"type":"boolean.FALSE"},
+        {"type":"Test.FileExists","data":{"filePath":)" +
+                              missingPath + R"(}}]}}}]})");
+    ASSERT_EQ(host.Method("SetRules", rules)["status"], 0);
+    answer = host.Host(Parse(R"({"host":"explain","ruleId":"r1"})"));
+    EXPECT_EQ(answer["status"], 0);
+    EXPECT_EQ(answer["tree"], Parse(R"({"type":"boolean.OR","state":false,"children":[
+        {"type":"boolean.FALSE","state":false,"children":[]},
+        {"type":"Test.FileExists","state":false,"children":[]}]})"));
+    EXPECT_EQ(host.Host(Parse(R"({"host":"rules"})"))["rules"],
+              Parse(R"([{"id":"r1","methodSetId":"M","state":false}])"));
+
+    // A tree that cannot be built answers the factory's status.
+    answer =
+        host.Host(Parse(R"({"host":"explain","condition":{"type":"boolean.NOT","data":{"condition":{"type":"x"}}}})"));
+    EXPECT_EQ(answer["status"], 120);
+    EXPECT_FALSE(answer.isMember("tree"));
+    EXPECT_EQ(host.Host(Parse(R"({"host":"explain","ruleId":"r9"})"))["status"], 1168);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"explain"})"))["status"], 87);
+    EXPECT_TRUE(host.BadLines().empty());
+}
+
+TEST_F(CrHostConsole, HostileLinesAreAnsweredAndTheHostGoesOn) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const std::string deep(100'000, '[');
+    const std::string huge = "{\"id\":\"" + std::string(9 * 1024 * 1024, 'x') + "\",\"method\":\"IsEnabled\"}";
+    const std::vector<std::string> hostile = {
+        "not json",
+        "[1,2]",
+        "42",
+        "\"text\"",
+        "{}",
+        R"({"id":1})",
+        R"({"method":7})",
+        R"({"host":null})",
+        "{\"method\":\"\xff\xfe\"}",
+        "{\"id\":1} trailing",
+        deep,
+        huge,
+        R"({"a":1, "a":2, "method":"IsEnabled"})",
+    };
+    for (const std::string& line : hostile) ASSERT_TRUE(host.Send(line));
+    // Blank lines are skipped; a line ending in CR LF is read as the line.
+    ASSERT_TRUE(host.Send(""));
+    ASSERT_TRUE(host.Send("  \t"));
+    ASSERT_TRUE(host.Send("{\"id\":\"crlf\",\"method\":\"IsEnabled\",\"request\":{}}\r"));
+
+    const auto answered = host.WaitFor([](const Json::Value& line) { return line["id"] == "crlf"; });
+    ASSERT_TRUE(answered) << host.ErrorText();
+    EXPECT_EQ((*answered)["status"], 0);
+    std::vector<Json::Value> errors;
+    for (const Json::Value& line : host.Lines())
+        if (line.isMember("error") && line.isMember("line")) errors.push_back(line);
+    ASSERT_EQ(errors.size(), hostile.size());
+    for (size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_EQ(errors[i]["line"].asUInt64(), i + 1);
+        EXPECT_TRUE(errors[i]["error"].isString());
+    }
+    EXPECT_EQ(errors[4]["error"], "neither \"method\" nor \"host\"");
+    EXPECT_EQ(errors[8]["error"], "not UTF-8");
+    EXPECT_EQ(errors[10]["error"], "nested deeper than 256 levels");
+    EXPECT_NE(errors[11]["error"].asString().find("line longer than"), std::string::npos);
+
+    // A condition nested deeper than the module builds reaches the module,
+    // which refuses that rule and keeps the others.
+    std::string chain = R"({"type":"boolean.TRUE"})";
+    for (int i = 0; i < 70; ++i) chain = R"({"type":"boolean.NOT","data":{"condition":)" + chain + "}}";
+    const Json::Value answer = host.Method(
+        "SetRules", Parse(R"({"rules":[{"id":"deep","displayName":"","methodSetId":"M","matchIf":)" + chain +
+                          R"(},{"id":"flat","displayName":"","methodSetId":"M","matchIf":{"type":"boolean.TRUE"}}]})"));
+    EXPECT_EQ(answer["response"]["rulesErrors"], Parse(R"([{"index":0,"error":87}])"));
+    EXPECT_EQ(host.Method("GetRules")["response"]["rules"].size(), 1u);
+
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+    EXPECT_TRUE(host.BadLines().empty());
+}
+
+TEST_F(CrHostConsole, StopsCleanlyOnEndOfInputAndOnARequestToStop) {
+    {
+        HostProcess host(Arguments());
+        ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+        EXPECT_EQ(host.Method("IsEnabled")["status"], 0);
+        EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+    }
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    EXPECT_EQ(host.Method("IsEnabled")["status"], 0);
+    // The request arrives while the host waits for input that never ends.
+    if (!host.process().RequestStop()) GTEST_SKIP() << "no way to ask the host to stop here";
+    EXPECT_EQ(host.process().Wait(10'000), 0) << host.ErrorText();
+}
+
+TEST_F(CrHostConsole, CommandLineAndStartFailuresHaveTheirExitStatus) {
+    {
+        HostProcess host({L"--help"});
+        EXPECT_EQ(host.Finish(), 0);
+        EXPECT_TRUE(Eventually([&] {
+            const auto text = host.BadLines();  // the usage is no JSON
+            return !text.empty() && text[0].find("usage: cr-host") == 0;
+        }));
+    }
+    {
+        HostProcess host({L"--bogus"});
+        EXPECT_EQ(host.Finish(), 2);
+        EXPECT_TRUE(ErrorMentions(host, "unknown argument '--bogus'")) << host.ErrorText();
+    }
+    {
+        HostProcess host({L"--state"});
+        EXPECT_EQ(host.Finish(), 2);
+    }
+    {
+        HostProcess host({L"--module", dir_.File(L"nothing-here"), L"--state", state_});
+        EXPECT_EQ(host.Finish(), 3);
+        EXPECT_TRUE(ErrorMentions(host, "cannot load the module")) << host.ErrorText();
+    }
+    {
+        // A state file that is no settings tree is named, and left as it was.
+        const std::string garbage = "not a settings tree";
+        {
+            os::FilePtr file = os::OpenFile(state_, L"wb");
+            ASSERT_TRUE(file);
+            ASSERT_EQ(std::fwrite(garbage.data(), 1, garbage.size(), file.get()), garbage.size());
+        }
+        HostProcess host(Arguments());
+        EXPECT_EQ(host.Finish(), 3);
+        EXPECT_TRUE(ErrorMentions(host, "state.json")) << host.ErrorText();
+        std::string bytes;
+        ASSERT_EQ(os::ReadWholeFile(state_, bytes), os::ReadResult::kRead);
+        EXPECT_EQ(bytes, garbage);
+    }
+}
+
+}  // namespace
