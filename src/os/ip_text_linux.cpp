@@ -50,8 +50,8 @@ bool ParseDotted(const std::wstring& text, size_t pos, size_t end, LeadingZeros 
 
 bool ParseSix(const std::wstring& text, std::array<uint8_t, 16>& out) {
     std::array<uint16_t, 8> groups{};
-    size_t count = 0;               // groups read
-    std::optional<size_t> gap;      // where "::" stands, in groups
+    size_t count = 0;           // groups read
+    std::optional<size_t> gap;  // where "::" stands, in groups
     std::array<uint8_t, 4> dotted{};
     bool haveDotted = false;
     size_t pos = 0;

@@ -10,7 +10,7 @@
 #include <mutex>
 
 #include "adapter_records.h"
-#include "namespace_support_linux.h"
+#include "support/namespace_support_linux.h"
 #include "network/network_provider.h"
 
 namespace {

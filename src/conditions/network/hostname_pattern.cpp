@@ -40,8 +40,8 @@ std::wstring HostnamePattern::ToExpression(const std::wstring& pattern) {
 }
 
 HostnamePattern::HostnamePattern(const std::wstring& pattern) {
-    const size_t literals = static_cast<size_t>(std::count_if(pattern.begin(), pattern.end(),
-                                                              [](wchar_t c) { return c != L'*'; }));
+    const size_t literals =
+        static_cast<size_t>(std::count_if(pattern.begin(), pattern.end(), [](wchar_t c) { return c != L'*'; }));
     if (literals > kMaxHostNameLength) return;
     expression_.emplace(ToExpression(pattern), Options());
 }

@@ -9,8 +9,7 @@
 namespace Product::Integration::ConditionManager {
 namespace {
 constexpr const wchar_t* kHostnameInit = L"Product::Integration::ConditionManager::ConditionHostname::Init";
-constexpr const wchar_t* kConnectionTypeInit =
-    L"Product::Integration::ConditionManager::ConditionConnectionType::Init";
+constexpr const wchar_t* kConnectionTypeInit = L"Product::Integration::ConditionManager::ConditionConnectionType::Init";
 
 wchar_t FoldAscii(wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c; }
 
@@ -79,8 +78,7 @@ int32_t ConditionConnectionType::Init(const InitData& data) {
 
 bool ConditionConnectionType::Compute(const NetworkState& state) const {
     if (ssid_) return std::find(state.ssids.begin(), state.ssids.end(), *ssid_) != state.ssids.end();
-    return std::find(state.connectionKinds.begin(), state.connectionKinds.end(), kind_) !=
-           state.connectionKinds.end();
+    return std::find(state.connectionKinds.begin(), state.connectionKinds.end(), kind_) != state.connectionKinds.end();
 }
 
 }  // namespace Product::Integration::ConditionManager

@@ -55,7 +55,7 @@ private:
     enum class Notify : bool { kNo, kYes };
     [[nodiscard]] int32_t Recompute(Notify notify);
 
-    std::mutex lock_;     // guards cached_
+    std::mutex lock_;  // guards cached_
     bool cached_ = false;
     bool started_ = false;     // the provider was started by Init
     bool subscribed_ = false;  // Attach subscribed
