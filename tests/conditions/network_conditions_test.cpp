@@ -1,11 +1,14 @@
 // The "network." conditions over synthetic network states given through the
 // host's stand-in provider, and the host-resolution condition with a
 // hand-driven timer and switchable names.
+#include <cstdlib>
 #include <future>
+#include <string>
 
 #include "conditions/network/address_conditions.h"
 #include "conditions/network/hostname_pattern.h"
 #include "network_test_support.h"
+#include "os/dns_query.h"
 
 namespace condition_testing {
 namespace {
@@ -287,6 +290,32 @@ TEST_F(CanResolveHost, ShutdownEndsTheThreadAndReleasesTheProvider) {
     EXPECT_TRUE(testing_support::Finishes(changes));
     EXPECT_EQ(bench.provider.StartCount(), 0);
     EXPECT_EQ(bench.provider.SubscriberCount(), 0u);
+}
+
+// The system's resolver (DnsQuery_W on Windows, res_nquery on Linux) against
+// the server that tests/conditions/dns_server_run.sh starts: run by that
+// script (the ctest entry CanResolveHost.AgainstARealServer), skipped alone.
+TEST(CanResolveHostDns, TheSystemResolverAsksTheConfiguredServer) {
+    const char* phase = std::getenv("CR_DNS_SERVER");
+    if (!phase) GTEST_SKIP() << "runs under dns_server_run.sh only";
+    const bool up = std::string(phase) == "up";
+    ResolveBench::timers.clear();
+    ResolveBench::names = nullptr;  // real DNS
+    Bench bench;
+    ResolveTestManager manager;
+    ASSERT_EQ(manager.Init(bench.host.main()), 0);
+    int32_t error = 0;
+    ConditionPtr v6 = manager.CreateCondition(ParseJson(Address("canResolveHost", "v6only.test")), &error, 0);
+    ConditionPtr unknown = manager.CreateCondition(ParseJson(Address("canResolveHost", "unknown.test")), &error, 1);
+    ASSERT_NE(v6, nullptr);
+    ASSERT_NE(unknown, nullptr);
+    EXPECT_EQ(StateOf(*v6), up);  // by its AAAA record alone
+    EXPECT_FALSE(StateOf(*unknown));
+    EXPECT_FALSE(os::HasDnsRecord(L"v6only.test", os::DnsRecordType::kA));
+    EXPECT_EQ(os::HasDnsRecord(L"v6only.test", os::DnsRecordType::kAAAA), up);
+    v6.reset();
+    unknown.reset();
+    EXPECT_EQ(manager.Uninit(), 0);
 }
 
 }  // namespace
