@@ -62,6 +62,7 @@ public:
         changed_.wait(lock, [this] { return due_ > 0 || stop_; });
         if (stop_) return Wake::kStop;
         --due_;
+        ++taken_;
         return Wake::kPass;
     }
     void Stop() override {
@@ -70,21 +71,23 @@ public:
         changed_.notify_all();
     }
     // Runs one pass on the condition's thread; false when it did not finish
-    // within the patience.
+    // within the patience. A pass has finished once the thread that took it
+    // is back waiting: every pass taken is followed by one more Wait.
     bool Pass() {
         std::unique_lock lock(mutex_);
-        const size_t target = waits_ + 1;
+        const size_t target = taken_ + due_ + 1;
         ++due_;
         changed_.notify_all();
-        return changed_.wait_for(lock, testing_support::kPatience, [&] { return waits_ >= target && due_ == 0; });
+        return changed_.wait_for(lock, testing_support::kPatience, [&] { return taken_ >= target && waits_ > taken_; });
     }
     const uint32_t periodMs;
 
 private:
     std::mutex mutex_;
     std::condition_variable changed_;
-    size_t waits_ = 0;  // Wait calls so far: one more than the passes finished
-    size_t due_ = 0;
+    size_t waits_ = 0;  // Wait calls so far
+    size_t taken_ = 0;  // passes the thread took
+    size_t due_ = 0;    // passes asked for and not taken yet
     bool stop_ = false;
 };
 
