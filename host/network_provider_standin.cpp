@@ -23,7 +23,16 @@ int32_t NetworkProviderStandIn::Stop() {
     return 0;
 }
 
-int32_t NetworkProviderStandIn::GetState(Product::Integration::NetworkState&) { return 0; }
+int32_t NetworkProviderStandIn::GetState(Product::Integration::NetworkState& out) {
+    std::lock_guard lock(mutex_);
+    out = state_;
+    return 0;
+}
+
+void NetworkProviderStandIn::SetState(const Product::Integration::NetworkState& state) {
+    std::lock_guard lock(mutex_);
+    state_ = state;
+}
 
 int32_t NetworkProviderStandIn::Subscribe(IEvents* subscriber) {
     std::lock_guard lock(mutex_);

@@ -2,8 +2,9 @@
 // Stand-in network provider for the reference host, registered under
 // "Product.ConditionalRunner.NetworkProvider" so that the condition manager,
 // which requires a provider to start, can run before the module's own provider
-// exists. It watches nothing: its state is always the empty record, and it
-// notifies only when a test calls NotifySubscribers. Its bookkeeping is real:
+// exists. It watches nothing: its state is the empty record until a test sets
+// one with SetState, and it notifies only when a test calls
+// NotifySubscribers. Its bookkeeping is real:
 // counted start and stop, and a subscriber list with the interface's statuses.
 // Once the module exports its own provider, hosts register that one instead.
 //
@@ -34,8 +35,10 @@ public:
     int32_t Start() override;
     // kFunctionFailed when there is no Start to balance.
     int32_t Stop() override;
-    // Leaves `out` as it is: the caller's freshly made record is the empty state.
+    // Copies the state last set (the empty record at first).
     int32_t GetState(Product::Integration::NetworkState& out) override;
+    // Replaces the state that GetState gives; notifies nobody.
+    void SetState(const Product::Integration::NetworkState& state);
     // 0; kFunctionFailed when already subscribed; kInvalidParameter for null.
     int32_t Subscribe(IEvents* subscriber) override;
     int32_t Unsubscribe(IEvents* subscriber) override;
@@ -50,6 +53,7 @@ private:
     mutable std::recursive_mutex mutex_;  // a subscriber may read the state while notified
     SubscriberList<IEvents> subscribers_;
     int starts_ = 0;
+    Product::Integration::NetworkState state_;
 };
 
 }  // namespace host

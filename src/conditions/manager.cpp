@@ -8,6 +8,9 @@
 #include "conditions/directory/ad_computer_conditions.h"
 #include "conditions/directory/ad_user_conditions.h"
 #include "conditions/file_exists.h"
+#include "conditions/network/address_conditions.h"
+#include "conditions/network/can_resolve_host.h"
+#include "conditions/network/name_conditions.h"
 #include "conditions/ovra_connected.h"
 #include "conditions/tree_shape.h"
 #include "model/json_composed_serializer.h"
@@ -86,6 +89,15 @@ int32_t Manager::InitFactory() {
     AddToFactory<ConditionBooleanOr>();
     AddToFactory<ConditionBooleanNot>();
     AddToFactory<ConditionisOvraConnected>();
+    AddToFactory<ConditionCanResolveHost>();
+    AddToFactory<ConditionIP>();
+    AddToFactory<ConditionGateway>();
+    AddToFactory<ConditionDNS>();
+    AddToFactory<ConditionWINS>();
+    AddToFactory<ConditionIPRange>();
+    AddToFactory<ConditionDNSSuffix>();
+    AddToFactory<ConditionHostname>();
+    AddToFactory<ConditionConnectionType>();
     AddToFactory<ConditionADUser>();
     AddToFactory<ConditionADUserOU>();
     AddToFactory<ConditionADGroup>();

@@ -1,9 +1,11 @@
 #pragma once
-// IP addresses to and from text, by the system's own routines.
+// IP addresses to and from text.
 //
 // Windows: RtlIpv4StringToAddressW (strict), RtlIpv6StringToAddressW and
 // RtlIpv6AddressToStringW, bound at run time from the already loaded
-// "Ntdll.dll". Linux: inet_pton and inet_ntop.
+// "Ntdll.dll". Linux: parsers of our own that accept and refuse exactly the
+// texts the Windows routines do (with the check that the whole text was
+// read), and inet_ntop.
 //
 // Pure functions of their arguments; any thread.
 #include <array>

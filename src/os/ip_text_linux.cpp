@@ -1,34 +1,122 @@
 #include <arpa/inet.h>
 
-#include <cstring>
+#include <algorithm>
+#include <optional>
 
 #include "os/ip_text.h"
 #include "os/utf8.h"
 
+// The parsers follow the strict text forms of the Windows routines, so that a
+// rule's address reads the same on both builds:
+// - IPv4: exactly four decimal parts of at most three digits, value at most
+//   255, no leading zero ("0" itself is fine).
+// - IPv6: up to eight groups of one to four hexadecimal digits separated by
+//   ':', at most one "::" standing for at least one zero group, and
+//   optionally four dotted decimal parts in place of the last two groups;
+//   in that embedded form each part has one to three decimal digits, leading
+//   zeros allowed, value at most 255. No zone, no brackets, no blanks.
+// The whole text must be the address.
 namespace os {
 namespace {
 
-// inet_pton reads up to a NUL, so text holding one is not one address.
-std::optional<std::string> Narrow(const std::wstring& text) {
-    if (text.find(L'\0') != std::wstring::npos) return std::nullopt;
-    return WideToUtf8(text);
+bool IsDigit(wchar_t c) { return c >= L'0' && c <= L'9'; }
+
+int HexValue(wchar_t c) {
+    if (IsDigit(c)) return c - L'0';
+    if (c >= L'a' && c <= L'f') return c - L'a' + 10;
+    if (c >= L'A' && c <= L'F') return c - L'A' + 10;
+    return -1;
 }
 
-template <size_t N>
-AddressParse Parse(int family, const std::wstring& text, std::array<uint8_t, N>& out) {
-    auto narrow = Narrow(text);
-    if (!narrow) return AddressParse::kInvalid;
-    std::array<uint8_t, N> bytes{};
-    if (::inet_pton(family, narrow->c_str(), bytes.data()) != 1) return AddressParse::kInvalid;
+enum class LeadingZeros : bool { kRefused, kAllowed };
+
+// Reads four dotted decimal parts from text[pos..end) into `out`.
+bool ParseDotted(const std::wstring& text, size_t pos, size_t end, LeadingZeros zeros, uint8_t* out) {
+    for (int part = 0; part < 4; ++part) {
+        if (part > 0) {
+            if (pos >= end || text[pos] != L'.') return false;
+            ++pos;
+        }
+        const size_t start = pos;
+        unsigned value = 0;
+        while (pos < end && IsDigit(text[pos]) && pos - start < 3) value = value * 10 + (text[pos++] - L'0');
+        const size_t digits = pos - start;
+        if (digits == 0 || value > 255) return false;
+        if (zeros == LeadingZeros::kRefused && digits > 1 && text[start] == L'0') return false;
+        out[part] = static_cast<uint8_t>(value);
+    }
+    return pos == end;
+}
+
+bool ParseSix(const std::wstring& text, std::array<uint8_t, 16>& out) {
+    std::array<uint16_t, 8> groups{};
+    size_t count = 0;           // groups read
+    std::optional<size_t> gap;  // where "::" stands, in groups
+    std::array<uint8_t, 4> dotted{};
+    bool haveDotted = false;
+    size_t pos = 0;
+    const size_t end = text.size();
+    if (end >= 2 && text[0] == L':' && text[1] == L':') {
+        gap = 0;
+        pos = 2;
+    } else if (end >= 1 && text[0] == L':') {
+        return false;
+    }
+    while (pos < end) {
+        // A group, or the embedded dotted form when a '.' follows the digits.
+        size_t digitsEnd = pos;
+        while (digitsEnd < end && HexValue(text[digitsEnd]) >= 0) ++digitsEnd;
+        if (digitsEnd < end && text[digitsEnd] == L'.') {
+            if (count + 2 > 8 || !ParseDotted(text, pos, end, LeadingZeros::kAllowed, dotted.data())) return false;
+            haveDotted = true;
+            pos = end;
+            break;
+        }
+        const size_t digits = digitsEnd - pos;
+        if (digits == 0 || digits > 4 || count == 8) return false;
+        uint16_t value = 0;
+        for (size_t i = pos; i < digitsEnd; ++i) value = static_cast<uint16_t>(value * 16 + HexValue(text[i]));
+        groups[count++] = value;
+        pos = digitsEnd;
+        if (pos == end) break;
+        if (text[pos] != L':') return false;
+        ++pos;
+        if (pos < end && text[pos] == L':') {
+            if (gap) return false;
+            gap = count;
+            ++pos;
+        } else if (pos == end) {
+            return false;  // a single ':' at the end
+        }
+    }
+    const size_t total = count + (haveDotted ? 2 : 0);
+    if (gap ? total > 7 : total != 8) return false;
+    std::array<uint8_t, 16> bytes{};
+    const size_t zeroGroups = 8 - total;
+    size_t at = 0;
+    for (size_t i = 0; i < count; ++i) {
+        if (gap && i == *gap) at += zeroGroups;
+        bytes[2 * at] = static_cast<uint8_t>(groups[i] >> 8);
+        bytes[2 * at + 1] = static_cast<uint8_t>(groups[i] & 0xff);
+        ++at;
+    }
+    if (haveDotted) std::copy(dotted.begin(), dotted.end(), bytes.begin() + 12);
     out = bytes;
-    return AddressParse::kParsed;
+    return true;
 }
 
 }  // namespace
 
-AddressParse ParseIPv4(const std::wstring& text, std::array<uint8_t, 4>& out) { return Parse(AF_INET, text, out); }
+AddressParse ParseIPv4(const std::wstring& text, std::array<uint8_t, 4>& out) {
+    std::array<uint8_t, 4> bytes{};
+    if (!ParseDotted(text, 0, text.size(), LeadingZeros::kRefused, bytes.data())) return AddressParse::kInvalid;
+    out = bytes;
+    return AddressParse::kParsed;
+}
 
-AddressParse ParseIPv6(const std::wstring& text, std::array<uint8_t, 16>& out) { return Parse(AF_INET6, text, out); }
+AddressParse ParseIPv6(const std::wstring& text, std::array<uint8_t, 16>& out) {
+    return ParseSix(text, out) ? AddressParse::kParsed : AddressParse::kInvalid;
+}
 
 std::optional<std::wstring> FormatIPv6(const std::array<uint8_t, 16>& address) {
     char text[INET6_ADDRSTRLEN] = {};

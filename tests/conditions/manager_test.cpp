@@ -67,9 +67,10 @@ TEST(ManagerInit, MissingHostServicesOnlyFailTheConditionsThatNeedThem) {
 TEST(ManagerInit, ResolvesHostPluginsOnceAndReleasesThemAtUninit) {
     Bench bench(true, false);
     ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
-    // Looked up once per type that declares it: three directory types and the test type.
+    // Looked up once per type that declares it: three directory types and the
+    // test type; the nine network types, and once more by the manager itself.
     EXPECT_EQ(bench.host.components().References(L"Product.UserManager"), 4);
-    EXPECT_EQ(bench.host.components().References(host::NetworkProviderStandIn::kName), 1);
+    EXPECT_EQ(bench.host.components().References(host::NetworkProviderStandIn::kName), 10);
     int32_t error = -1;
     {
         ConditionPtr condition = bench.Create(R"({"type":"test.NeedsUserManager"})", &error);
@@ -103,7 +104,7 @@ TEST(ManagerInit, TreesKeepTheHostPluginsAfterTheManagerIsGone) {
     EXPECT_EQ(manager->Uninit(), 0);
     manager.reset();
     EXPECT_EQ(components.References(host::AgentClientNotifications::kName), 1);
-    EXPECT_EQ(components.References(host::NetworkProviderStandIn::kName), 1);
+    EXPECT_EQ(components.References(host::NetworkProviderStandIn::kName), 10);
     alone.reset();
     EXPECT_EQ(bench.agentClient.SubscriberCount(), 1u);
     EXPECT_EQ(components.References(host::AgentClientNotifications::kName), 1);
@@ -196,9 +197,9 @@ TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
         failed(R"({"type":"Test.FileExists","data":{"filePath":""}})", L"Test.FileExists"),
     };
     // Unknown types give 120 and no line beyond "Creating ...". Matching is
-    // exact; the network types are not built yet.
-    for (const char* type : {"boolean.true", "Boolean.TRUE", "boolean.XOR", "", "network.IP", "network.IPRange",
-                             "network.canResolveHost", "ad.user", "AD.ComputerGroup.OU"})
+    // exact.
+    for (const char* type : {"boolean.true", "Boolean.TRUE", "boolean.XOR", "", "network.ip", "network.IPrange",
+                             "Network.canResolveHost", "ad.user", "AD.ComputerGroup.OU"})
         cases.push_back({std::string(R"({"type":")") + type + "\"}", 120, 0, kCreate, L""});
 
     Bench bench;

@@ -5,6 +5,7 @@
 // to the run event; the state survives a restart over the same settings file.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -27,6 +28,9 @@
 #include "support/log_capture.h"
 #include "support/module_under_test.h"
 #include "support/waiting.h"
+#ifdef __linux__
+#include "support/namespace_support_linux.h"
+#endif
 
 namespace {
 
@@ -69,16 +73,26 @@ private:
     IServPlugin* plugin_ = nullptr;
 };
 
+// Where the network conditions get the network from: the host's stand-in
+// (which watches nothing), or the module's own provider over the system.
+enum class NetworkSource { kStandIn, kModule };
+
 // The module hosted over the settings file `settingsFile`, started in the
 // order a host starts it, stopped in the reverse order.
 class HostedModule {
 public:
-    explicit HostedModule(const std::wstring& settingsFile)
+    explicit HostedModule(const std::wstring& settingsFile, NetworkSource network = NetworkSource::kStandIn)
         : host_(true, OpenStore(settingsFile)),
           manager_(module_, host_, qv::names::kConditionManager),
           runner_(module_, host_, qv::names::kModule),
           agent_(module_, host_, qv::names::AgentName()) {
-        host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
+        if (network == NetworkSource::kModule) {
+            provider_ = std::make_unique<Exported>(module_, host_, qv::names::kNetworkProvider);
+            EXPECT_EQ((*provider_)->Init(host_.main()), 0);
+            EXPECT_EQ((*provider_)->Start(), 0);
+        } else {
+            host_.components().Register(host::NetworkProviderStandIn::kName, &standIn_);
+        }
         EXPECT_EQ(manager_->Init(host_.main()), 0);
         EXPECT_EQ(runner_->Init(host_.main()), 0);
         // Evaluate as soon as a change is seen: no quiet period to wait for.
@@ -93,7 +107,13 @@ public:
         EXPECT_EQ(runner_->Stop(), 0);
         EXPECT_EQ(runner_->Uninit(), 0);
         EXPECT_EQ(manager_->Uninit(), 0);
-        host_.components().Unregister(host::NetworkProviderStandIn::kName);
+        if (provider_) {
+            EXPECT_EQ((*provider_)->Stop(), 0);
+            EXPECT_EQ((*provider_)->Uninit(), 0);
+            provider_.reset();
+        } else {
+            host_.components().Unregister(host::NetworkProviderStandIn::kName);
+        }
     }
 
     // Runs console command `method` with the JSON request `request`; its status.
@@ -118,10 +138,11 @@ private:
 
     LoadedModule module_;
     host::ReferenceHost host_;
-    host::NetworkProviderStandIn provider_;
+    host::NetworkProviderStandIn standIn_;
     Exported manager_;
     Exported runner_;
     Exported agent_;
+    std::unique_ptr<Exported> provider_;  // the module's provider, when asked for
 };
 
 std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8Lossy(text)).toStyledString(); }
@@ -284,5 +305,87 @@ TEST_F(RunnerEndToEnd, DirectoryRulesFollowTheHostsUsers) {
               qv::status::kInvalidParameter);
     EXPECT_EQ(response["rulesErrors"], ParseJson(R"([{"index":0,"error":87}])"));
 }
+
+#ifdef __linux__
+// Network rules over the real kernel, in a private network namespace: a rule
+// on an address and an AND of that address with a default route follow the
+// address and the route as they come and go, each flip notified once, and
+// each rule that becomes true runs its method set.
+TEST_F(RunnerEndToEnd, NetworkRulesFollowAddressesAndTheDefaultRoute) {
+    const std::wstring settings = settings_;
+    const network_test::ChildOutcome outcome = network_test::RunInPrivateNetworkNamespace([&settings] {
+        using network_test::Shell;
+        // One command after the other (the operands of + have no order).
+        std::string failures;
+        for (const char* command : {"ip link set lo up", "ip link add cr-veth0 type veth peer name cr-veth1",
+                                    "ip link set cr-veth0 up", "ip link set cr-veth1 up"})
+            failures += Shell(command);
+        testing_support::LogCapture capture;
+        HostedModule hosted(settings, NetworkSource::kModule);
+        const auto check = [&](bool ok, const std::string& what) {
+            if (ok) return;
+            failures += what + " (runs:";
+            for (const auto& run : hosted.host().policyRunner().Runs())
+                failures += " " + os::WideToUtf8Lossy(run.methods.empty() ? L"-" : run.methods[0].method);
+            failures += ")\n";
+        };
+        check(hosted.Command(L"SetMethodSet",
+                             R"({"id":"A","displayName":"","methods":[{"plugin":"P","method":"a"}]})") == 0 &&
+                  hosted.Command(L"SetMethodSet",
+                                 R"({"id":"G","displayName":"","methods":[{"plugin":"P","method":"g"}]})") == 0,
+              "SetMethodSet failed");
+        const std::string ip = R"({"type":"network.IP","data":{"address":"10.79.0.0/24"}})";
+        const std::string gateway = R"({"type":"network.Gateway","data":{"address":"10.79.0.2"}})";
+        check(hosted.Command(L"SetRules", R"({"rules":[
+            {"id":"address","displayName":"","methodSetId":"A","matchIf":)" +
+                                              ip + R"(},
+            {"id":"routed","displayName":"","methodSetId":"G",
+             "matchIf":{"type":"boolean.AND","data":{"conditions":[)" +
+                                              ip + "," + gateway + "]}}}]}") == 0,
+              "SetRules failed");
+
+        // A change of the true rules runs the method set of every true rule.
+        const auto ran = [&hosted](std::vector<std::wstring> methods) {
+            return Eventually([&] {
+                std::vector<std::wstring> all;
+                for (const auto& run : hosted.host().policyRunner().Runs()) all.push_back(run.methods.at(0).method);
+                return all == methods;
+            });
+        };
+        failures += Shell("ip addr add 10.79.0.1/24 dev cr-veth0");
+        check(ran({L"a"}), "the address did not run A");
+        failures += Shell("ip route add default via 10.79.0.2 dev cr-veth0");
+        check(ran({L"a", L"a", L"g"}), "the default route did not run A and G");
+        // Removing the address takes the route with it: both rules turn false.
+        failures += Shell("ip addr del 10.79.0.1/24 dev cr-veth0");
+        check(Eventually([&] { return capture.Contains(L"Rule with id address has state false"); }),
+              "the rule did not turn false");
+        failures += Shell("ip addr add 10.79.0.1/24 dev cr-veth0");
+        check(ran({L"a", L"a", L"g", L"a"}), "the address again did not run A");
+        failures += Shell("ip route add default via 10.79.0.2 dev cr-veth0");
+        check(ran({L"a", L"a", L"g", L"a", L"a", L"g"}), "the default route again did not run A and G");
+
+        // No condition notified more than once per flip (true, false, true).
+        // A flip may also reach the parent without a notification: a parent
+        // recomputing its children takes a leaf's new value first, and the
+        // leaf's own recomputation then finds nothing changed.
+        const auto notified = [&capture](const std::wstring& type, const wchar_t* state) {
+            const std::wstring line = L"Condition [" + type + L"] notify [" + state + L"]";
+            const auto messages = capture.Messages(logging::kTrace);
+            return std::count(messages.begin(), messages.end(), line);
+        };
+        for (const auto& [type, conditions] :
+             {std::pair<std::wstring, long>{L"network.IP", 2}, {L"network.Gateway", 1}, {L"boolean.AND", 1}}) {
+            const long up = notified(type, L"TRUE"), down = notified(type, L"FALSE");
+            if (up == 0 || up > 2 * conditions || down > conditions)
+                failures += os::WideToUtf8Lossy(type) + ": " + std::to_string(up) + " TRUE and " +
+                            std::to_string(down) + " FALSE notifications\n";
+        }
+        return failures;
+    });
+    if (outcome.result == network_test::ChildOutcome::Result::kSkipped) GTEST_SKIP() << outcome.report;
+    EXPECT_EQ(outcome.result, network_test::ChildOutcome::Result::kPassed) << outcome.report;
+}
+#endif
 
 }  // namespace

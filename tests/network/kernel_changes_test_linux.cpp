@@ -10,8 +10,8 @@
 #include <mutex>
 
 #include "adapter_records.h"
-#include "namespace_support_linux.h"
 #include "network/network_provider.h"
+#include "support/namespace_support_linux.h"
 
 namespace {
 
@@ -104,12 +104,15 @@ TEST(KernelChanges, AddressesAddedAndRemovedOnLoopbackReachSubscribers) {
 
 TEST(KernelChanges, AVethPairsAddressAndADefaultRouteReachSubscribers) {
     RunInNamespace([] {
-        std::string failures = Shell("ip link set lo up") + Shell("ip link add cr-veth0 type veth peer name cr-veth1");
+        // One command after the other (the operands of + have no order).
+        std::string failures = Shell("ip link set lo up");
+        failures += Shell("ip link add cr-veth0 type veth peer name cr-veth1");
         NetworkProvider provider(KernelOnly());
         Watcher watcher(provider);
         if (provider.Subscribe(&watcher) != 0 || provider.Start() != 0) return std::string("cannot start\n");
-        failures += Shell("ip link set cr-veth0 up") + Shell("ip link set cr-veth1 up") +
-                    Shell("ip addr add 10.78.0.1/24 dev cr-veth0");
+        failures += Shell("ip link set cr-veth0 up");
+        failures += Shell("ip link set cr-veth1 up");
+        failures += Shell("ip addr add 10.78.0.1/24 dev cr-veth0");
         Check(failures, watcher.AwaitState([](const NetworkState& s) {
             const auto& names = s.adapterNames.items();
             return HasIPv4(s.ipv4Addresses, L"10.78.0.1") &&

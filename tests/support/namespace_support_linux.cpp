@@ -1,6 +1,7 @@
-#include "namespace_support_linux.h"
+#include "support/namespace_support_linux.h"
 
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,7 +25,7 @@ void WriteAll(int fd, const std::string& text) {
 
 }  // namespace
 
-ChildOutcome RunInPrivateNetworkNamespace(const std::function<std::string()>& scenario) {
+ChildOutcome RunInPrivateNetworkNamespace(const std::function<std::string()>& scenario, PrivateMounts mounts) {
     ChildOutcome outcome;
     int fds[2];
     if (::pipe(fds) != 0) {
@@ -41,9 +42,15 @@ ChildOutcome RunInPrivateNetworkNamespace(const std::function<std::string()>& sc
     }
     if (child == 0) {
         ::close(fds[0]);
-        if (::unshare(CLONE_NEWNET) != 0) {
+        const int flags = CLONE_NEWNET | (mounts == PrivateMounts::kYes ? CLONE_NEWNS : 0);
+        if (::unshare(flags) != 0) {
             WriteAll(fds[1],
                      std::string("cannot make a private network namespace (unshare -n): ") + std::strerror(errno));
+            ::_exit(kSkipStatus);
+        }
+        // Mounts made in the child must not propagate back to the machine.
+        if (mounts == PrivateMounts::kYes && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            WriteAll(fds[1], std::string("cannot make the mounts private: ") + std::strerror(errno));
             ::_exit(kSkipStatus);
         }
         const std::string failures = scenario();

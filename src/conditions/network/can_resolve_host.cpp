@@ -1,0 +1,121 @@
+#include "conditions/network/can_resolve_host.h"
+
+#include <chrono>
+#include <system_error>
+
+#include "model/json_composed_serializer.h"
+#include "os/dns_query.h"
+#include "plugin/log.h"
+#include "qv/status.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::ConditionCanResolveHost::Init";
+constexpr const wchar_t* kPass = L"Product::Integration::ConditionManager::ConditionCanResolveHost::Pass";
+
+// Takes the spin flag for the life of the object: sets it to 1, sleeping a
+// millisecond between attempts while another thread has it.
+class SpinGuard {
+public:
+    explicit SpinGuard(std::atomic<int32_t>& flag) : flag_(flag) {
+        while (flag_.exchange(1, std::memory_order_acquire) == 1)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ~SpinGuard() { flag_.exchange(0, std::memory_order_release); }
+    SpinGuard(const SpinGuard&) = delete;
+    SpinGuard& operator=(const SpinGuard&) = delete;
+
+private:
+    std::atomic<int32_t>& flag_;
+};
+
+}  // namespace
+
+bool ConditionCanResolveHost::ResolveByDns(const std::wstring& name) {
+    return os::HasDnsRecord(name, os::DnsRecordType::kA) || os::HasDnsRecord(name, os::DnsRecordType::kAAAA);
+}
+
+ConditionCanResolveHost::ConditionCanResolveHost()
+    : ConditionCanResolveHost([](uint32_t periodMs) { return std::make_unique<PeriodicPassTimer>(periodMs); },
+                              &ResolveByDns) {}
+
+ConditionCanResolveHost::ConditionCanResolveHost(PassTimerFactory timers, Resolver resolver)
+    : timers_(std::move(timers)), resolver_(std::move(resolver)) {}
+
+ConditionCanResolveHost::~ConditionCanResolveHost() { ConditionCanResolveHost::Uninit(); }
+
+int32_t ConditionCanResolveHost::Init(const InitData& data) {
+    if (!qv::JsonComposedSerializer::Load(DataOf(data.json), L"address", hostName_))
+        return qv::status::kInvalidParameter;
+    INetworkProvider* provider = Dependency<INetworkProvider>();
+    if (!provider) {
+        logging::Log(logging::kError, kInit, L"cannot found network provider");
+        return qv::status::kDependencyNotFound;
+    }
+    if (const int32_t status = provider->Start(); status != 0) return status;
+    started_ = true;
+    if (const int32_t status = provider->Subscribe(this); status != 0) return status;
+    subscribed_ = true;
+    if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
+    StoreResult(Resolve());
+    StopTimer();
+    timer_ = timers_(periodSeconds_ * 1000);
+    try {
+        thread_ = std::thread([this, timer = timer_.get()] {
+            while (timer->Wait() == PassTimer::Wake::kPass) static_cast<void>(Pass());
+        });
+    } catch (const std::system_error&) {
+        logging::Log(logging::kError, kInit, L"cannot start the resolution thread");
+        return qv::status::kFunctionFailed;
+    }
+    return 0;
+}
+
+void ConditionCanResolveHost::StopTimer() {
+    if (timer_) timer_->Stop();
+    if (thread_.joinable()) thread_.join();
+    timer_.reset();
+}
+
+void ConditionCanResolveHost::Uninit() {
+    StopTimer();
+    INetworkProvider* provider = Dependency<INetworkProvider>();
+    if (!provider) return;
+    if (subscribed_) static_cast<void>(provider->Unsubscribe(this));  // balances Init's Subscribe
+    if (started_) static_cast<void>(provider->Stop());
+    subscribed_ = started_ = false;
+    Slot<INetworkProvider>().reset();
+}
+
+int32_t ConditionCanResolveHost::GetState(bool* state, bool recompute) {
+    if (!state) return qv::status::kInvalidParameter;
+    if (recompute) StoreResult(Resolve());
+    *state = ReadResult();
+    return 0;
+}
+
+int32_t ConditionCanResolveHost::OnNetworkStateChanged() { return Pass(); }
+
+int32_t ConditionCanResolveHost::Pass() {
+    std::lock_guard lock(passLock_);
+    const bool last = ReadResult();
+    const bool now = Resolve();
+    StoreResult(now);
+    if (now == last) return 0;
+    logging::Log(logging::kDetail, kPass, L"[%s] resolves: %s", hostName_.c_str(), now ? L"TRUE" : L"FALSE");
+    return NotifyChanged(now);
+}
+
+bool ConditionCanResolveHost::Resolve() const { return resolver_(hostName_); }
+
+bool ConditionCanResolveHost::ReadResult() {
+    SpinGuard guard(spin_);
+    return result_ != 0;
+}
+
+void ConditionCanResolveHost::StoreResult(bool value) {
+    SpinGuard guard(spin_);
+    result_ = value ? 1 : 0;
+}
+
+}  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,31 @@
+#pragma once
+// Running a piece of a test in a private network namespace of its own, in a
+// child process, so that the test program's own namespace is never touched.
+#include <functional>
+#include <string>
+
+namespace network_test {
+
+struct ChildOutcome {
+    enum class Result { kPassed, kFailed, kSkipped };
+    Result result = Result::kFailed;
+    std::string report;  // the failures, or why it was skipped
+};
+
+// Which namespaces the child leaves: the network only, or also the mounts
+// (so that it may bind files over system ones, such as the resolver
+// configuration, without the rest of the machine seeing them).
+enum class PrivateMounts : bool { kNo, kYes };
+
+// Forks; the child enters a new network namespace (unshare -n, with -m when
+// asked), runs `scenario` and exits. The scenario returns its failures, one
+// per line, or "" when it passed. Skipped (with the reason) when the
+// namespace cannot be made, as for a user without CAP_SYS_ADMIN.
+ChildOutcome RunInPrivateNetworkNamespace(const std::function<std::string()>& scenario,
+                                          PrivateMounts mounts = PrivateMounts::kNo);
+
+// Runs `command` through the shell; "" when it succeeded, else a line
+// naming it and its output.
+std::string Shell(const std::string& command);
+
+}  // namespace network_test
