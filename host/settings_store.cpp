@@ -137,12 +137,15 @@ using NodePtr = SettingsStore::NodePtr;
 
 // Appends `utf8` as a JSON string. Only what JSON requires is escaped; the
 // rest of the text (well-formed UTF-8) is copied as it is.
-void AppendQuoted(std::string_view utf8, std::string& out) {
+// Returns whether `utf8` held any byte above 0x7F (a multi-byte sequence).
+bool AppendQuoted(std::string_view utf8, std::string& out) {
     static constexpr char kHex[] = "0123456789abcdef";
     out += '"';
     size_t plain = 0;  // start of the run not yet copied
+    unsigned char seen = 0;
     for (size_t i = 0; i < utf8.size(); ++i) {
         const auto c = static_cast<unsigned char>(utf8[i]);
+        seen |= c;
         if (c >= 0x20 && c != '"' && c != '\\') continue;
         out.append(utf8, plain, i - plain);
         plain = i + 1;
@@ -176,9 +179,18 @@ void AppendQuoted(std::string_view utf8, std::string& out) {
     }
     out.append(utf8, plain, std::string_view::npos);
     out += '"';
+    return (seen & 0x80) != 0;
 }
 
-void AppendQuoted(const std::wstring& text, std::string& out) { AppendQuoted(os::WideToUtf8Lossy(text), out); }
+// Appends `text` quoted; false when it is not well-formed UTF-8, which is
+// checked only for text that is not plain ASCII.
+bool AppendQuotedChecked(std::string_view text, std::string& out) {
+    return !AppendQuoted(text, out) || os::IsUtf8(text);
+}
+
+void AppendQuoted(const std::wstring& text, std::string& out) {
+    static_cast<void>(AppendQuoted(os::WideToUtf8Lossy(text), out));
+}
 
 // Appends `value` as compact JSON (members in jsoncpp's order, numbers as its
 // writer gives them). False when it nests deeper than `depth` levels or holds
@@ -207,9 +219,7 @@ bool AppendJson(const Json::Value& value, int depth, std::string& out) {
             const char* end = nullptr;
             if (!value.getString(&begin, &end)) return false;
             const std::string_view text(begin, static_cast<size_t>(end - begin));
-            if (!os::IsUtf8(text)) return false;
-            AppendQuoted(text, out);
-            return true;
+            return AppendQuotedChecked(text, out);
         }
         case Json::arrayValue: {
             out += '[';
@@ -232,8 +242,7 @@ bool AppendJson(const Json::Value& value, int depth, std::string& out) {
                 const char* end = nullptr;
                 const char* name = it.memberName(&end);
                 const std::string_view text(name, static_cast<size_t>(end - name));
-                if (!os::IsUtf8(text)) return false;
-                AppendQuoted(text, out);
+                if (!AppendQuotedChecked(text, out)) return false;
                 out += ':';
                 if (!AppendJson(*it, depth - 1, out)) return false;
             }
@@ -255,8 +264,11 @@ bool ParseStrict(std::string_view text, Json::Value& value, std::string* errors 
 }
 
 // The entry of `value`; null when the store cannot keep it (see AppendJson).
-std::optional<JsonEntry> MakeJsonEntry(const Json::Value& value) {
-    JsonEntry json{std::string(JsonEntry::kPrefix)};
+// `sizeHint` is the expected size of the entry (0: unknown).
+std::optional<JsonEntry> MakeJsonEntry(const Json::Value& value, size_t sizeHint = 0) {
+    JsonEntry json;
+    json.entry.reserve(sizeHint);
+    json.entry = JsonEntry::kPrefix;
     if (!AppendJson(value, SettingsStore::kMaxJsonDepth, json.entry)) return std::nullopt;
     json.entry += '}';
     return json;
@@ -461,7 +473,12 @@ public:
     }
     int32_t SetJson(const wchar_t* name, const Json::Value& value) override {
         return Guarded([&] {
-            auto json = MakeJsonEntry(value);
+            // A value mostly replaces one of about its size: its text is
+            // written at once into room for that much.
+            const Value* old = nullptr;
+            const auto* oldJson =
+                ValidValueName(name) && Find(name, old) == status::kSuccess ? std::get_if<JsonEntry>(old) : nullptr;
+            auto json = MakeJsonEntry(value, oldJson ? oldJson->entry.size() + oldJson->entry.size() / 8 : 0);
             if (!json) return status::kInvalidParameter;
             return Set(name, Value(std::move(*json)));
         });
