@@ -11,6 +11,7 @@
 
 #include "adapter_records.h"
 #include "network/network_provider.h"
+#include "state_watcher.h"
 #include "support/namespace_support_linux.h"
 
 namespace {
@@ -19,35 +20,6 @@ using namespace network_test;
 using Product::Integration::INetworkProvider;
 using Product::Integration::NetworkProvider;
 using Product::Integration::NetworkState;
-
-// Keeps the state each notification brings and lets the scenario wait for one.
-class Watcher final : public INetworkProvider::IEvents {
-public:
-    explicit Watcher(INetworkProvider& provider) : provider_(provider) {}
-    int32_t OnNetworkStateChanged() override {
-        NetworkState state;
-        const int32_t status = provider_.GetState(state);
-        {
-            std::lock_guard lock(mutex_);
-            last_ = std::move(state);
-            ++count_;
-        }
-        changed_.notify_all();
-        return status;
-    }
-    // Whether a notification brings a state that satisfies `test` within 5 s.
-    bool AwaitState(const std::function<bool(const NetworkState&)>& test) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(5), [&] { return count_ > 0 && test(last_); });
-    }
-
-private:
-    INetworkProvider& provider_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    NetworkState last_;
-    int count_ = 0;
-};
 
 bool HasIPv4(const NetworkState::IPv4List& list, const wchar_t* text) {
     return std::any_of(list.begin(), list.end(),
@@ -81,7 +53,7 @@ TEST(KernelChanges, AddressesAddedAndRemovedOnLoopbackReachSubscribers) {
     RunInNamespace([] {
         std::string failures = Shell("ip link set lo up");
         NetworkProvider provider(KernelOnly());
-        Watcher watcher(provider);
+        StateWatcher watcher(provider);
         if (provider.Subscribe(&watcher) != 0 || provider.Start() != 0) return std::string("cannot start\n");
         failures += Shell("ip addr add 10.77.0.1/24 dev lo");
         Check(failures,
@@ -108,7 +80,7 @@ TEST(KernelChanges, AVethPairsAddressAndADefaultRouteReachSubscribers) {
         std::string failures = Shell("ip link set lo up");
         failures += Shell("ip link add cr-veth0 type veth peer name cr-veth1");
         NetworkProvider provider(KernelOnly());
-        Watcher watcher(provider);
+        StateWatcher watcher(provider);
         if (provider.Subscribe(&watcher) != 0 || provider.Start() != 0) return std::string("cannot start\n");
         failures += Shell("ip link set cr-veth0 up");
         failures += Shell("ip link set cr-veth1 up");

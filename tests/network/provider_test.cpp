@@ -9,6 +9,7 @@
 #include "network/network_provider.h"
 #include "os/process_info.h"
 #include "qv/status.h"
+#include "state_watcher.h"
 #include "support/log_capture.h"
 #include "support/waiting.h"
 
@@ -49,34 +50,6 @@ private:
     int reads_ = 0;
 };
 
-// Counts notifications and reads the state in each, as a condition does.
-class Subscriber final : public INetworkProvider::IEvents {
-public:
-    explicit Subscriber(INetworkProvider& provider) : provider_(provider) {}
-    int32_t OnNetworkStateChanged() override {
-        NetworkState state;
-        EXPECT_EQ(provider_.GetState(state), 0);
-        std::lock_guard lock(mutex_);
-        last_ = state;
-        ++count_;
-        return 0;
-    }
-    int count() {
-        std::lock_guard lock(mutex_);
-        return count_;
-    }
-    NetworkState last() {
-        std::lock_guard lock(mutex_);
-        return last_;
-    }
-
-private:
-    INetworkProvider& provider_;
-    std::mutex mutex_;
-    NetworkState last_;
-    int count_ = 0;
-};
-
 struct Bench {
     explicit Bench(uint32_t periodMs) {
         NetworkProvider::Options options;
@@ -97,7 +70,7 @@ struct Bench {
 TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
     testing_support::LogCapture log;
     Bench bench(os::kInfinite);
-    Subscriber one(*bench.provider), two(*bench.provider);
+    StateWatcher one(*bench.provider), two(*bench.provider);
     ASSERT_EQ(bench.provider->Subscribe(&one), 0);
     ASSERT_EQ(bench.provider->Subscribe(&two), 0);
     EXPECT_EQ(bench.provider->Subscribe(&one), qv::status::kFunctionFailed);
@@ -130,6 +103,7 @@ TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
     bench.changes->Signal();
     ASSERT_TRUE(Eventually([&] { return two.count() == 3; }));
     EXPECT_EQ(one.count(), 2);
+    EXPECT_EQ(one.failedReads() + two.failedReads(), 0);
     EXPECT_EQ(two.last().ipv4Addresses[0].ToString(), L"10.0.0.7/32");
     EXPECT_EQ(bench.provider->Stop(), 0);
     EXPECT_TRUE(log.Contains(16, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
@@ -139,7 +113,7 @@ TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
 TEST(NetworkProvider, ATimedPassNotifiesOnlyWhenTheStateChanged) {
     testing_support::LogCapture log;
     Bench bench(5);
-    Subscriber subscriber(*bench.provider);
+    StateWatcher subscriber(*bench.provider);
     ASSERT_EQ(bench.provider->Subscribe(&subscriber), 0);
     ASSERT_EQ(bench.provider->Start(), 0);
     // Several passes over an unchanged machine: no notification.
@@ -180,7 +154,7 @@ TEST(NetworkProvider, StartsAreCountedAndTheLastStopJoinsTheOneThread) {
     EXPECT_TRUE(bench.provider->ListenerRunning());
     EXPECT_EQ(os::ProcessThreadCount(), threadsWithListener);
     // Still listening: a change still reaches a subscriber.
-    Subscriber subscriber(*bench.provider);
+    StateWatcher subscriber(*bench.provider);
     ASSERT_EQ(bench.provider->Subscribe(&subscriber), 0);
     bench.changes->Signal();
     ASSERT_TRUE(Eventually([&] { return subscriber.count() == 1; }));

@@ -12,6 +12,7 @@
 #include "os/file_system.h"
 #include "os/utf8.h"
 #include "qv/status.h"
+#include "state_watcher.h"
 #include "support/log_capture.h"
 #include "support/waiting.h"
 
@@ -110,33 +111,6 @@ TEST(SystemSnapshot, MissingWirelessServiceAndAgentComponentsAreTolerated) {
     }
 }
 
-class Counter final : public INetworkProvider::IEvents {
-public:
-    explicit Counter(INetworkProvider& provider) : provider_(provider) {}
-    int32_t OnNetworkStateChanged() override {
-        NetworkState state;
-        const int32_t status = provider_.GetState(state);
-        std::lock_guard lock(mutex_);
-        last_ = state;
-        ++count_;
-        return status;
-    }
-    int count() {
-        std::lock_guard lock(mutex_);
-        return count_;
-    }
-    NetworkState last() {
-        std::lock_guard lock(mutex_);
-        return last_;
-    }
-
-private:
-    INetworkProvider& provider_;
-    std::mutex mutex_;
-    NetworkState last_;
-    int count_ = 0;
-};
-
 // With the system's address-change source, a change that source does not
 // report reaches subscribers through the timed pass. Under Wine this is the
 // only way changes arrive: its NotifyAddrChange accepts the request but never
@@ -154,7 +128,7 @@ TEST(SystemSnapshot, TheListenerRunsItsTimedPassWithTheSystemsChangeSource) {
         return list;
     };
     NetworkProvider provider(std::move(options));
-    Counter counter(provider);
+    StateWatcher counter(provider);
     ASSERT_EQ(provider.Subscribe(&counter), 0);
     ASSERT_EQ(provider.Start(), 0);
     {
