@@ -1,5 +1,7 @@
 #include "host_process.h"
 
+#include <chrono>
+
 #include <gtest/gtest.h>
 
 #include <json/reader.h>
@@ -40,7 +42,13 @@ HostProcess::Predicate IsPolicyRun() {
 HostProcess::HostProcess(const std::vector<std::wstring>& arguments, const std::wstring& workingDirectory) {
     // An absolute path, which holds in the child's working directory too.
     const std::wstring program = os::JoinPath(os::DirectoryOf(os::ProgramPath()), os::ExecutableFileName(L"cr-host"));
-    process_ = os::ChildProcess::Start(program, arguments, workingDirectory, startError_);
+    // Under Wine, starting a process fails now and then with an internal
+    // error (1359) while other processes start; a real failure (a missing
+    // program, say) fails every attempt.
+    for (int attempt = 0; attempt < 5 && !process_; ++attempt) {
+        if (attempt) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        process_ = os::ChildProcess::Start(program, arguments, workingDirectory, startError_);
+    }
     if (!process_) return;
     outputReader_ = std::thread([this] { ReadOutput(); });
     errorReader_ = std::thread([this] { ReadError(); });
