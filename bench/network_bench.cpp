@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -57,19 +58,25 @@ std::vector<os::AdapterRecord> SyntheticAdapters(int adapters, int addresses) {
     return records;
 }
 
-NetworkState StateOf(const std::vector<os::AdapterRecord>& records) {
+// A provider whose snapshots read `records` (which must outlive it), without
+// agent components.
+std::unique_ptr<NetworkProvider> ProviderOver(const std::vector<os::AdapterRecord>& records) {
     NetworkProvider::Options options;
-    options.readAdapters = [&] {
+    options.readAdapters = [&records] {
         os::AdapterList list;
         list.result = os::AdapterList::Result::kRead;
         list.adapters = records;
         return list;
     };
     options.components = NoComponents();
-    NetworkProvider provider(std::move(options));
-    static_cast<void>(provider.DoUpdateState());
+    return std::make_unique<NetworkProvider>(std::move(options));
+}
+
+NetworkState StateOf(const std::vector<os::AdapterRecord>& records) {
+    const auto provider = ProviderOver(records);
+    static_cast<void>(provider->DoUpdateState());
     NetworkState state;
-    static_cast<void>(provider.GetState(state));
+    static_cast<void>(provider->GetState(state));
     return state;
 }
 
@@ -77,18 +84,10 @@ NetworkState StateOf(const std::vector<os::AdapterRecord>& records) {
 // with the previous state) over synthetic adapters.
 void BM_Snapshot(benchmark::State& state) {
     const auto records = SyntheticAdapters(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-    NetworkProvider::Options options;
-    options.readAdapters = [&] {
-        os::AdapterList list;
-        list.result = os::AdapterList::Result::kRead;
-        list.adapters = records;
-        return list;
-    };
-    options.components = NoComponents();
-    NetworkProvider provider(std::move(options));
+    const auto provider = ProviderOver(records);
     for (auto _ : state) {
         bool changed = false;
-        benchmark::DoNotOptimize(provider.DoUpdateState(&changed));
+        benchmark::DoNotOptimize(provider->DoUpdateState(&changed));
     }
     state.counters["adapters"] = static_cast<double>(state.range(0));
     state.counters["addresses"] = static_cast<double>(state.range(0) * state.range(1) * 2);

@@ -41,18 +41,23 @@ int32_t StatusOf(os::AddressParse parse) {
     return status::kInvalidParameter;
 }
 
-}  // namespace
-
-int32_t IPv4::FromString(IPv4& out, const std::wstring& text) {
+// "<address>[/<prefix>]" into `out` (changed only on success) with the
+// system's strict address parser `parseAddress`.
+template <class Address, class Parser>
+int32_t Parse(Address& out, const std::wstring& text, Parser parseAddress) {
     std::wstring addressText;
-    uint32_t prefix = kFullPrefix;
-    if (!SplitPrefix(text, kFullPrefix, addressText, prefix)) return status::kInvalidParameter;
-    std::array<uint8_t, 4> bytes{};
-    if (const int32_t s = StatusOf(os::ParseIPv4(addressText, bytes)); s != status::kSuccess) return s;
+    uint32_t prefix = Address::kFullPrefix;
+    if (!SplitPrefix(text, Address::kFullPrefix, addressText, prefix)) return status::kInvalidParameter;
+    decltype(out.address) bytes{};
+    if (const int32_t s = StatusOf(parseAddress(addressText, bytes)); s != status::kSuccess) return s;
     out.address = bytes;
     out.prefix = prefix;
     return status::kSuccess;
 }
+
+}  // namespace
+
+int32_t IPv4::FromString(IPv4& out, const std::wstring& text) { return Parse(out, text, os::ParseIPv4); }
 
 std::wstring IPv4::ToString(Form form) const {
     wchar_t text[32];
@@ -72,16 +77,7 @@ int CompareAddress16(const uint8_t* a, const uint8_t* b) noexcept {
     return result;
 }
 
-int32_t IPv6::FromString(IPv6& out, const std::wstring& text) {
-    std::wstring addressText;
-    uint32_t prefix = kFullPrefix;
-    if (!SplitPrefix(text, kFullPrefix, addressText, prefix)) return status::kInvalidParameter;
-    std::array<uint8_t, 16> bytes{};
-    if (const int32_t s = StatusOf(os::ParseIPv6(addressText, bytes)); s != status::kSuccess) return s;
-    out.address = bytes;
-    out.prefix = prefix;
-    return status::kSuccess;
-}
+int32_t IPv6::FromString(IPv6& out, const std::wstring& text) { return Parse(out, text, os::ParseIPv6); }
 
 std::wstring IPv6::ToString(Form form) const {
     const std::wstring text = os::FormatIPv6(address).value_or(L"");
