@@ -99,7 +99,14 @@ bool ConditionalRunnerAgent::UpdateRulesAndMethods(IMethodCall* call) {
     qv::List<Method> methodSets;
     if (!request || !ReadRules(*request, keys::kRules, rules) || !ReadMethods(*request, keys::kMethods, methodSets))
         return false;
-    call->SetResult(plugin()->UpdateRulesAndMethods(rules, methodSets));
+    if (!extensions_) {
+        call->SetResult(plugin()->UpdateRulesAndMethods(rules, methodSets));
+        return true;
+    }
+    qv::List<RuleError> errors;
+    call->SetResult(extensions_->UpdateRulesAndMethods(rules, methodSets, errors));
+    // As SetRules: written whatever the status, naming the rules left out.
+    if (Json::Value* response = call->GetResponse()) WriteRuleErrors(*response, keys::kRulesErrors, errors);
     return true;
 }
 

@@ -31,7 +31,14 @@ const ConditionalRunnerAgent::Command ConditionalRunnerAgent::kCommands[13] = {
     {L"IsEnabled", &ConditionalRunnerAgent::IsEnabled},
 };
 
-ConditionalRunnerAgent::ConditionalRunnerAgent() : Agent(qv::names::AgentName(), qv::names::kModule) {}
+ConditionalRunnerAgent::ConditionalRunnerAgent()
+    : Agent(qv::names::AgentName(), qv::names::kModule), extensions_(qv::names::kModule) {}
+
+int32_t ConditionalRunnerAgent::Init(IServMain* main) {
+    if (const int32_t status = Agent::Init(main); status != 0) return status;
+    static_cast<void>(extensions_.GetPlugin(main->GetComponentManager(), qv::PluginPresence::kOptional));
+    return 0;
+}
 
 // Nothing to report to from a destructor: Uninit's status only repeats what
 // Stop and the release already did.
@@ -59,6 +66,7 @@ int32_t ConditionalRunnerAgent::Stop() {
 
 int32_t ConditionalRunnerAgent::Uninit() {
     const int32_t stopped = Stop();
+    extensions_.Release();
     const int32_t released = Agent::Uninit();
     return stopped != 0 ? stopped : released;
 }

@@ -30,6 +30,9 @@ public:
     [[nodiscard]] int32_t Start() override;
     // Unsubscribes from run reports and unregisters. Idempotent.
     [[nodiscard]] int32_t Stop() override;
+    // Obtains the agent manager and the runner (kDependencyNotFound without
+    // them), and the runner's extensions where it offers them.
+    [[nodiscard]] int32_t Init(IServMain* main) override;
     // Stops if still started, then gives back the plug-ins.
     [[nodiscard]] int32_t Uninit() override;
 
@@ -82,6 +85,8 @@ private:
     [[nodiscard]] int32_t SendMethodSetsRun(const std::vector<RunItem>& items);
 
     bool subscribed_ = false;
+    // Null with a runner that does not offer them.
+    qv::ServPlugin<IConditionalRunnerExtensions> extensions_;
 };
 
 }  // namespace Product::Integration::ConditionalRunner

@@ -140,9 +140,34 @@ struct IConditionalRunnerLocal : IConditionalRunner {
     [[nodiscard]] virtual int32_t NavigateRulesById(const std::wstring& id, IRuleVisitor& visitor) = 0;
 };
 
+// The module's own extensions of the runner, beyond the interface the host
+// knows: answered by the runner object ("Product.ConditionalRunner") under
+// an identifier of their own, so that a host or agent that never asks for
+// them pays nothing.
+struct IConditionalRunnerExtensions {
+    static constexpr GUID iid = qv::MakeGuid(0x3C1B7E52, 0x94D0, 0x4F6B, 0xA7E1, 0x5B2D90C4E812);
+
+    // UpdateRulesAndMethods that also reports the rules left out, as
+    // SetRules does: `errors` is filled whatever the result.
+    [[nodiscard]] virtual int32_t UpdateRulesAndMethods(const qv::IList<IConditionalRunner::Rule>& rules,
+                                                        const qv::IList<IConditionalRunner::Method>& methodSets,
+                                                        qv::IList<IConditionalRunner::RuleError>& errors) = 0;
+    // How long Stop waits for the evaluation thread before it gives up a
+    // method-set run that does not return (180000 ms unless set).
+    virtual void SetStopWaitTimeout(uint32_t milliseconds) = 0;
+
+protected:
+    ~IConditionalRunnerExtensions() = default;
+};
+
 }  // namespace Product::Integration::ConditionalRunner
 
 template <>
 struct qv::InterfaceName<Product::Integration::ConditionalRunner::IConditionalRunner> {
     static constexpr const wchar_t* value = L"struct Product::Integration::ConditionalRunner::IConditionalRunner";
+};
+template <>
+struct qv::InterfaceName<Product::Integration::ConditionalRunner::IConditionalRunnerExtensions> {
+    static constexpr const wchar_t* value =
+        L"struct Product::Integration::ConditionalRunner::IConditionalRunnerExtensions";
 };

@@ -52,4 +52,10 @@ std::wstring ProgramPath();
 // Base address (instance handle) of the binary that contains `address`.
 void* ModuleBaseOf(const void* address) noexcept;
 
+// Keeps the binary that contains `address` loaded until the process ends,
+// whatever its loader releases later: for code that must outlive its owner's
+// release of the library (a thread left running in it). False when the
+// system refused.
+bool PinModuleOf(const void* address) noexcept;
+
 }  // namespace os

@@ -72,6 +72,14 @@ void* ModuleBaseOf(const void* address) noexcept {
     return ::dladdr(address, &info) ? info.dli_fbase : nullptr;
 }
 
+bool PinModuleOf(const void* address) noexcept {
+    Dl_info info{};
+    if (!::dladdr(address, &info) || !info.dli_fname) return false;
+    // Opening the loaded library again with RTLD_NODELETE marks it never to be
+    // unloaded; the extra reference this takes is never given back either.
+    return ::dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
+}
+
 std::wstring ProgramPath() {
     std::vector<char> buffer(4096);
     const ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size());

@@ -88,6 +88,12 @@ void* ModuleBaseOf(const void* address) noexcept {
     return module;
 }
 
+bool PinModuleOf(const void* address) noexcept {
+    HMODULE module = nullptr;
+    return ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                                static_cast<LPCWSTR>(address), &module) != 0;
+}
+
 std::wstring ModulePathOf(const void* address) {
     HMODULE module = static_cast<HMODULE>(ModuleBaseOf(address));
     if (!module) return {};

@@ -14,6 +14,9 @@ namespace qv {
 template <class T>
 struct InterfaceName;
 
+// Whether a plug-in's absence is worth a log line.
+enum class PluginPresence { kRequired, kOptional };
+
 // Not thread-safe: the owner acquires and releases on its own thread
 // (Init/Uninit), and only reads the pointer elsewhere.
 template <class T>
@@ -28,8 +31,8 @@ public:
     // Null on failure, after logging why. A manager that answers success
     // counted a reference even when it hands out null: that answer returns
     // null without a log line, and the reference is still given back by
-    // Release.
-    T* GetPlugin(IComponentManager* manager) {
+    // Release. An optional plug-in that is missing is not logged either.
+    T* GetPlugin(IComponentManager* manager, PluginPresence presence = PluginPresence::kRequired) {
         Release();
         const std::wstring function = L"ServPlugin<" + std::wstring(InterfaceName<T>::value) + L">::GetPlugin";
         if (!manager) {
@@ -39,6 +42,7 @@ public:
         void* out = nullptr;
         const int32_t status = manager->GetPlugin(name_.c_str(), T::iid, &out);
         if (status != status::kSuccess) {
+            if (presence == PluginPresence::kOptional) return nullptr;
             logging::Log(logging::kWarning, function.c_str(), L"Error %d getting plugin \"%s\"", status, name_.c_str());
             return nullptr;
         }

@@ -33,9 +33,6 @@ ConditionalRunnerAL::~ConditionalRunnerAL() {
     // plug-ins back; nothing is left to report to.
     if (evalThread_.joinable()) static_cast<void>(Stop());
     static_cast<void>(Uninit());
-    // A thread that outlived Stop's wait (stuck in a method-set run) must end
-    // before the runner goes.
-    if (evalThread_.joinable()) evalThread_.join();
 }
 
 void* ConditionalRunnerAL::QueryInterface(const GUID& iid) {
@@ -43,6 +40,7 @@ void* ConditionalRunnerAL::QueryInterface(const GUID& iid) {
         return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
     if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
     if (qv::GuidEquals(iid, IConditionalRunner::iid)) return static_cast<IConditionalRunner*>(this);
+    if (qv::GuidEquals(iid, IConditionalRunnerExtensions::iid)) return static_cast<IConditionalRunnerExtensions*>(this);
     return nullptr;
 }
 
@@ -154,7 +152,12 @@ int32_t ConditionalRunnerAL::Start() {
             signals_.Pause();
         }
     }
-    if (evalThread_.joinable()) evalThread_.join();  // one that ended before (a Stop that timed out)
+    if (evalThread_.joinable()) evalThread_.join();  // never left by Stop; for a Start without one
+    // What the last Stop left behind must not end the new thread's first run.
+    stopping_ = false;
+    giveUpRun_.Reset();
+    evalThreadEnded_.Reset();
+    signals_.Rearm();
     try {
         evalThread_ = std::thread([this] { RunEvaluationThread(); });
     } catch (const std::system_error&) {
@@ -181,15 +184,16 @@ void ConditionalRunnerAL::RunEvaluationThread() {
 
 int32_t ConditionalRunnerAL::Stop() {
     logging::CallTrace trace(kStop);
+    stopping_ = true;
     signals_.RequestStop();
     if (evalThread_.joinable()) {
-        if (evalThreadEnded_.Wait(kStopWaitTimeoutMs)) {
-            evalThread_.join();
-        } else {
-            // The thread is stuck in a method-set run; it is joined when it
-            // ends (next Start, or the runner's destruction).
+        if (!evalThreadEnded_.Wait(stopWaitTimeoutMs_)) {
             logging::Log(logging::kError, kStop, L"Cannot stop evaluation thread");
+            // A method-set run that has not returned is given up: the pass
+            // ends at once and the thread with it.
+            giveUpRun_.Set();
         }
+        evalThread_.join();
     }
     bool enabled = true;
     {

@@ -13,8 +13,17 @@
 // thread and only raise a signal or a flag. Subscribers are called on the
 // evaluation thread with the lock held: they must not call back into the
 // runner and wait for another thread that does.
+//
+// Stop waits for the evaluation thread up to its time limit; when a
+// method-set run has not returned by then, the pass gives the run up (the
+// run goes on alone, touching nothing of the runner, see PolicyRun) and the
+// thread ends, so that Stop, Uninit and the runner's destruction never wait
+// for the policy runner. A thread held elsewhere (a subscriber that does not
+// return) is still waited for.
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <list>
 #include <mutex>
 #include <string>
@@ -33,7 +42,6 @@
 #include "runner/evaluation_loop.h"
 #include "runner/host_plugins.h"
 #include "runner/last_run.h"
-#include "runner/run_policy_agent.h"
 #include "runner/runner_signals.h"
 #include "runner/runner_store.h"
 
@@ -42,7 +50,8 @@ namespace Product::Integration::ConditionalRunner {
 class ConditionalRunnerAL final : public IServPlugin,
                                   public IConditionalRunnerLocal,
                                   public ConditionManager::IConditionEvent,
-                                  public EndpointService::IControl {
+                                  public EndpointService::IControl,
+                                  public IConditionalRunnerExtensions {
 public:
     static constexpr const wchar_t* kServiceControlGroup = qv::names::kServiceControlGroup;
     static constexpr const wchar_t* kQueueName = L"qv::EasyEventQueue";
@@ -67,8 +76,10 @@ public:
     // Loads the stored state, starts the evaluation thread and registers with
     // the service controls. kNotReady when the thread cannot start.
     [[nodiscard]] int32_t Start() override;
-    // Ends the thread (waiting up to kStopWaitTimeoutMs), detaches from the
-    // conditions and the service controls, and saves the enabled flag.
+    // Ends the thread (waiting up to the stop time limit, kStopWaitTimeoutMs
+    // unless set otherwise, then giving up a method-set run that did not
+    // return), detaches from the conditions and the service controls, and
+    // saves the enabled flag.
     [[nodiscard]] int32_t Stop() override;
 
     // Console operations.
@@ -91,6 +102,11 @@ public:
     [[nodiscard]] int32_t Subscribe(IEvents* listener, int32_t flags) override;
     [[nodiscard]] int32_t Unsubscribe(IEvents* listener, int32_t flags) override;
     [[nodiscard]] int32_t NavigateRulesById(const std::wstring& id, IRuleVisitor& visitor) override;
+
+    // The module's own extensions.
+    [[nodiscard]] int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets,
+                                                qv::IList<RuleError>& errors) override;
+    void SetStopWaitTimeout(uint32_t milliseconds) override { stopWaitTimeoutMs_ = milliseconds; }
 
     // A rule's condition changed: asks for an evaluation. Any thread.
     [[nodiscard]] int32_t OnStateChanged(bool state, size_t conditionId) override;
@@ -116,8 +132,15 @@ private:
     using OnMethodSetsRunEvent = qv::Event<
         qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
 
-    // Replaces the rules (the console's SetRules without its signal).
-    int32_t SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors);
+    // Replaces the rules (the console's SetRules without its signal). Returns
+    // the failure that left everything as it was (the rules could not be
+    // saved); `remembered` gets the error of the rules left out, as the
+    // operation reports it.
+    int32_t SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors, int32_t& remembered);
+    // Stores every method set that can be stored, in order; the first error.
+    int32_t SetMethodsLocked(const qv::IList<Method>& methodSets);
+    // Saves `lastRun_` as it is now; the error, logged by the store.
+    int32_t SaveLastRun();
     int32_t LoadSettings();
     // Numbers `entries` and attaches the runner to their conditions.
     void Install(std::list<RuleEntry>& entries);
@@ -126,7 +149,22 @@ private:
     // Asks for an evaluation and wakes a runner paused by a console update
     // (in memory only: the stored flag stays). Under the lock.
     void SignalEvaluation();
-    int32_t RunMethod(const std::wstring& methodSetId, std::wstring& response, MethodRunData& run);
+    // What a method-set run told beyond its status and response.
+    struct RunOutcome {
+        bool notConnected = false;
+        bool agentNotFound = false;
+        bool givenUp = false;  // Stop gave the run up; nothing more may happen
+    };
+    enum class PassEnd { kCompleted, kGivenUp };
+    using RulesOfRun = std::map<const MethodRunData*, std::vector<const Rule*>>;
+
+    // The phases of a pass, under the lock.
+    std::vector<LastRun::Installed> CollectTrueRules(bool invalidateCache);
+    static int32_t GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries,
+                                    qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf);
+    PassEnd RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf, bool& leftUnapplied);
+    // Runs one method set; fills the run's status, response and output.
+    RunOutcome RunMethod(const std::wstring& methodSetId, MethodRunData& run);
     void RunEvaluationThread();
     void ReleaseServiceControls();
 
@@ -152,10 +190,12 @@ private:
     RunnerSignals signals_;
     std::thread evalThread_;
     os::AutoResetEvent evalThreadEnded_;
+    os::AutoResetEvent giveUpRun_;  // set by a Stop whose time limit passed
+    std::atomic<uint32_t> stopWaitTimeoutMs_{kStopWaitTimeoutMs};
+    std::atomic<bool> stopping_{false};  // from Stop to the next Start: no pass starts
     std::atomic<bool> invalidateCache_{false};
     std::atomic<bool> transactionInProgress_{false};
     ConditionManager::ConditionQueue eventQueue_;
-    ConditionalRunnerRunPolicyAgent runPolicyAgent_;
 };
 
 }  // namespace Product::Integration::ConditionalRunner

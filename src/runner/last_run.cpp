@@ -50,8 +50,8 @@ int32_t LastRun::Set(const std::vector<Installed>& now) {
     return 0;
 }
 
-void LastRun::RemoveMethodSet(const std::wstring& methodSetId) {
-    serials_.clear();
+bool LastRun::RemoveMethodSet(const std::wstring& methodSetId) {
+    const size_t before = rules_.size();
     std::vector<RulePtr> kept;
     kept.reserve(rules_.size());
     for (size_t i = 0; i < rules_.size(); ++i) {
@@ -63,6 +63,9 @@ void LastRun::RemoveMethodSet(const std::wstring& methodSetId) {
         if (i + 1 < rules_.size()) kept.push_back(std::move(rules_[++i]));
     }
     rules_.swap(kept);
+    if (rules_.size() == before) return false;
+    serials_.clear();
+    return true;
 }
 
 void LastRun::Forget(const std::vector<const Rule*>& rules) {

@@ -51,8 +51,8 @@ public:
     // runs again. After removing an entry the scan steps past the one that
     // followed it without looking at it: of two adjacent entries naming the
     // method set only the first goes; the shorter list counts as a change all
-    // the same.
-    void RemoveMethodSet(const std::wstring& methodSetId);
+    // the same. True when an entry went.
+    bool RemoveMethodSet(const std::wstring& methodSetId);
     // Removes every entry equal to one of `rules`: rules whose run did not
     // reach its target count as changed at the next pass.
     void Forget(const std::vector<const Rule*>& rules);

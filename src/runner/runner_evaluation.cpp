@@ -11,6 +11,7 @@
 #include "plugin/log.h"
 #include "qv/status.h"
 #include "runner/conditional_runner_al.h"
+#include "runner/policy_run.h"
 
 namespace Product::Integration::ConditionalRunner {
 namespace {
@@ -18,34 +19,53 @@ constexpr const wchar_t* kReEvalRules = L"ConditionalRunnerAL::ReEvalRules";
 constexpr const wchar_t* kRunMethod = L"ConditionalRunnerAL::RunMethod";
 // Who asks the policy runner: the host's service.
 constexpr const wchar_t* kCaller = L"ovrahostsvc.exe";
+
+// The policy runner's textual response as JSON; null (logged) when it does
+// not parse.
+Json::Value ParseResponse(const std::wstring& response) {
+    Json::Value parsed;
+    if (response.empty()) return parsed;
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = true;
+    const std::string text = os::WideToUtf8Lossy(response);
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &errors)) {
+        logging::Log(logging::kWarning, kReEvalRules, L"Cannot parse response %S", text.c_str());
+        parsed = Json::Value();
+    }
+    return parsed;
+}
 }  // namespace
 
-int32_t ConditionalRunnerAL::RunMethod(const std::wstring& methodSetId, std::wstring& response, MethodRunData& run) {
+ConditionalRunnerAL::RunOutcome ConditionalRunnerAL::RunMethod(const std::wstring& methodSetId,
+                                                               MethodRunData& run) {
     logging::CallTrace trace(kRunMethod);
     logging::Log(logging::kDetail, kRunMethod, L"Try to run method [%s]", methodSetId.c_str());
+    RunOutcome outcome;
     Method stored;
-    if (const int32_t status = store_.ReadMethod(methodSetId, stored); status != 0) return status;
+    if (const int32_t status = store_.ReadMethod(methodSetId, stored); status != 0) {
+        run.status = status;
+        return outcome;
+    }
     Json::Value request(Json::objectValue);
     request["methods"] = stored.methods;
     if (!stored.context.isNull()) request["context"] = stored.context;
-    const std::wstring text = os::Utf8ToWideLossy(request.toStyledString());
-    runPolicyAgent_.Reset();
-    return policyRunner_->RunPolicy(text.c_str(), response, 0, run.runOutput, kCaller, &runPolicyAgent_);
+    PolicyRun policyRun(*policyRunner_.get(), os::Utf8ToWideLossy(request.toStyledString()), kCaller);
+    if (policyRun.Wait(giveUpRun_) == PolicyRun::Outcome::kGivenUp) {
+        outcome.givenUp = true;
+        return outcome;
+    }
+    run.status = policyRun.status();
+    run.runOutput = std::move(policyRun.details());
+    run.response = ParseResponse(policyRun.response());
+    outcome.notConnected = policyRun.agent().notConnected();
+    outcome.agentNotFound = policyRun.agent().agentNotFound();
+    return outcome;
 }
 
-int32_t ConditionalRunnerAL::ReEvalRules() {
-    logging::CallTrace trace(kReEvalRules);
-    std::lock_guard lock(lock_);
-    if (transactionInProgress_) {
-        logging::Log(logging::kDetail, kReEvalRules,
-                     L"rules and methods transaction in progress. Skip evaluation this time");
-        return 0;
-    }
-    const bool invalidateCache = invalidateCache_.exchange(false);
-    logging::Log(logging::kDetail, kReEvalRules, L"Invalidate cache is %d.", invalidateCache ? 1 : 0);
-
-    // The true rules whose method set exists, in rule order. Nothing is
-    // copied until the pass knows that something changed.
+std::vector<LastRun::Installed> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache) {
+    // Nothing is copied until the pass knows that something changed.
     std::vector<LastRun::Installed> trueEntries;
     trueEntries.reserve(rules_.size());
     for (RuleEntry& entry : rules_) {
@@ -66,17 +86,12 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
         }
         trueEntries.push_back(LastRun::Installed{&entry.rule, entry.serial});
     }
+    return trueEntries;
+}
 
-    // The same rules true in the same order as at the last run: nothing to do.
-    if (lastRun_.Matches(trueEntries)) {
-        logging::Log(logging::kDetail, kReEvalRules, L"Nothing changed from the last run");
-        return 0;
-    }
-
-    // One run per method set, in order of first appearance, naming its rules.
-    qv::List<MethodRunData> toRun;
+int32_t ConditionalRunnerAL::GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries,
+                                              qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf) {
     std::map<std::wstring, MethodRunData*> runOf;  // the run of each method set in `toRun`
-    std::map<const MethodRunData*, std::vector<const Rule*>> rulesOf;
     for (const LastRun::Installed& installed : trueEntries) {
         const Rule& rule = (*installed.rule)->rule;
         MethodRunData*& run = runOf[rule.methodSetId];
@@ -89,47 +104,78 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
         if (run->ruleIds.AddTail(rule.id) != 0) return qv::status::kNotEnoughMemory;
         rulesOf[run].push_back(&rule);
     }
-    if (const int32_t status = lastRun_.Set(trueEntries); status != 0) return status;
-    // True on disk exactly while method sets may be half run.
-    static_cast<void>(store_.SaveMethodsRunStarted(true));  // a failure is logged by the store
+    return 0;
+}
 
-    bool leftUnapplied = false;
-    toRun.ForEach([&](MethodRunData& run) {
-        std::wstring response;
+ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf,
+                                                         bool& leftUnapplied) {
+    for (qv::ListEnumPtr<MethodRunData> e(toRun.CreateEnum()); e->IsValid(); e->Next()) {
+        MethodRunData& run = *e->Current();
         const auto found = methodSets_.find(run.methodSetId);
         if (found == methodSets_.end()) {
             logging::Log(logging::kError, kReEvalRules, L"Cannot find methodSetId %s", run.methodSetId.c_str());
             run.status = qv::status::kNotFound;
-            return;
+            continue;
         }
-        run.status = RunMethod(run.methodSetId, response, run);
+        const RunOutcome outcome = RunMethod(run.methodSetId, run);
+        // Given up by a Stop whose time limit passed: nothing more runs, is
+        // reported or saved. The stored flag still says a run was under way,
+        // so a restart runs every true rule again.
+        if (outcome.givenUp) return PassEnd::kGivenUp;
         logging::Log(logging::kDetail, kReEvalRules, L"Running methodSetId %s, err = %i", run.methodSetId.c_str(),
                      run.status);
-        if (!response.empty()) {
-            Json::CharReaderBuilder builder;
-            builder["collectComments"] = true;
-            const std::string text = os::WideToUtf8Lossy(response);
-            std::string errors;
-            std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-            if (!reader->parse(text.data(), text.data() + text.size(), &run.response, &errors)) {
-                logging::Log(logging::kWarning, kReEvalRules, L"Cannot parse response %S", text.c_str());
-                run.response = Json::Value();
-            }
-        }
         const std::wstring& name = found->second.displayName;
-        if (runPolicyAgent_.notConnected())
+        if (outcome.notConnected)
             logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error 2250",
                          name.c_str());
-        if (runPolicyAgent_.agentNotFound())
+        if (outcome.agentNotFound)
             logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error AGENT_NOT_FOUND",
                          name.c_str());
-        if (runPolicyAgent_.notConnected() || runPolicyAgent_.agentNotFound()) {
+        if (outcome.notConnected || outcome.agentNotFound) {
             // The run did not reach its target: its rules count as changed
             // at the next pass, which a later signal brings.
             lastRun_.Forget(rulesOf[&run]);
             leftUnapplied = true;
         }
-    });
+    }
+    return PassEnd::kCompleted;
+}
+
+int32_t ConditionalRunnerAL::ReEvalRules() {
+    logging::CallTrace trace(kReEvalRules);
+    std::lock_guard lock(lock_);
+    // A stopping runner starts nothing new, and a disabled one runs nothing,
+    // also when the pass was already waiting for the lock as it changed.
+    if (stopping_) return 0;
+    if (isDisabled_) {
+        logging::Log(logging::kDetail, kReEvalRules, L"the runner is disabled. Skip evaluation this time");
+        return 0;
+    }
+    if (transactionInProgress_) {
+        logging::Log(logging::kDetail, kReEvalRules,
+                     L"rules and methods transaction in progress. Skip evaluation this time");
+        return 0;
+    }
+    const bool invalidateCache = invalidateCache_.exchange(false);
+    logging::Log(logging::kDetail, kReEvalRules, L"Invalidate cache is %d.", invalidateCache ? 1 : 0);
+
+    const std::vector<LastRun::Installed> trueEntries = CollectTrueRules(invalidateCache);
+    // The same rules true in the same order as at the last run: nothing to do.
+    if (lastRun_.Matches(trueEntries)) {
+        logging::Log(logging::kDetail, kReEvalRules, L"Nothing changed from the last run");
+        return 0;
+    }
+
+    // One run per method set, in order of first appearance, naming its rules.
+    qv::List<MethodRunData> toRun;
+    RulesOfRun rulesOf;
+    if (const int32_t status = GroupByMethodSet(trueEntries, toRun, rulesOf); status != 0) return status;
+    if (const int32_t status = lastRun_.Set(trueEntries); status != 0) return status;
+    // True on disk exactly while method sets may be half run.
+    static_cast<void>(store_.SaveMethodsRunStarted(true));  // a failure is logged by the store
+
+    bool leftUnapplied = false;
+    if (RunAll(toRun, rulesOf, leftUnapplied) == PassEnd::kGivenUp) return 0;
 
     static_cast<void>(onMethodSetsRun_(toRun));  // subscribers report their own failures
     if (leftUnapplied) {

@@ -1,6 +1,8 @@
 // The console's operations on rules and method sets: each keeps memory and
 // the settings tree in step under the runner's lock, and asks for an
 // evaluation where the change can alter what should run.
+#include <algorithm>
+
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -25,16 +27,25 @@ constexpr const wchar_t* kIsEnabled = L"ConditionalRunnerAL::IsEnabled";
 constexpr const wchar_t* kNavigateRulesById = L"ConditionalRunnerAL::NavigateRulesById";
 }  // namespace
 
-int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors) {
+namespace {
+// Whether a method-set id may name a settings node: "/" would make it a path,
+// and a NUL would cut the name short, so that two ids share one node.
+bool IsStorableMethodSetId(const std::wstring& id) {
+    return (id.empty() || id.find(L'/') == std::wstring::npos) && id.find(L'\0') == std::wstring::npos;
+}
+}  // namespace
+
+int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors,
+                                            int32_t& remembered) {
     logging::CallTrace trace(kSetRulesLocked);
     std::lock_guard lock(lock_);
+    remembered = 0;
     if (!conditionManager_) return qv::status::kDependencyNotFound;
     // Every condition is built first. A rule whose condition cannot be built
     // is left out and reported; a type this module does not know is reported
     // only, every other failure is the operation's too (the last one wins).
     std::list<RuleEntry> entries;
     qv::List<Rule> kept;
-    int32_t remembered = 0;
     int32_t index = 0;
     for (qv::ConstListEnumPtr<Rule> e(rules.CreateConstEnum()); e->IsValid(); e->Next(), ++index) {
         const Rule& rule = *e->Current();
@@ -61,15 +72,16 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
     rules_.swap(entries);
     Install(rules_);
     invalidateCache_ = true;  // new trees answer from their sources at the next pass
-    return remembered;        // the old conditions go with `entries`
+    return 0;                 // the old conditions go with `entries`
 }
 
 int32_t ConditionalRunnerAL::SetRules(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors) {
     logging::CallTrace trace(kSetRules);
     std::lock_guard lock(lock_);
-    const int32_t status = SetRulesLocked(rules, errors);
+    int32_t remembered = 0;
+    const int32_t status = SetRulesLocked(rules, errors, remembered);
     if (!transactionInProgress_) SignalEvaluation();
-    return status;
+    return status != 0 ? status : remembered;
 }
 
 int32_t ConditionalRunnerAL::GetRules(qv::IList<Rule>& rules) {
@@ -91,19 +103,40 @@ void ConditionalRunnerAL::SignalEvaluation() {
     }
 }
 
+int32_t ConditionalRunnerAL::SaveLastRun() { return store_.SaveRules(RunnerStore::kLastRunPath, lastRun_.rules()); }
+
 int32_t ConditionalRunnerAL::SetMethod(const Method& methodSet, bool signal) {
     logging::CallTrace trace(kSetMethod);
     std::lock_guard lock(lock_);
-    // The id becomes part of a settings node's name.
-    if (!methodSet.id.empty() && methodSet.id.find(L'/') != std::wstring::npos) return qv::status::kInvalidParameter;
-    if (const int32_t status = store_.SaveMethod(methodSet); status != 0) return status;
+    if (!IsStorableMethodSetId(methodSet.id)) return qv::status::kInvalidParameter;
+    // A changed method set runs again at the next pass in which one of its
+    // rules is true, though the rules themselves did not change. The shorter
+    // last run is stored before the method set, so that a crash after this
+    // command never keeps the old one: at worst a rule runs once more.
+    LastRun shortened = lastRun_;
+    const bool lastRunChanged = shortened.RemoveMethodSet(methodSet.id);
+    if (lastRunChanged) {
+        if (const int32_t status = store_.SaveRules(RunnerStore::kLastRunPath, shortened.rules()); status != 0)
+            return status;
+    }
+    if (const int32_t status = store_.SaveMethod(methodSet); status != 0) {
+        if (lastRunChanged) static_cast<void>(SaveLastRun());  // the stored copy back in step, if it can be
+        return status;
+    }
     methodSets_[methodSet.id] = methodSet;
     ++methodSetsVersion_;
-    // A changed method set runs again at the next pass in which one of its
-    // rules is true, though the rules themselves did not change.
-    lastRun_.RemoveMethodSet(methodSet.id);
+    lastRun_ = std::move(shortened);
     if (signal) SignalEvaluation();
     return 0;
+}
+
+int32_t ConditionalRunnerAL::SetMethodsLocked(const qv::IList<Method>& methodSets) {
+    int32_t first = 0;
+    for (qv::ConstListEnumPtr<Method> e(methodSets.CreateConstEnum()); e->IsValid(); e->Next()) {
+        const int32_t status = SetMethod(*e->Current(), false);
+        if (first == 0) first = status;
+    }
+    return first;
 }
 
 int32_t ConditionalRunnerAL::GetMethodSet(const std::wstring& id, Method& methodSet) {
@@ -116,6 +149,8 @@ int32_t ConditionalRunnerAL::GetMethodSet(const std::wstring& id, Method& method
 int32_t ConditionalRunnerAL::DeleteMethodSet(const std::wstring& id) {
     logging::CallTrace trace(kDeleteMethodSet);
     std::lock_guard lock(lock_);
+    // Such an id was never stored, and its node name would be another's.
+    if (!IsStorableMethodSetId(id)) return qv::status::kInvalidParameter;
     if (const int32_t status = store_.DeleteMethod(id); status != 0) return status;
     methodSets_.erase(id);
     ++methodSetsVersion_;
@@ -125,8 +160,13 @@ int32_t ConditionalRunnerAL::DeleteMethodSet(const std::wstring& id) {
 int32_t ConditionalRunnerAL::DeleteAllMethodSets() {
     logging::CallTrace trace(kDeleteAllMethodSets);
     std::lock_guard lock(lock_);
-    if (const int32_t status = store_.DeleteAllMethods(); status != 0) return status;
-    methodSets_.clear();
+    std::vector<std::wstring> removed;
+    if (const int32_t status = store_.DeleteAllMethods(removed); status != 0) return status;
+    // Memory follows the store: a set whose node could not be removed stays.
+    std::sort(removed.begin(), removed.end());
+    std::erase_if(methodSets_, [&](const auto& entry) {
+        return std::binary_search(removed.begin(), removed.end(), RunnerStore::MethodNodeName(entry.first));
+    });
     ++methodSetsVersion_;
     return 0;
 }
@@ -139,23 +179,31 @@ int32_t ConditionalRunnerAL::GetMethodSetIds(qv::IList<std::wstring>& ids) {
     return 0;
 }
 
-int32_t ConditionalRunnerAL::UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets) {
+int32_t ConditionalRunnerAL::UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets,
+                                                   qv::IList<RuleError>& errors) {
     logging::CallTrace trace(kUpdateRulesAndMethods);
     std::lock_guard lock(lock_);
-    qv::List<RuleError> errors;
-    int32_t status = SetRulesLocked(rules, errors);
-    for (qv::ConstListEnumPtr<Method> e(methodSets.CreateConstEnum()); status == 0 && e->IsValid(); e->Next())
-        status = SetMethod(*e->Current(), false);
+    int32_t remembered = 0;
+    int32_t status = SetRulesLocked(rules, errors, remembered);
+    // Rules left out do not hold back the method sets; rules that could not
+    // be saved leave everything as it was.
+    if (status == 0) {
+        const int32_t methods = SetMethodsLocked(methodSets);
+        status = remembered != 0 ? remembered : methods;
+    }
     if (!transactionInProgress_) SignalEvaluation();
     return status;
+}
+
+int32_t ConditionalRunnerAL::UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets) {
+    qv::List<RuleError> errors;
+    return UpdateRulesAndMethods(rules, methodSets, errors);
 }
 
 int32_t ConditionalRunnerAL::UpdateMethods(const qv::IList<Method>& methodSets) {
     logging::CallTrace trace(kUpdateMethods);
     std::lock_guard lock(lock_);
-    int32_t status = 0;
-    for (qv::ConstListEnumPtr<Method> e(methodSets.CreateConstEnum()); status == 0 && e->IsValid(); e->Next())
-        status = SetMethod(*e->Current(), false);
+    const int32_t status = SetMethodsLocked(methodSets);
     if (!transactionInProgress_) SignalEvaluation();
     return status;
 }
@@ -178,20 +226,30 @@ int32_t ConditionalRunnerAL::EndTransaction() {
 int32_t ConditionalRunnerAL::SetEnabled(bool enabled) {
     logging::CallTrace trace(kSetEnabled);
     std::lock_guard lock(lock_);
+    // Stored before memory changes: a save that fails leaves the runner as
+    // it was, and a crash right after the answer keeps what it told.
     if (enabled && isDisabled_) {
+        // The last run has been empty since the disabling; the stored copy is
+        // made so too, in case a pass saved one meanwhile.
+        if (const int32_t status = SaveLastRun(); status != 0) return status;
+        if (const int32_t status = store_.SaveEnabled(true); status != 0) return status;
         signals_.RequestEvaluation();
         isDisabled_ = false;
-        const int32_t status = store_.SaveEnabled(true);
         signals_.Awake();
-        return status;
+        return 0;
     }
     if (!enabled && !isDisabled_) {
         // Every true rule runs again after the next enabling.
+        if (const int32_t status = store_.SaveRules(RunnerStore::kLastRunPath, std::vector<RulePtr>()); status != 0)
+            return status;
+        if (const int32_t status = store_.SaveEnabled(false); status != 0) {
+            static_cast<void>(SaveLastRun());  // the stored copy back in step, if it can be
+            return status;
+        }
         lastRun_.Clear();
         isDisabled_ = true;
-        const int32_t status = store_.SaveEnabled(false);
         signals_.Pause();
-        return status;
+        return 0;
     }
     return 0;
 }

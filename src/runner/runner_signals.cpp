@@ -14,9 +14,11 @@ int RunnerSignals::WaitForSignal(uint32_t timeoutMs) {
 }
 
 void RunnerSignals::WaitForAwake() {
-    // A wait that fails cannot be waited out; it ends the pause rather than
-    // leave the thread unable to see a stop.
-    static_cast<void>(os::WaitAny({&awake_}, os::kInfinite));
+    while (paused_ && !stopped_) {
+        // A wait that fails cannot be waited out; it ends the pause rather
+        // than leave the thread unable to see a stop.
+        if (os::WaitAny({&awake_}, os::kInfinite) != 0) return;
+    }
 }
 
 int64_t RunnerSignals::NowSeconds() { return static_cast<int64_t>(std::time(nullptr)); }

@@ -2,8 +2,14 @@
 // The runner's four signals and the wall clock: what the evaluation loop
 // waits on in the product.
 //
+// A pause lasts until the runner is resumed or stopped: the events only wake
+// the thread, and whether it is paused is kept apart, so that a wake-up left
+// over from an earlier resumption cannot end a later pause.
+//
 // Thread rules: any thread may raise a signal at any time without blocking;
-// only the evaluation thread waits.
+// only the evaluation thread waits. Pause and Awake are called under the
+// runner's lock, so they follow each other in the order the runner decided.
+#include <atomic>
 #include <cstdint>
 
 #include "os/event.h"
@@ -17,11 +23,23 @@ public:
     void RequestEvaluation() noexcept { eval_.Set(); }
     // Ends the loop; also wakes it from a pause.
     void RequestStop() noexcept {
+        stopped_ = true;
         stop_.Set();
         awake_.Set();
     }
-    void Pause() noexcept { pause_.Set(); }
-    void Awake() noexcept { awake_.Set(); }
+    // Forgets an earlier stop, before the loop starts again.
+    void Rearm() noexcept {
+        stopped_ = false;
+        stop_.Reset();
+    }
+    void Pause() noexcept {
+        paused_ = true;
+        pause_.Set();
+    }
+    void Awake() noexcept {
+        paused_ = false;
+        awake_.Set();
+    }
     // False when the system refused one of the events.
     bool Valid() const noexcept { return eval_.Valid() && stop_.Valid() && pause_.Valid() && awake_.Valid(); }
 
@@ -35,6 +53,8 @@ private:
     os::AutoResetEvent stop_;
     os::AutoResetEvent pause_;
     os::AutoResetEvent awake_;
+    std::atomic<bool> paused_{false};
+    std::atomic<bool> stopped_{false};
 };
 
 }  // namespace Product::Integration::ConditionalRunner

@@ -225,19 +225,29 @@ int32_t RunnerStore::DeleteMethod(const std::wstring& id) {
     return status;
 }
 
-int32_t RunnerStore::DeleteAllMethods() {
+int32_t RunnerStore::DeleteAllMethods(std::vector<std::wstring>& removed) {
     logging::CallTrace trace(kDeleteAllMethods);
+    removed.clear();
     Node root;
     std::vector<std::wstring> children;
     if (Open(L"/", true, root, kDeleteAllMethods, nullptr) != 0 || root->GetChildNames(children) != 0) {
         logging::Log(logging::kError, kDeleteAllMethods, L"Error getting accessor root");
         return qv::status::kFunctionFailed;
     }
+    std::vector<std::wstring> gone;
     for (const std::wstring& child : children) {
-        if (IsMethodNode(child) && root->RemoveChild(child.c_str()) != 0)
+        if (!IsMethodNode(child)) continue;
+        if (root->RemoveChild(child.c_str()) != 0)
             logging::Log(logging::kError, kDeleteAllMethods, L"Error deleting method %s", child.c_str());
+        else
+            gone.push_back(child);
     }
-    if (root->Commit() != 0) logging::Log(logging::kError, kDeleteAllMethods, L"Error deleting method %s", L"*");
+    if (gone.empty()) return 0;  // nothing to save
+    if (const int32_t status = root->Commit(); status != 0) {
+        logging::Log(logging::kError, kDeleteAllMethods, L"Error deleting method %s", L"*");
+        return status;
+    }
+    removed.swap(gone);
     return 0;
 }
 

@@ -18,13 +18,15 @@
 #include <string>
 #include <vector>
 
+#include "model/ordinal_order.h"
 #include "model/runner_json.h"
 #include "qv/settings_store.h"
 #include "runner/rule_record.h"
 
 namespace Product::Integration::ConditionalRunner {
 
-using MethodSets = std::map<std::wstring, Method>;
+// Method sets by id, in the ordinal order of the ids (UTF-16 code units).
+using MethodSets = std::map<std::wstring, Method, qv::Utf16OrdinalLess>;
 
 class RunnerStore {
 public:
@@ -61,9 +63,11 @@ public:
     [[nodiscard]] int32_t ReadMethod(const std::wstring& id, Method& methodSet);
     [[nodiscard]] int32_t SaveMethod(const Method& methodSet);
     [[nodiscard]] int32_t DeleteMethod(const std::wstring& id);
-    // Removes every "/Methods_" node and nothing else; 0 also when single
-    // removals failed (each is logged), kFunctionFailed without a root.
-    [[nodiscard]] int32_t DeleteAllMethods();
+    // Removes every "/Methods_" node and nothing else; `removed` gets the
+    // names of the nodes that went. 0 also when single removals failed (each
+    // is logged, its node stays); kFunctionFailed without a root; the store's
+    // error when the removals could not be saved (then none went).
+    [[nodiscard]] int32_t DeleteAllMethods(std::vector<std::wstring>& removed);
 
     // "Methods_" + id: the name of a method set's node under the root.
     static std::wstring MethodNodeName(const std::wstring& id);

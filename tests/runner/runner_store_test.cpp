@@ -96,7 +96,9 @@ TEST_F(RunnerStoreTest, MethodSetsAreNodesOfTheirOwnAndOnlyThoseAreRemoved) {
     EXPECT_EQ(store_.DeleteMethod(L"M"), 0);  // already gone
     Method read;
     EXPECT_EQ(store_.ReadMethod(L"M", read), qv::status::kNotFound);
-    ASSERT_EQ(store_.DeleteAllMethods(), 0);
+    std::vector<std::wstring> removed;
+    ASSERT_EQ(store_.DeleteAllMethods(removed), 0);
+    EXPECT_EQ(removed, (std::vector<std::wstring>{L"Methods_N", L"Methods_broken"}));
     ASSERT_EQ(store_.ReadMethods(methodSets), 0);
     EXPECT_TRUE(methodSets.empty());
     bool enabled = true;

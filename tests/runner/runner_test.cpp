@@ -4,98 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "conditions/manager.h"
-#include "host/network_provider_standin.h"
-#include "host/reference_host.h"
-#include "host/settings_store.h"
 #include "os/file_io.h"
-#include "os/utf8.h"
-#include "plugin/module_names.h"
-#include "qv/status.h"
-#include "runner/conditional_runner_al.h"
-#include "support/log_capture.h"
-#include "support/module_under_test.h"
+#include "runner/runner_fixture.h"
 
 namespace {
 
-using namespace Product::Integration::ConditionalRunner;
-using Product::Integration::ConditionManager::Manager;
-using testing_support::ParseJson;
-
-Rule MakeRule(const std::wstring& id, const std::wstring& methodSetId, const char* matchIf) {
-    return Rule{id, L"rule " + id, methodSetId, ParseJson(matchIf)};
-}
-Method MakeMethod(const std::wstring& id, const char* methods = R"([{"plugin":"P","method":"m"}])") {
-    return Method{id, L"set " + id, ParseJson(methods), Json::Value()};
-}
-
-// Records the run reports.
-class Reports final : public IConditionalRunner::IEvents {
-public:
-    int32_t OnMethodSetsRun(const qv::IList<MethodRunData>& runs) override {
-        std::vector<std::pair<std::wstring, std::vector<std::wstring>>> report;
-        runs.ForEach([&](const MethodRunData& run) {
-            std::vector<std::wstring> ids;
-            run.ruleIds.ForEach([&](const std::wstring& id) { ids.push_back(id); });
-            report.emplace_back(run.methodSetId, ids);
-        });
-        reports.push_back(report);
-        return 0;
-    }
-    std::vector<std::vector<std::pair<std::wstring, std::vector<std::wstring>>>> reports;
-};
-
-class RunnerTest : public testing::Test {
-protected:
-    void SetUp() override {
-        host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
-        host_.components().Register(qv::names::kConditionManager, static_cast<IServPlugin*>(&manager_));
-        ASSERT_EQ(manager_.Init(host_.main()), 0);
-        ASSERT_EQ(runner_.Init(host_.main()), 0);
-        ASSERT_EQ(runner_.Subscribe(&reports_, 0), 0);
-    }
-    void TearDown() override {
-        EXPECT_EQ(runner_.Unsubscribe(&reports_, 0), 0);
-        EXPECT_EQ(runner_.Uninit(), 0);
-        EXPECT_EQ(manager_.Uninit(), 0);
-        EXPECT_EQ(host_.components().TotalReferences(), 0);
-    }
-
-    // The store's node at `path` has `value` under `name` (null when absent).
-    Json::Value Stored(const wchar_t* path, const wchar_t* name) {
-        IEPSettingsNode* node = nullptr;
-        if (host_.settings()->OpenForRead(path, &node) != 0) return Json::Value();
-        Json::Value value;
-        if (node->GetJson(name, value) != 0) value = Json::Value();
-        node->Release();
-        return value;
-    }
-    int32_t SetRules(std::initializer_list<Rule> rules, std::vector<RuleError>* errorsOut = nullptr) {
-        qv::List<Rule> list(rules);
-        qv::List<RuleError> errors;
-        const int32_t status = runner_.SetRules(list, errors);
-        if (errorsOut) errors.ForEach([&](const RuleError& e) { errorsOut->push_back(e); });
-        return status;
-    }
-
-    static std::unique_ptr<host::SettingsStore> OpenStore(const std::wstring& file) {
-        std::wstring error;
-        return host::SettingsStore::Open(file, error);
-    }
-
-    testing_support::TempDir dir_;
-    host::ReferenceHost host_{true, OpenStore(dir_.File(L"settings.json"))};
-    host::NetworkProviderStandIn provider_;
-    Manager manager_;
-    ConditionalRunnerAL runner_;
-    Reports reports_;
-};
+using namespace runner_test;
 
 TEST_F(RunnerTest, MethodSetsAreKeptInMemoryAndInTheStoreInStep) {
     EXPECT_EQ(runner_.SetMethod(MakeMethod(L"a/b"), false), qv::status::kInvalidParameter);
@@ -177,8 +95,6 @@ TEST_F(RunnerTest, EvaluationRunsEachMethodSetOnceAndOnlyOnAChange) {
     EXPECT_EQ(host_.policyRunner().Runs().size(), 3u);
 }
 
-}  // namespace
-
 // Console commands from several threads, conditions changing underneath and
 // the evaluation thread running, for a while; then a clean stop.
 TEST_F(RunnerTest, ConsoleCommandsConditionChangesAndEvaluationsInterleave) {
@@ -254,3 +170,5 @@ TEST_F(RunnerTest, ConsoleCommandsConditionChangesAndEvaluationsInterleave) {
     EXPECT_EQ(runner_.Stop(), 0);
     EXPECT_GT(host_.policyRunner().Runs().size(), 0u);
 }
+
+}  // namespace
