@@ -42,6 +42,11 @@ void PolicyRunner::SetResult(const std::wstring& plugin, const std::wstring& met
     settings_[{plugin, method}] = Setting{result, delay};
 }
 
+void PolicyRunner::SetResponseText(std::optional<std::wstring> text) {
+    std::lock_guard lock(mutex_);
+    responseText_ = std::move(text);
+}
+
 void PolicyRunner::SetRunSink(RunSink sink) {
     std::lock_guard lock(mutex_);
     sink_ = std::move(sink);
@@ -103,6 +108,10 @@ int32_t PolicyRunner::RunPolicy(const wchar_t* request, std::wstring& response, 
     Json::Value body(Json::objectValue);
     body["results"] = std::move(results);
     response = os::Utf8ToWideLossy(Compact(body));
+    {
+        std::lock_guard lock(mutex_);
+        if (responseText_) response = *responseText_;
+    }
     details["caller"] = Narrow(run.caller);
     const int32_t status = run.status;
     Finish(std::move(run));

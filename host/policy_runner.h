@@ -26,6 +26,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,6 +68,10 @@ public:
     // `delay` (by the runner's clock). Replaces an earlier setting.
     void SetResult(const std::wstring& plugin, const std::wstring& method, int32_t result,
                    std::chrono::milliseconds delay = std::chrono::milliseconds(0));
+    // From now on a run that is not refused answers `text` as its response
+    // instead of its results (a policy runner whose answer does not parse);
+    // nullopt goes back to the results.
+    void SetResponseText(std::optional<std::wstring> text);
     // Told of each finished run (refused ones too), on the thread that ran it.
     void SetRunSink(RunSink sink);
 
@@ -97,6 +102,7 @@ private:
 
     mutable std::mutex mutex_;  // settings, runs and sink
     std::map<Key, Setting> settings_;
+    std::optional<std::wstring> responseText_;
     std::vector<Run> runs_;
     RunSink sink_;
 

@@ -90,6 +90,15 @@ protected:
         return status;
     }
 
+    // Writes `value` (a bool or JSON) under `name` at `path`, as an earlier
+    // process would have left it.
+    void Put(const wchar_t* path, const wchar_t* name, const Json::Value& value) {
+        IEPSettingsNode* node = nullptr;
+        ASSERT_EQ(host_.settings()->OpenForWrite(path, &node), 0);
+        EXPECT_EQ(value.isBool() ? node->SetBool(name, value.asBool()) : node->SetJson(name, value), 0);
+        EXPECT_EQ(node->Commit(), 0);
+        node->Release();
+    }
     size_t StoredLastRunSize() { return Stored(L"/MethodsRunner/Info", L"")["data"].size(); }
     std::vector<std::wstring> MethodSetIds() {
         qv::List<std::wstring> ids;

@@ -95,6 +95,39 @@ TEST_F(RunnerTest, EvaluationRunsEachMethodSetOnceAndOnlyOnAChange) {
     EXPECT_EQ(host_.policyRunner().Runs().size(), 3u);
 }
 
+// A method whose agent is not there: the run did not reach its target, so its
+// rules are forgotten and a re-evaluation is scheduled, which runs the
+// method set again though nothing else changed.
+TEST_F(RunnerTest, ARunWhoseAgentIsMissingIsRetried) {
+    testing_support::LogCapture capture;
+    host_.policyRunner().SetResult(L"P", L"m", qv::status::kAgentNotFound);
+    ASSERT_EQ(runner_.SetMethod(MakeMethod(L"M"), false), 0);
+    ASSERT_EQ(SetRules({MakeRule(L"r", L"M", R"({"type":"boolean.TRUE"})")}), 0);
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    EXPECT_TRUE(capture.Contains(logging::kWarning, L"ConditionalRunnerAL::ReEvalRules",
+                                 L"running methodset [set M] returned with error AGENT_NOT_FOUND"));
+    EXPECT_TRUE(capture.Contains(L"There are some valid rules which were not applied; re-signal after 30s"));
+    EXPECT_EQ(StoredLastRunSize(), 0u);
+    EXPECT_EQ(host_.queues().PendingCount(), 1u);
+
+    host_.policyRunner().SetResult(L"P", L"m", 0);
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    EXPECT_EQ(host_.policyRunner().Runs().size(), 2u);
+    EXPECT_EQ(StoredLastRunSize(), 1u);
+}
+
+// A response that is not JSON is logged and reported as none.
+TEST_F(RunnerTest, AResponseThatDoesNotParseIsReportedAsNone) {
+    testing_support::LogCapture capture;
+    host_.policyRunner().SetResponseText(L"{not json");
+    ASSERT_EQ(runner_.SetMethod(MakeMethod(L"M"), false), 0);
+    ASSERT_EQ(SetRules({MakeRule(L"r", L"M", R"({"type":"boolean.TRUE"})")}), 0);
+    ASSERT_EQ(runner_.ReEvalRules(), 0);
+    EXPECT_TRUE(capture.Contains(logging::kWarning, L"ConditionalRunnerAL::ReEvalRules",
+                                 L"Cannot parse response {not json"));
+    ASSERT_EQ(reports_.Count(), 1u);
+}
+
 // Console commands from several threads, conditions changing underneath and
 // the evaluation thread running, for a while; then a clean stop.
 TEST_F(RunnerTest, ConsoleCommandsConditionChangesAndEvaluationsInterleave) {
