@@ -34,7 +34,14 @@ std::string Compact(const Json::Value& value) {
 
 PolicyRunner::PolicyRunner(Clock& clock) : clock_(clock) { clock_.AddListener(this); }
 
-PolicyRunner::~PolicyRunner() { clock_.RemoveListener(this); }
+PolicyRunner::~PolicyRunner() {
+    std::unique_lock lock(sleepMutex_);
+    closing_ = true;
+    timeMoved_.notify_all();
+    callerLeft_.wait(lock, [this] { return callers_ == 0; });
+    lock.unlock();
+    clock_.RemoveListener(this);
+}
 
 void PolicyRunner::SetResult(const std::wstring& plugin, const std::wstring& method, int32_t result,
                              std::chrono::milliseconds delay) {
@@ -70,6 +77,18 @@ void* PolicyRunner::QueryInterface(const GUID& iid) {
 
 int32_t PolicyRunner::RunPolicy(const wchar_t* request, std::wstring& response, int32_t /*flags*/, Json::Value& details,
                                 const wchar_t* caller, EnterpriseIntegration::RunPolicyAgent* agent) {
+    // Counts this call as inside until it returns, for the destructor.
+    struct Inside {
+        PolicyRunner& runner;
+        explicit Inside(PolicyRunner& r) : runner(r) {
+            std::lock_guard lock(runner.sleepMutex_);
+            ++runner.callers_;
+        }
+        ~Inside() {
+            std::lock_guard lock(runner.sleepMutex_);
+            if (--runner.callers_ == 0) runner.callerLeft_.notify_all();
+        }
+    } inside(*this);
     Run run;
     run.caller = caller ? caller : L"";
     run.requestText = request ? request : L"";
@@ -92,7 +111,12 @@ int32_t PolicyRunner::RunPolicy(const wchar_t* request, std::wstring& response, 
             std::lock_guard lock(mutex_);
             if (auto it = settings_.find({method.plugin, method.method}); it != settings_.end()) setting = it->second;
         }
-        Sleep(setting.delay);
+        if (!Sleep(setting.delay)) {
+            // The host is going away: the run ends here.
+            run.status = qv::status::kOperationAborted;
+            Finish(std::move(run));
+            return qv::status::kOperationAborted;
+        }
         method.result = setting.result;
         if (agent) agent->OnAfterRunPolicy(method.plugin, method.method, method.result);
         if (run.status == 0) run.status = method.result;
@@ -156,13 +180,14 @@ void PolicyRunner::Finish(Run run) {
     if (sink) sink(run);
 }
 
-void PolicyRunner::Sleep(std::chrono::milliseconds delay) {
-    if (delay.count() <= 0) return;
+bool PolicyRunner::Sleep(std::chrono::milliseconds delay) {
     std::unique_lock lock(sleepMutex_);
+    if (delay.count() <= 0) return !closing_;
     const auto due = clock_.Now() + delay;
     ++sleeping_;
-    while (clock_.Now() < due) clock_.WaitUntil(timeMoved_, lock, due);
+    while (!closing_ && clock_.Now() < due) clock_.WaitUntil(timeMoved_, lock, due);
     --sleeping_;
+    return !closing_;
 }
 
 void PolicyRunner::OnTimeMoved() {

@@ -18,7 +18,10 @@
 //
 // Thread rule: every operation may be called from any thread. Runs proceed
 // in parallel; the agent, the sink and the delays are never called or waited
-// for under the runner's lock. The runner must outlive every run in progress.
+// for under the runner's lock. Destroying the runner ends the delays of the
+// runs in progress (each such run answers kOperationAborted and runs no
+// further method) and waits until every caller has left RunPolicy; no run
+// may start once destruction has begun.
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -92,8 +95,9 @@ private:
     using Key = std::pair<std::wstring, std::wstring>;
 
     void OnTimeMoved() override;
-    // Blocks until `delay` has passed by the clock.
-    void Sleep(std::chrono::milliseconds delay);
+    // Blocks until `delay` has passed by the clock; false when the runner is
+    // being destroyed first.
+    bool Sleep(std::chrono::milliseconds delay);
     // Fills run.methods from run.request; false when the request is malformed.
     static bool ParseMethods(Run& run);
     void Finish(Run run);
@@ -106,9 +110,12 @@ private:
     std::vector<Run> runs_;
     RunSink sink_;
 
-    mutable std::mutex sleepMutex_;  // sleepers and their wake-up
+    mutable std::mutex sleepMutex_;  // sleepers, callers and their wake-ups
     std::condition_variable timeMoved_;
+    std::condition_variable callerLeft_;
     size_t sleeping_ = 0;
+    size_t callers_ = 0;   // inside RunPolicy
+    bool closing_ = false;  // being destroyed
 };
 
 }  // namespace host

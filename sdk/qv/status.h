@@ -14,6 +14,7 @@ constexpr int32_t kCallNotImplemented = 120;   // ERROR_CALL_NOT_IMPLEMENTED
 constexpr int32_t kBadArguments = 160;         // ERROR_BAD_ARGUMENTS
 constexpr int32_t kAlreadyExists = 183;        // ERROR_ALREADY_EXISTS
 constexpr int32_t kNoData = 232;               // ERROR_NO_DATA
+constexpr int32_t kOperationAborted = 995;     // ERROR_OPERATION_ABORTED
 constexpr int32_t kInvalidSize = 632;          // ERROR_INVALID_SIZE
 constexpr int32_t kNotAllAssigned = 1300;      // ERROR_NOT_ALL_ASSIGNED
 constexpr int32_t kTimeout = 1460;             // ERROR_TIMEOUT

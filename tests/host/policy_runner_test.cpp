@@ -151,6 +151,24 @@ TEST(PolicyRunner, ConcurrentRunsWaitForADelayedMethodByTheClock) {
     for (const auto& agent : agents) EXPECT_EQ(agent->Calls().size(), 6u);
 }
 
+// The host going away while a run waits: the run ends at once, aborted, and
+// the runner is gone only after the caller has left it.
+TEST(PolicyRunner, DestructionEndsTheRunsThatWaitAndWaitsForTheirCallers) {
+    host::ManualClock clock;
+    auto runner = std::make_unique<host::PolicyRunner>(clock);
+    runner->SetResult(L"Slow", L"wait", 0, 1h);
+    Agent agent;
+    std::future<void> run = std::async(std::launch::async, [&] {
+        EXPECT_EQ(RunOn(*runner, LR"({"methods": [{"plugin": "Slow", "method": "wait"}, {"plugin": "A", "method": "b"}]})",
+                        &agent),
+                  qv::status::kOperationAborted);
+    });
+    ASSERT_TRUE(testing_support::Eventually([&] { return runner->WaitingMethods() == 1; }));
+    runner.reset();
+    ASSERT_TRUE(testing_support::Finishes(run));
+    EXPECT_EQ(agent.Calls(), (std::vector<std::wstring>{L"?Slow.wait"}));
+}
+
 TEST(PolicyRunner, OfferedWithTheAgentManagerUnderOneName) {
     host::ReferenceHost host;
     void* runner = nullptr;
