@@ -1,5 +1,6 @@
 #include "hosted_module.h"
 
+#include "model/conditional_runner.h"
 #include "network/network_provider_interface.h"
 #include "plugin/module_names.h"
 #include "qv/status.h"
@@ -79,6 +80,16 @@ bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
         !Create(qv::names::kModule, IServPlugin::iid, error) || !Create(agentName, IServPlugin::iid, error)) {
         static_cast<void>(Stop());  // the failure that matters is the one reported
         return false;
+    }
+    if (stopLimitMs_) {
+        using Product::Integration::ConditionalRunner::IConditionalRunnerExtensions;
+        for (Object& object : objects_) {
+            if (object.name != qv::names::kModule) continue;
+            auto* base = static_cast<IQvBaseInterface*>(object.raw);
+            if (auto* extensions =
+                    static_cast<IConditionalRunnerExtensions*>(base->QueryInterface(IConditionalRunnerExtensions::iid)))
+                extensions->SetStopWaitTimeout(*stopLimitMs_);
+        }
     }
     for (Object& object : objects_) {
         if (!InitAndStart(object, error)) {

@@ -16,6 +16,7 @@
 // are valid between a successful Start and Stop.
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,10 @@ public:
     ~HostedModule();
     HostedModule(const HostedModule&) = delete;
     HostedModule& operator=(const HostedModule&) = delete;
+
+    // How long the runner's Stop waits for a method-set run in progress
+    // before giving it up; the module's own limit unless set before Start.
+    void SetStopLimit(uint32_t milliseconds) { stopLimitMs_ = milliseconds; }
 
     // Loads the module at `modulePath` and starts its objects. False with
     // `error` saying what failed; what was started is stopped again.
@@ -78,6 +83,7 @@ private:
     host::AgentClientNotifications agentClient_;
     host::NetworkProviderStandIn standIn_;
     bool usesStandIn_ = false;
+    std::optional<uint32_t> stopLimitMs_;
 
     os::ModuleHandle module_ = nullptr;
     CreateFn create_ = nullptr;

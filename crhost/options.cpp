@@ -13,7 +13,9 @@ constexpr ValueOption kValueOptions[] = {
     {L"--module", &Options::module},
     {L"--state", &Options::state},
     {L"--log", &Options::log},
+    {L"--stop-limit", &Options::stopLimit},
 };
+constexpr uint64_t kMaxStopLimitMs = 86400000;
 }  // namespace
 
 bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error) {
@@ -58,8 +60,22 @@ bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, 
     return true;
 }
 
+bool StopLimitMs(const Options& options, std::optional<uint32_t>& milliseconds, std::wstring& error) {
+    milliseconds.reset();
+    if (options.stopLimit.empty()) return true;
+    uint64_t value = 0;
+    for (wchar_t c : options.stopLimit) {
+        if (c < L'0' || c > L'9' || (value = value * 10 + static_cast<uint64_t>(c - L'0')) > kMaxStopLimitMs) {
+            error = L"--stop-limit needs a number of milliseconds from 0 to 86400000, not '" + options.stopLimit + L"'";
+            return false;
+        }
+    }
+    milliseconds = static_cast<uint32_t>(value);
+    return true;
+}
+
 const char* UsageText() {
-    return "usage: cr-host [--module PATH] [--state FILE] [--log FILE] [--help]\n"
+    return "usage: cr-host [--module PATH] [--state FILE] [--log FILE] [--stop-limit MS] [--help]\n"
            "\n"
            "Loads the Conditional Runner module the way the agent host does and\n"
            "drives it through JSON lines on standard input and output (see README).\n"
@@ -68,6 +84,8 @@ const char* UsageText() {
            "  --state FILE   the settings store (default: cr-host-state.json in the\n"
            "                 working directory; a second start resumes from it)\n"
            "  --log FILE     the logging library's output (default: standard error)\n"
+           "  --stop-limit MS  how long stopping waits for a method-set run in\n"
+           "                 progress before giving it up (default: 180000)\n"
            "  --help         this text\n"
            "\n"
            "Exit status: 0 after a clean stop (end of input, \"quit\", SIGINT, SIGTERM\n"

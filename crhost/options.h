@@ -5,9 +5,13 @@
 //                   the working directory, so that a second start resumes)
 //   --log FILE      where the reference logging library writes (default: its
 //                   own, standard error)
+//   --stop-limit MS how long stopping waits for a method-set run in progress
+//                   before giving it up (default: the module's, 180000)
 //   --help
 // Each option takes its value as the next argument or after '='
 // ("--state=FILE").
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,11 +23,16 @@ struct Options {
     std::wstring module;  // empty: beside the program
     std::wstring state = kDefaultStateFile;
     std::wstring log;  // empty: the logging library's default
+    std::wstring stopLimit;  // empty: the module's default; else milliseconds (see StopLimitMs)
     bool help = false;
 };
 
 // False for a command line that cannot be used, with `error` saying why.
 bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error);
+
+// The --stop-limit value in milliseconds: nullopt when none was given, false
+// with `error` when it is not a number of milliseconds (0 to 86400000).
+bool StopLimitMs(const Options& options, std::optional<uint32_t>& milliseconds, std::wstring& error);
 
 // The text --help prints.
 const char* UsageText();

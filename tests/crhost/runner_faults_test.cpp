@@ -91,4 +91,30 @@ TEST_F(CrHostRunnerFaults, ADisabledRunnerRunsNothingWhileTheConsoleTogglesIt) {
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }
 
+// A method-set run that never returns: stopping waits for it up to the
+// limit, gives it up, and the host ends; under AddressSanitizer a run that
+// returned into freed memory would end the host with an error instead.
+TEST_F(CrHostRunnerFaults, StoppingGivesUpARunThatHangsOnceItsLimitHasPassed) {
+    std::vector<std::wstring> arguments = Arguments();
+    arguments.insert(arguments.end(), {L"--stop-limit", L"300"});
+    HostProcess host(arguments);
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    ASSERT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":0,"maxPostponeTime":60}})"))["status"],
+              0);
+    ASSERT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":0,"delayMs":86400000})"))
+                  ["status"],
+              0);
+    ASSERT_EQ(host.Method("SetMethodSet", Parse(MethodSet("M")))["status"], 0);
+    ASSERT_EQ(host.Method("SetRules", Parse(std::string(R"({"rules":[)") + kGoodRule + "]}"))["status"], 0);
+    const std::wstring log = dir_.File(L"log.txt");
+    ASSERT_TRUE(testing_support::Eventually(
+        [&] { return testing_support::FileContains(log, L"Try to run method [M]"); }, std::chrono::seconds(20)));
+
+    const auto stopping = std::chrono::steady_clock::now();
+    EXPECT_EQ(host.Finish(std::chrono::seconds(30)), 0) << host.ErrorText();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopping, std::chrono::seconds(30));
+    EXPECT_TRUE(testing_support::FileContains(log, L"Cannot stop evaluation thread"));
+    EXPECT_FALSE(host.WaitFor(crhost_test::IsEvent(), 0, 0ms));
+}
+
 }  // namespace
