@@ -40,7 +40,8 @@ public:
     // Replaces the groups and reports them, also when they did not change (a
     // directory refresh reports the whole list). Returns the subscribers called.
     size_t SetGroups(std::vector<ComputerGroup> groups);
-    // Replaces the organisational unit (a DN) and reports it likewise.
+    // Replaces the computer account's DN (which places it in its
+    // organisational unit) and reports it likewise.
     size_t SetOrganisationalUnit(std::wstring ou);
     // Makes both reads fail with `status` (0: succeed again).
     void FailReads(int32_t status);
