@@ -80,8 +80,7 @@ void ConditionisOvraConnected::OnEcsConnected(std::optional<bool> connected) {
         pendingState_ = state;
         const int32_t status =
             Slot<EvQueueWithName>().queue().Post([this, generation] { DoNotify(generation); }, kQuietPeriodMs);
-        if (status != 0)
-            logging::Log(logging::kWarning, kOnEcsConnected, L"cannot schedule the delivery [%d]", status);
+        if (status != 0) logging::Log(logging::kWarning, kOnEcsConnected, L"cannot schedule the delivery [%d]", status);
         return 0;
     }));
 }

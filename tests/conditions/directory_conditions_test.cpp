@@ -248,8 +248,9 @@ TEST_F(DirectoryConditions, UserOuTakesTheFirstWayThatFindsTheUsersDn) {
     EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1106", L"eve")), 0);
     EXPECT_TRUE(StateOf(*ou));
     EXPECT_EQ(directory.RecordReads(), 1);
-    EXPECT_TRUE(capture.Contains(logging::kError, kIsUserPartOfOU,
-                                 L"Error (status 2) converting name to distinguished name; returning ERROR_NOT_FOUND."));
+    EXPECT_TRUE(
+        capture.Contains(logging::kError, kIsUserPartOfOU,
+                         L"Error (status 2) converting name to distinguished name; returning ERROR_NOT_FOUND."));
     EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false, true}));
     EXPECT_EQ(ou->Unsubscribe(&recorder), 0);
 }

@@ -199,8 +199,9 @@ TEST(DirectoryLookups, EachAnswerBecomesTheDnOrItsError) {
     testing_support::LogCapture capture;
     directory.SetUserDn(L"ann@corp.local", L"CN=Ann,OU=Sales,DC=corp,DC=local");
     EXPECT_EQ(ad::ConvertNameToDistinguishedName(L"ann", L"corp.local"), L"CN=Ann,OU=Sales,DC=corp,DC=local");
-    EXPECT_TRUE(capture.Contains(logging::kTrace, L"qv::ActiveDirectory::ConvertNameToDistinguishedName",
-                                 L"Name cracking: status = 0, domain = corp.local, path = CN=Ann,OU=Sales,DC=corp,DC=local"));
+    EXPECT_TRUE(
+        capture.Contains(logging::kTrace, L"qv::ActiveDirectory::ConvertNameToDistinguishedName",
+                         L"Name cracking: status = 0, domain = corp.local, path = CN=Ann,OU=Sales,DC=corp,DC=local"));
     directory.SetRecordedDn(L"S-1-5-21-1-2-3-1104", L"CN=Ann,OU=Sales,DC=corp,DC=local");
     EXPECT_EQ(ad::GetUserDistinguishedNameFromRegistry(L"S-1-5-21-1-2-3-1104"), L"CN=Ann,OU=Sales,DC=corp,DC=local");
 }

@@ -144,13 +144,19 @@ bool ConditionADBase::UpdateForUser(const UserInfo& user, bool newState) {
 }
 
 int32_t ConditionADBase::OnUserLoggedOn(const UserInfo& user) {
-    // The status tells the host nothing it could act on.
-    static_cast<void>(Guarded(kLoggedOn, [&] { return UpdateForUser(user, true), 0; }));
+    // A failure is logged by Guarded; the host could do nothing with it.
+    static_cast<void>(Guarded(kLoggedOn, [&] {
+        UpdateForUser(user, true);
+        return 0;
+    }));
     return 0;
 }
 
 int32_t ConditionADBase::OnUserLoggedOff(const UserInfo& user) {
-    static_cast<void>(Guarded(kLoggedOff, [&] { return UpdateForUser(user, false), 0; }));
+    static_cast<void>(Guarded(kLoggedOff, [&] {
+        UpdateForUser(user, false);
+        return 0;
+    }));
     return 0;
 }
 
