@@ -17,6 +17,7 @@ int32_t ComputerManager::GetComputerGroups(std::vector<ComputerGroup>* groups) {
     std::lock_guard lock(mutex_);
     if (readFailure_ != 0) return readFailure_;
     *groups = groups_;
+    RunDuringReadLocked();
     return 0;
 }
 
@@ -25,11 +26,13 @@ int32_t ComputerManager::GetComputerOrganisationalUnit(std::wstring* ou) {
     std::lock_guard lock(mutex_);
     if (readFailure_ != 0) return readFailure_;
     *ou = ou_;
+    RunDuringReadLocked();
     return 0;
 }
 
 int32_t ComputerManager::RegisterEvents(IEvents* subscriber) {
     std::lock_guard lock(mutex_);
+    if (registrationFailure_ != 0) return registrationFailure_;
     return subscribers_.Add(subscriber);
 }
 
@@ -56,6 +59,20 @@ size_t ComputerManager::SetOrganisationalUnit(std::wstring ou) {
 void ComputerManager::FailReads(int32_t status) {
     std::lock_guard lock(mutex_);
     readFailure_ = status;
+}
+
+void ComputerManager::FailRegistration(int32_t status) {
+    std::lock_guard lock(mutex_);
+    registrationFailure_ = status;
+}
+
+void ComputerManager::DuringNextRead(std::function<void()> action) {
+    std::lock_guard lock(mutex_);
+    duringNextRead_ = std::move(action);
+}
+
+void ComputerManager::RunDuringReadLocked() {
+    if (std::function<void()> action = std::exchange(duringNextRead_, nullptr)) action();
 }
 
 size_t ComputerManager::SubscriberCount() const {

@@ -10,6 +10,7 @@
 // subscriber is not called again.
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -39,18 +40,29 @@ public:
     // Replaces the groups and reports them, also when they did not change (a
     // directory refresh reports the whole list). Returns the subscribers called.
     size_t SetGroups(std::vector<ComputerGroup> groups);
-    // Replaces the organisational unit (a DN) and reports it likewise.
+    // Replaces the computer account's DN (which places it in its
+    // organisational unit) and reports it likewise.
     size_t SetOrganisationalUnit(std::wstring ou);
     // Makes both reads fail with `status` (0: succeed again).
     void FailReads(int32_t status);
+    // Makes RegisterEvents refuse with `status` (0: accept again).
+    void FailRegistration(int32_t status);
+    // Runs `action` once, inside the next read (of the groups or the OU)
+    // after it has taken its copy: a change that `action` sets is reported
+    // while the reader still holds the older value.
+    void DuringNextRead(std::function<void()> action);
 
     size_t SubscriberCount() const;
 
 private:
+    void RunDuringReadLocked();
+
     mutable std::recursive_mutex mutex_;
     std::vector<ComputerGroup> groups_;
     std::wstring ou_;
     int32_t readFailure_ = 0;
+    int32_t registrationFailure_ = 0;
+    std::function<void()> duringNextRead_;
     SubscriberList<IEvents> subscribers_;
 };
 

@@ -1,6 +1,7 @@
 #include "host/user_manager.h"
 
 #include <cwctype>
+#include <utility>
 
 #include "qv/status.h"
 
@@ -27,11 +28,13 @@ int32_t UserManager::GetLoggedUsers(std::vector<UserInfo>* users) {
     std::lock_guard lock(mutex_);
     if (getFailure_ != 0) return getFailure_;
     *users = users_;
+    if (std::function<void()> action = std::exchange(duringNextRead_, nullptr)) action();
     return 0;
 }
 
 int32_t UserManager::Subscribe(IEvents* subscriber) {
     std::lock_guard lock(mutex_);
+    if (subscribeFailure_ != 0) return subscribeFailure_;
     return subscribers_.Add(subscriber);
 }
 
@@ -79,6 +82,16 @@ int32_t UserManager::Lock(const std::wstring& sid, bool locked) {
 void UserManager::FailGetLoggedUsers(int32_t status) {
     std::lock_guard lock(mutex_);
     getFailure_ = status;
+}
+
+void UserManager::FailSubscribe(int32_t status) {
+    std::lock_guard lock(mutex_);
+    subscribeFailure_ = status;
+}
+
+void UserManager::DuringNextRead(std::function<void()> action) {
+    std::lock_guard lock(mutex_);
+    duringNextRead_ = std::move(action);
 }
 
 size_t UserManager::SubscriberCount() const {

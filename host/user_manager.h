@@ -11,6 +11,7 @@
 // callback (the lock is reentrant).
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -47,6 +48,12 @@ public:
     int32_t Lock(const std::wstring& sid, bool locked);
     // Makes GetLoggedUsers fail with `status` (0: succeed again).
     void FailGetLoggedUsers(int32_t status);
+    // Makes Subscribe refuse with `status` (0: accept again).
+    void FailSubscribe(int32_t status);
+    // Runs `action` once, inside the next GetLoggedUsers after it has taken
+    // its copy of the users: a log-on or log-off that `action` makes is
+    // reported while the reader still holds the older list.
+    void DuringNextRead(std::function<void()> action);
 
     size_t SubscriberCount() const;
 
@@ -56,6 +63,8 @@ private:
     mutable std::recursive_mutex mutex_;
     std::vector<UserInfo> users_;
     int32_t getFailure_ = 0;
+    int32_t subscribeFailure_ = 0;
+    std::function<void()> duringNextRead_;
     SubscriberList<IEvents> subscribers_;
 };
 

@@ -1,7 +1,8 @@
 #pragma once
 // The host's computer manager ("Product.ComputerManager"): the directory
-// identity of the machine itself (the groups its account belongs to and the
-// organisational unit it lies in), with reports of every change.
+// identity of the machine itself (the groups its account belongs to and its
+// account's DN, which places it in an organisational unit), with reports of
+// every change.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -29,6 +30,7 @@ struct IComputerManager : IQvBaseInterface {
     // carries the whole new value, also when it equals the previous one.
     struct IEvents {
         virtual int32_t OnComputerGroupsChanged(const std::vector<ComputerGroup>& groups) = 0;
+        // `ou`: the computer account's DN, as GetComputerOrganisationalUnit.
         virtual int32_t OnComputerOrganisationalUnitsChanged(const std::wstring& ou) = 0;
 
     protected:
@@ -38,8 +40,10 @@ struct IComputerManager : IQvBaseInterface {
     // The computer's groups now, replacing `*groups`. 0 or the reason they
     // cannot be read; kInvalidParameter for null.
     [[nodiscard]] virtual int32_t GetComputerGroups(std::vector<ComputerGroup>* groups) = 0;
-    // The DN of the computer's organisational unit. 0 or the reason it cannot
-    // be read; kInvalidParameter for null.
+    // The DN of the computer's own account (CN=PC1,OU=Servers,DC=corp,...),
+    // which places it in its organisational unit: the OU is the DN without
+    // its first RDN. 0 or the reason it cannot be read; kInvalidParameter for
+    // null.
     [[nodiscard]] virtual int32_t GetComputerOrganisationalUnit(std::wstring* ou) = 0;
     // 0; kFunctionFailed when already registered; kInvalidParameter for null.
     [[nodiscard]] virtual int32_t RegisterEvents(IEvents* subscriber) = 0;

@@ -1,5 +1,6 @@
 #include "conditions/ovra_connected.h"
 
+#include "conditions/guarded_callback.h"
 #include "model/json_composed_serializer.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -32,14 +33,25 @@ int32_t ConditionisOvraConnected::Init(const InitData& data) {
         return status;
     if (!qv::JsonComposedSerializer::Load(DataOf(data.json), L"connected", wantConnected_))
         return qv::status::kInvalidParameter;
-    const bool state = StateFor(client->GetEcsConnectionState());
-    pendingState_ = state;
-    deliveredState_ = state;
-    logging::Log(logging::kTrace, kInit, L"Condition isOvraConnected initial state %d", state ? 1 : 0);
+    // Registered before the current state is read, so that no report falls
+    // between the two. A report that arrives during the read is newer than
+    // what was read: it stays the pending state and is delivered after the
+    // quiet period, while the state read is the one delivered so far.
+    const uint64_t generationBefore = [this] {
+        std::lock_guard lock(lock_);
+        return generation_;
+    }();
     if (const int32_t status = client->RegisterEcsNotifications(this); status != 0) {
         logging::Log(logging::kError, kInit, L"failed to register for connection reports [%d]", status);
         return status;
     }
+    const bool state = StateFor(client->GetEcsConnectionState());
+    {
+        std::lock_guard lock(lock_);
+        deliveredState_ = state;
+        if (generation_ == generationBefore) pendingState_ = state;
+    }
+    logging::Log(logging::kTrace, kInit, L"Condition isOvraConnected initial state %d", state ? 1 : 0);
     return 0;
 }
 
@@ -59,15 +71,18 @@ int32_t ConditionisOvraConnected::GetState(bool* state, bool recompute) {
 }
 
 void ConditionisOvraConnected::OnEcsConnected(std::optional<bool> connected) {
-    logging::CallTrace trace(kOnEcsConnected);
-    std::lock_guard lock(lock_);
-    const bool state = StateFor(connected);
-    logging::Log(logging::kTrace, kOnEcsConnected, L"state [%d]", state ? 1 : 0);
-    const uint64_t generation = ++generation_;
-    pendingState_ = state;
-    const int32_t status =
-        Slot<EvQueueWithName>().queue().Post([this, generation] { DoNotify(generation); }, kQuietPeriodMs);
-    if (status != 0) logging::Log(logging::kWarning, kOnEcsConnected, L"cannot schedule the delivery [%d]", status);
+    static_cast<void>(Guarded(kOnEcsConnected, [&] {
+        logging::CallTrace trace(kOnEcsConnected);
+        std::lock_guard lock(lock_);
+        const bool state = StateFor(connected);
+        logging::Log(logging::kTrace, kOnEcsConnected, L"state [%d]", state ? 1 : 0);
+        const uint64_t generation = ++generation_;
+        pendingState_ = state;
+        const int32_t status =
+            Slot<EvQueueWithName>().queue().Post([this, generation] { DoNotify(generation); }, kQuietPeriodMs);
+        if (status != 0) logging::Log(logging::kWarning, kOnEcsConnected, L"cannot schedule the delivery [%d]", status);
+        return 0;
+    }));
 }
 
 void ConditionisOvraConnected::DoNotify(uint64_t expectedGeneration) {

@@ -9,6 +9,9 @@
 //
 // GetState is deliberately asymmetric: without `recompute` it gives the value
 // last delivered, with `recompute` the value of the latest report.
+//
+// Init registers for reports before it reads the current state, so that no
+// report is lost between the two; a report during the read stays pending.
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -25,7 +28,7 @@ namespace Product::Integration::ConditionManager {
 // DoNotify on the condition's queue thread; `lock_` serialises them, and the
 // subscribers are called on the queue thread with it held. GetState reads
 // atomics only. Uninit unregisters from the client, then closes the queue
-// (waiting for a delivery in progress).
+// (waiting for a delivery in progress). Nothing thrown leaves OnEcsConnected.
 class ConditionisOvraConnected final
     : public ConditionBaseWithDepends<ConditionBase, Endpoint::Ovra::Notifications::IOvraClientWithNotifications,
                                       EvQueueWithName>,

@@ -4,9 +4,17 @@
 // (RDN) parsing and account-domain SIDs. Results are plain values with the
 // system's codes; callers turn them into their own errors.
 //
+// Windows binds the directory services ("ntdsapi.dll") at run time, on first
+// use. Under Wine the system's RDN parser is an unimplemented stub that ends
+// the process: it is never bound there (SystemRdnParserUnusable says why).
+//
 // Linux has no directory client: name cracking and the registry answer
-// kNotSupported, the RDN parser is the portable one below, the host account
-// domain is empty and a SID's account domain is derived from its text.
+// kNotSupported and the RDN parser is the portable one below. The machine's
+// account domain stands in for the one Windows gives every installation: a
+// SID S-1-5-21-a-b-c made from the machine's identity (/etc/machine-id), so
+// that local and built-in SIDs are told from domain SIDs as on Windows. A
+// SID's account domain is derived from its text by the rules of the Windows
+// functions (see AccountDomainSidOf).
 //
 // Stateless: every function may be called from any thread and may block for
 // as long as the domain controller takes.
@@ -69,9 +77,14 @@ struct RdnPart {
 
 // Parses the first RDN of the `length` characters at `*dn` with the system's
 // parser, advances `*dn` and `*length` past it and its separator, and fills
-// `part`. 0, or the parser's error code. Under Wine the system parser is an
-// unimplemented stub that ends the process: callers there must use ParseRdn.
+// `part`. 0, or the parser's error code; kProcedureNotFound without calling
+// anything when the system's parser cannot be used (SystemRdnParserUnusable).
 uint32_t NextRdn(const wchar_t** dn, size_t* length, RdnPart* part);
+constexpr uint32_t kProcedureNotFound = 127;  // ERROR_PROC_NOT_FOUND
+
+// Empty when NextRdn can call the system's parser; otherwise why it cannot
+// (running under Wine, or the library or its entry could not be bound).
+std::wstring SystemRdnParserUnusable();
 
 // The module's own RDN parser with the same contract as NextRdn. The RDN is
 // "type=value" followed by "," or ";" (blanks around the parts are skipped);
@@ -88,12 +101,16 @@ struct HostAccountDomain {
 };
 
 // The SID, in string form, of the machine's own account domain (the domain
-// of its local accounts).
+// of its local accounts). Linux: derived from the machine's identity; when
+// that cannot be read, `policyOpened` is false with the reason.
 HostAccountDomain GetHostAccountDomain();
 
 // The account domain SID of `sid` in string form: S-1-5-21-a-b-c for an
-// account S-1-5-21-a-b-c-RID. Empty when `sid` is not a SID or belongs to no
-// account domain (a well-known or built-in SID).
+// account S-1-5-21-a-b-c-RID (or for the domain SID itself). Empty when `sid`
+// is not a SID or belongs to no account domain (a well-known or built-in
+// SID). Windows also reads the SDDL abbreviations ("BA", "LA", ...); Linux
+// reads only the S-R-I-S... form, so an abbreviation has no account domain
+// there.
 std::wstring AccountDomainSidOf(const std::wstring& sid);
 
 }  // namespace os

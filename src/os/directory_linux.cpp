@@ -1,6 +1,9 @@
 #include "os/directory.h"
 
+#include <cctype>
 #include <cwctype>
+#include <fstream>
+#include <string>
 #include <vector>
 
 namespace os {
@@ -28,6 +31,20 @@ std::vector<unsigned long long> SidNumbers(const std::wstring& sid) {
     return numbers;
 }
 
+// The machine's identity: the 32 hexadecimal digits of the first readable
+// machine-id file; empty when there is none.
+std::string MachineId() {
+    for (const char* path : {"/etc/machine-id", "/var/lib/dbus/machine-id"}) {
+        std::ifstream file(path);
+        std::string id;
+        if (!(file >> id) || id.size() != 32) continue;
+        bool hex = true;
+        for (char c : id) hex = hex && std::isxdigit(static_cast<unsigned char>(c));
+        if (hex) return id;
+    }
+    return "";
+}
+
 }  // namespace
 
 NameCrack CrackUserPrincipalName(const std::wstring&) { return NameCrack{}; }
@@ -36,7 +53,17 @@ RegistryString ReadMachineRegistryString(const std::wstring&, const std::wstring
 
 uint32_t NextRdn(const wchar_t** dn, size_t* length, RdnPart* part) { return ParseRdn(dn, length, part); }
 
-HostAccountDomain GetHostAccountDomain() { return HostAccountDomain{true, 0, L""}; }
+std::wstring SystemRdnParserUnusable() { return L""; }
+
+// Windows gives each installation an account domain S-1-5-21-a-b-c of three
+// random 32-bit numbers; the machine-id's first 96 bits play that part here.
+HostAccountDomain GetHostAccountDomain() {
+    const std::string id = MachineId();
+    if (id.empty()) return HostAccountDomain{false, 2, L""};  // ERROR_FILE_NOT_FOUND
+    std::wstring sid = L"S-1-5-21";
+    for (size_t i = 0; i < 3; ++i) sid += L"-" + std::to_wstring(std::stoul(id.substr(i * 8, 8), nullptr, 16));
+    return HostAccountDomain{true, 0, sid};
+}
 
 // The account domain of an account SID S-1-5-21-a-b-c[-RID]: its first four
 // sub-authorities. Sub-authorities are 32-bit; at most 15 of them.

@@ -6,10 +6,66 @@
 #include <ntsecapi.h>
 #include <sddl.h>
 
+#include <string>
 #include <vector>
+
+#include "os/environment.h"
 
 namespace os {
 namespace {
+
+using DsBindFn = DWORD(WINAPI*)(LPCWSTR, LPCWSTR, HANDLE*);
+using DsUnBindFn = DWORD(WINAPI*)(HANDLE*);
+using DsCrackNamesFn = DWORD(WINAPI*)(HANDLE, DS_NAME_FLAGS, DS_NAME_FORMAT, DS_NAME_FORMAT, DWORD, const LPCWSTR*,
+                                      PDS_NAME_RESULTW*);
+using DsFreeNameResultFn = void(WINAPI*)(PDS_NAME_RESULTW);
+using DsGetRdnFn = DWORD(WINAPI*)(LPCWCH*, DWORD*, LPCWCH*, DWORD*, LPCWCH*, DWORD*);
+
+// The directory services of "ntdsapi.dll", bound once for the process. The
+// library stays loaded until the process ends.
+struct DirectoryServices {
+    DsBindFn bind = nullptr;
+    DsUnBindFn unbind = nullptr;
+    DsCrackNamesFn crackNames = nullptr;
+    DsFreeNameResultFn freeNameResult = nullptr;
+    DsGetRdnFn getRdn = nullptr;
+    DWORD nameCrackingError = 0;  // why the name-cracking entries are missing
+    std::wstring rdnUnusable;     // why getRdn is null
+};
+
+template <class Fn>
+bool Bind(HMODULE library, const char* name, Fn& slot) {
+    slot = reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(library, name)));
+    return slot != nullptr;
+}
+
+DirectoryServices BindDirectoryServices() {
+    DirectoryServices ds;
+    // Only the system's own copy, never one planted beside the host.
+    HMODULE library = ::LoadLibraryExW(L"ntdsapi.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+    if (!library && ::GetLastError() == ERROR_INVALID_PARAMETER) library = ::LoadLibraryW(L"ntdsapi.dll");
+    if (!library) {
+        ds.nameCrackingError = ::GetLastError();
+        ds.rdnUnusable = L"ntdsapi.dll cannot be loaded, error " + std::to_wstring(ds.nameCrackingError);
+        return ds;
+    }
+    if (!Bind(library, "DsBindW", ds.bind) || !Bind(library, "DsUnBindW", ds.unbind) ||
+        !Bind(library, "DsCrackNamesW", ds.crackNames) || !Bind(library, "DsFreeNameResultW", ds.freeNameResult)) {
+        ds.nameCrackingError = ::GetLastError();
+        ds.bind = nullptr;
+    }
+    if (RunningUnderWine()) {
+        ds.rdnUnusable = L"running under Wine, whose DsGetRdnW is an unimplemented stub";
+    } else if (!Bind(library, "DsGetRdnW", ds.getRdn)) {
+        ds.rdnUnusable = L"DsGetRdnW cannot be bound, error " + std::to_wstring(::GetLastError());
+    }
+    return ds;
+}
+
+const DirectoryServices& Services() {
+    static const DirectoryServices services = BindDirectoryServices();
+    return services;
+}
 
 // A SID in string form, freed with LocalFree.
 std::wstring SidToString(PSID sid) {
@@ -24,8 +80,14 @@ std::wstring SidToString(PSID sid) {
 
 NameCrack CrackUserPrincipalName(const std::wstring& upn) {
     NameCrack crack;
+    const DirectoryServices& ds = Services();
+    if (!ds.bind) {
+        crack.outcome = NameCrackOutcome::kBindFailed;
+        crack.error = ds.nameCrackingError;
+        return crack;
+    }
     HANDLE binding = nullptr;
-    const DWORD bound = ::DsBindW(nullptr, nullptr, &binding);
+    const DWORD bound = ds.bind(nullptr, nullptr, &binding);
     if (bound != ERROR_SUCCESS) {
         crack.outcome = NameCrackOutcome::kBindFailed;
         crack.error = bound;
@@ -34,7 +96,7 @@ NameCrack CrackUserPrincipalName(const std::wstring& upn) {
     const LPCWSTR names[] = {upn.c_str()};
     PDS_NAME_RESULTW result = nullptr;
     const DWORD cracked =
-        ::DsCrackNamesW(binding, DS_NAME_NO_FLAGS, DS_USER_PRINCIPAL_NAME, DS_FQDN_1779_NAME, 1, names, &result);
+        ds.crackNames(binding, DS_NAME_NO_FLAGS, DS_USER_PRINCIPAL_NAME, DS_FQDN_1779_NAME, 1, names, &result);
     if (cracked != ERROR_SUCCESS || !result || result->cItems < 1) {
         crack.outcome = NameCrackOutcome::kCrackFailed;
         crack.error = cracked != ERROR_SUCCESS ? cracked : ERROR_INVALID_DATA;
@@ -46,8 +108,8 @@ NameCrack CrackUserPrincipalName(const std::wstring& upn) {
         if (item.pName) crack.name = item.pName;
         if (item.pDomain) crack.domain = item.pDomain;
     }
-    if (result) ::DsFreeNameResultW(result);
-    ::DsUnBindW(&binding);
+    if (result) ds.freeNameResult(result);
+    ds.unbind(&binding);
     return crack;
 }
 
@@ -88,7 +150,11 @@ RegistryString ReadMachineRegistryString(const std::wstring& keyPath, const std:
     return read;
 }
 
+std::wstring SystemRdnParserUnusable() { return Services().rdnUnusable; }
+
 uint32_t NextRdn(const wchar_t** dn, size_t* length, RdnPart* part) {
+    const DsGetRdnFn getRdn = Services().getRdn;
+    if (!getRdn) return kProcedureNotFound;
     if (!dn || !length || !part || *length > MAXDWORD) return ERROR_INVALID_PARAMETER;
     LPCWCH text = *dn;
     DWORD remaining = static_cast<DWORD>(*length);
@@ -96,7 +162,7 @@ uint32_t NextRdn(const wchar_t** dn, size_t* length, RdnPart* part) {
     LPCWCH value = nullptr;
     DWORD keyLength = 0;
     DWORD valueLength = 0;
-    const DWORD status = ::DsGetRdnW(&text, &remaining, &key, &keyLength, &value, &valueLength);
+    const DWORD status = getRdn(&text, &remaining, &key, &keyLength, &value, &valueLength);
     if (status != ERROR_SUCCESS) return status;
     *part = RdnPart{key, keyLength, value, valueLength};
     *dn = text;

@@ -5,7 +5,7 @@
 
 #include "condition_test_support.h"
 #include "conditions/directory/active_directory.h"
-#include "os/environment.h"
+#include "fake_directory.h"
 #include "os/utf8.h"
 
 namespace condition_testing {
@@ -17,6 +17,10 @@ using Product::UserManager::UserInfo;
 constexpr const wchar_t* kGroupSid = L"S-1-5-21-1-2-3-513";
 constexpr const wchar_t* kAdBaseInit = L"Product::Integration::ConditionManager::ConditionADBase::Init";
 constexpr const wchar_t* kComputerInit = L"Product::Integration::ConditionManager::ConditionADComputerGroupsBase::Init";
+constexpr const wchar_t* kIsUserPartOfOU = L"Product::Integration::ConditionManager::ConditionADUserOU::IsUserPartOfOU";
+constexpr const char* kSalesOu = R"({"type":"ad.User.OU","data":{"distinguishedName":"OU=Sales,DC=corp,DC=local"}})";
+constexpr const char* kServersOu =
+    R"({"type":"ad.ComputerGroup.OU","data":{"distinguishedName":"OU=Servers,DC=corp,DC=local"}})";
 
 UserInfo User(const std::wstring& sid, const std::wstring& name, std::vector<std::wstring> groups = {}) {
     UserInfo user{sid, name, L"corp.local", {}};
@@ -28,12 +32,8 @@ std::string Sid(const char* type, const std::wstring& sid) {
     return std::string(R"({"type":")") + type + R"(","data":{"sid":")" + os::WideToUtf8Lossy(sid) + "\"}}";
 }
 
-// A SID of a local account: one of the machine's own account domain, or,
-// where the machine has none, one that belongs to no account domain.
-std::wstring LocalSid() {
-    const std::wstring host = qv::GetHostAccountDomainSid();
-    return host.empty() ? L"S-1-5-32-544" : host + L"-1001";
-}
+// A SID of a local account: one of the machine's own account domain.
+std::wstring LocalSid() { return qv::GetHostAccountDomainSid() + L"-1001"; }
 
 class DirectoryConditions : public ::testing::Test {
 protected:
@@ -191,10 +191,8 @@ TEST_F(DirectoryConditions, ComputerGroupFollowsMembershipChangesOnly) {
 }
 
 TEST_F(DirectoryConditions, ComputerOuFollowsTheComputersPlace) {
-    if (os::RunningUnderWine()) GTEST_SKIP() << "Wine's DsGetRdnW is an unimplemented stub that aborts the process";
     computer().SetOrganisationalUnit(L"CN=PC1,OU=Servers,DC=corp,DC=local");
-    ConditionPtr ou =
-        Create(R"({"type":"ad.ComputerGroup.OU","data":{"distinguishedName":"OU=Servers,DC=corp,DC=local"}})");
+    ConditionPtr ou = Create(kServersOu);
     ASSERT_NE(ou, nullptr);
     EXPECT_TRUE(StateOf(*ou));
     computer().SetOrganisationalUnit(L"CN=PC1,OU=Servers,DC=corp,DC=local");
@@ -220,6 +218,162 @@ TEST_F(DirectoryConditions, ComputerConditionsNeedTheComputerManager) {
     EXPECT_EQ(error, qv::status::kDependencyNotFound);
     EXPECT_TRUE(
         capture.Contains(logging::kError, kComputerInit, L"computer groups manager plugin dependency not found!"));
+}
+
+// The user's DN: the directory's answer decides when it gives one, true or
+// false; the Group Policy record is read only when the directory throws (a
+// user it does not know is logged as not found); both failing gives false.
+TEST_F(DirectoryConditions, UserOuTakesTheFirstWayThatFindsTheUsersDn) {
+    FakeDirectory directory;
+    directory.SetUserDn(L"ann@corp.local", L"CN=Ann,OU=Sales,DC=corp,DC=local");
+    directory.SetUserDn(L"bob@corp.local", L"CN=Bob,OU=Support,DC=corp,DC=local");
+    directory.SetRecordedDn(L"S-1-5-21-1-2-3-1105", L"CN=Bob,OU=Sales,DC=corp,DC=local");
+    os::NameCrack unknown;
+    unknown.outcome = os::NameCrackOutcome::kCracked;
+    unknown.itemStatus = os::kNameErrorNotFound;
+    directory.SetCrack(L"eve@corp.local", unknown);
+    directory.SetRecordedDn(L"S-1-5-21-1-2-3-1106", L"CN=Eve,OU=Sales,DC=corp,DC=local");
+    ConditionPtr ou = Create(kSalesOu);
+    ASSERT_NE(ou, nullptr);
+
+    capture.Clear();
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1105", L"bob")), 0);
+    EXPECT_FALSE(StateOf(*ou));
+    EXPECT_EQ(directory.RecordReads(), 0);  // the directory answered: the record is not read
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1104", L"ann")), 0);
+    EXPECT_TRUE(StateOf(*ou));
+    EXPECT_EQ(users().LogOff(L"S-1-5-21-1-2-3-1104"), 0);
+    EXPECT_TRUE(capture.Messages(logging::kError).empty());
+
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1106", L"eve")), 0);
+    EXPECT_TRUE(StateOf(*ou));
+    EXPECT_EQ(directory.RecordReads(), 1);
+    EXPECT_TRUE(
+        capture.Contains(logging::kError, kIsUserPartOfOU,
+                         L"Error (status 2) converting name to distinguished name; returning ERROR_NOT_FOUND."));
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false, true}));
+    EXPECT_EQ(ou->Unsubscribe(&recorder), 0);
+}
+
+// A log-off is decided by what the user's log-on found, also when the
+// directory cannot be asked any more.
+TEST_F(DirectoryConditions, UserOuLogOffNeedsNoDirectory) {
+    FakeDirectory directory;
+    directory.SetUserDn(L"ann@corp.local", L"CN=Ann,OU=Sales,DC=corp,DC=local");
+    directory.SetUserDn(L"bob@corp.local", L"CN=Bob,OU=Sales,DC=corp,DC=local");
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1104", L"ann")), 0);
+    ConditionPtr ou = Create(kSalesOu);  // ann is found by the initial computation
+    ASSERT_NE(ou, nullptr);
+    EXPECT_TRUE(StateOf(*ou));
+    EXPECT_EQ(users().LogOff(L"S-1-5-21-1-2-3-1104"), 0);
+    EXPECT_FALSE(StateOf(*ou));
+
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1105", L"bob")), 0);
+    EXPECT_TRUE(StateOf(*ou));
+    directory.ForgetAll();
+    const int cracks = directory.Cracks();
+    EXPECT_EQ(users().LogOff(L"s-1-5-21-1-2-3-1105"), 0);
+    EXPECT_FALSE(StateOf(*ou));
+    EXPECT_EQ(directory.Cracks(), cracks);
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{false, true, false}));
+    EXPECT_EQ(ou->Unsubscribe(&recorder), 0);
+}
+
+// A log-off reported while the condition reads the users already logged on
+// is newer than that list: the user does not count as logged on.
+TEST_F(DirectoryConditions, UserLoggingOffDuringTheInitialReadDoesNotCount) {
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1104", L"ann", {kGroupSid})), 0);
+    users().DuringNextRead([this] { EXPECT_EQ(users().LogOff(L"S-1-5-21-1-2-3-1104"), 0); });
+    ConditionPtr user = Create(Sid("ad.User", L"S-1-5-21-1-2-3-1104"));
+    ASSERT_NE(user, nullptr);
+    EXPECT_FALSE(StateOf(*user));
+    // Another user's log-on during the read leaves the list as it was read.
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1104", L"ann", {kGroupSid})), 0);
+    users().DuringNextRead([this] { EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1105", L"bob")), 0); });
+    ConditionPtr group = Create(Sid("ad.Group", kGroupSid));
+    ASSERT_NE(group, nullptr);
+    EXPECT_TRUE(StateOf(*group));
+    EXPECT_EQ(user->Unsubscribe(&recorder), 0);
+    EXPECT_EQ(group->Unsubscribe(&recorder), 0);
+}
+
+TEST_F(DirectoryConditions, UnreadableUsersLeaveTheStateToTheNextLogOn) {
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1104", L"ann", {kGroupSid})), 0);
+    users().FailGetLoggedUsers(qv::status::kNotReady);
+    ConditionPtr group = Create(Sid("ad.Group", kGroupSid));
+    ASSERT_NE(group, nullptr);
+    EXPECT_FALSE(StateOf(*group));
+    EXPECT_TRUE(capture.Contains(logging::kDetail,
+                                 L"Product::Integration::ConditionManager::ConditionADBase::computeState",
+                                 L"GetLoggedUsers returned 21"));
+    EXPECT_EQ(users().LogOn(User(L"S-1-5-21-1-2-3-1105", L"bob", {kGroupSid})), 0);
+    EXPECT_TRUE(StateOf(*group));
+    EXPECT_EQ(group->Unsubscribe(&recorder), 0);
+}
+
+TEST_F(DirectoryConditions, RefusedRegistrationFailsInit) {
+    users().FailSubscribe(qv::status::kNotReady);
+    computer().FailRegistration(qv::status::kFunctionFailed);
+    for (const std::string& json : {Sid("ad.User", kGroupSid), Sid("ad.ComputerGroup", kGroupSid)}) {
+        int32_t error = 0;
+        EXPECT_EQ(bench.Create(json, &error), nullptr) << json;
+        EXPECT_NE(error, 0) << json;
+    }
+    EXPECT_TRUE(capture.Contains(logging::kError, kAdBaseInit, L"register to user manager plugin failed [21]"));
+    EXPECT_TRUE(capture.Contains(logging::kError, kComputerInit, L"register to computer groups manager plugin failed"));
+    EXPECT_EQ(users().SubscriberCount(), 0u);
+    EXPECT_EQ(computer().SubscriberCount(), 0u);
+}
+
+// A change reported while the condition reads the current value is newer
+// than what it read, and decides.
+TEST_F(DirectoryConditions, ComputerChangeDuringTheInitialReadIsNotLost) {
+    computer().DuringNextRead([this] { computer().SetGroups({{L"CN=Servers,DC=corp", kGroupSid}}); });
+    ConditionPtr group = Create(Sid("ad.ComputerGroup", kGroupSid));
+    ASSERT_NE(group, nullptr);
+    EXPECT_TRUE(StateOf(*group));
+
+    computer().SetOrganisationalUnit(L"CN=PC1,OU=Servers,DC=corp,DC=local");
+    computer().DuringNextRead([this] { computer().SetOrganisationalUnit(L"CN=PC1,OU=Clients,DC=corp,DC=local"); });
+    ConditionPtr ou = Create(kServersOu);
+    ASSERT_NE(ou, nullptr);
+    EXPECT_FALSE(StateOf(*ou));
+    EXPECT_EQ(group->Unsubscribe(&recorder), 0);
+    EXPECT_EQ(ou->Unsubscribe(&recorder), 0);
+}
+
+TEST_F(DirectoryConditions, UnreadableComputerOuIsNotBelowAnyOu) {
+    computer().SetOrganisationalUnit(L"CN=PC1,OU=Servers,DC=corp,DC=local");
+    computer().FailReads(qv::status::kNotReady);
+    ConditionPtr ou = Create(kServersOu);
+    ASSERT_NE(ou, nullptr);
+    EXPECT_FALSE(StateOf(*ou));
+    EXPECT_TRUE(capture.Contains(
+        logging::kError, L"Product::Integration::ConditionManager::ConditionADComputerGroupOU::ComputeCurrentState",
+        L"getting current computer organisational unit failed with err 21"));
+    computer().FailReads(0);
+    computer().SetOrganisationalUnit(L"CN=PC1,OU=Servers,DC=corp,DC=local");
+    EXPECT_TRUE(StateOf(*ou));
+    EXPECT_EQ(ou->Unsubscribe(&recorder), 0);
+}
+
+// Whatever the OU test throws stays in the condition: the computer counts as
+// not below the OU, and the report's thread goes on.
+TEST_F(DirectoryConditions, ComputerOuTestThatThrowsCountsAsNotBelow) {
+    FakeDirectory directory;
+    computer().SetOrganisationalUnit(L"CN=PC1,OU=Servers,DC=corp,DC=local");
+    ConditionPtr ou = Create(kServersOu);
+    ASSERT_NE(ou, nullptr);
+    EXPECT_TRUE(StateOf(*ou));
+    directory.ThrowOnSplit([] { throw std::bad_alloc(); });
+    EXPECT_NO_THROW(computer().SetOrganisationalUnit(L"CN=PC2,OU=Servers,DC=corp,DC=local"));
+    EXPECT_FALSE(StateOf(*ou));
+    EXPECT_TRUE(capture.Contains(
+        logging::kError,
+        L"Product::Integration::ConditionManager::ConditionADComputerGroupOU::OnComputerOrganisationalUnitsChanged",
+        L"Unknown exception thrown."));
+    EXPECT_EQ(recorder.States(), std::vector<bool>{false});
+    EXPECT_EQ(ou->Unsubscribe(&recorder), 0);
 }
 
 }  // namespace

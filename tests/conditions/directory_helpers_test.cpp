@@ -1,10 +1,9 @@
 // Directory helpers: splitting DNs, the organisational-unit test, name
-// cracking and the Group Policy record where the system has no directory,
-// and the account domain of SIDs.
+// cracking and the Group Policy record (from the system where it has no
+// directory, and from a test directory), and the account domain of SIDs.
 //
 // Under Wine the system's RDN parser (DsGetRdnW) is an unimplemented stub
-// that ends the process, and there is no domain to bind to: the cases that
-// split a non-empty DN are skipped there, the others run.
+// that ends the process; the module's own parser splits DNs there instead.
 
 #include <gtest/gtest.h>
 
@@ -12,15 +11,16 @@
 #include <vector>
 
 #include "conditions/directory/active_directory.h"
+#include "fake_directory.h"
 #include "os/directory.h"
 #include "os/environment.h"
+#include "os/utf8.h"
 #include "qv/status.h"
+#include "support/log_capture.h"
 
 namespace {
 
 namespace ad = qv::ActiveDirectory;
-
-constexpr const char* kNoSystemRdnParser = "Wine's DsGetRdnW is an unimplemented stub that aborts the process";
 
 // The exception `call` throws; fails the test when it throws none.
 template <class Call>
@@ -69,9 +69,8 @@ TEST(DistinguishedNames, OwnParserKeepsEscapesAndOrderAndRefusesWhatIsNoRdn) {
 }
 
 TEST(DistinguishedNames, SplittingFollowsTheSystemParser) {
-    if (os::RunningUnderWine()) GTEST_SKIP() << kNoSystemRdnParser;
     // On Windows the system parser is compared with the module's own; on
-    // Linux the module's own is the system's.
+    // Linux and under Wine the module's own is the one used.
     for (const std::wstring dn : {L"CN=Ann,OU=Sales,DC=corp,DC=local", LR"(CN=Smith\, Ann,OU=Sales,DC=corp)",
                                   L"CN=Ann , OU=Sales ; DC=corp", LR"(CN="Ann, B",DC=x)", L"OU=Sales"}) {
         uint32_t error = 0;
@@ -87,7 +86,6 @@ TEST(DistinguishedNames, SplittingFollowsTheSystemParser) {
 }
 
 TEST(DistinguishedNames, AnObjectIsPartOfAnOuOnlyStrictlyBelowItAndWithTheSameCase) {
-    if (os::RunningUnderWine()) GTEST_SKIP() << kNoSystemRdnParser;
     const std::wstring ann = L"CN=Ann,OU=Sales,DC=corp,DC=local";
     EXPECT_TRUE(ad::IsPartOfOU(ann, L"OU=Sales,DC=corp,DC=local"));
     EXPECT_TRUE(ad::IsPartOfOU(ann, L"DC=local"));
@@ -106,8 +104,6 @@ TEST(DistinguishedNames, AnObjectIsPartOfAnOuOnlyStrictlyBelowItAndWithTheSameCa
     EXPECT_EQ(e.message(), L"No components detected in the computer's DN.");
 }
 
-// The OU is split first, so an empty one throws before the system parser is
-// ever called: this runs under Wine too.
 TEST(DistinguishedNames, AnEmptyOuThrowsInvalidParameter) {
     auto e = Thrown([] { ad::IsPartOfOU(L"CN=Ann,DC=corp", L""); });
     EXPECT_EQ(e.code(), static_cast<uint32_t>(qv::status::kInvalidParameter));
@@ -135,29 +131,131 @@ TEST(DirectoryLookups, FailWithTheirReasonWhereThereIsNoDirectory) {
 #endif
 }
 
-TEST(Sids, AccountDomainsAndDomainMembership) {
-    EXPECT_EQ(ad::GetAccountDomainSid(L"S-1-5-21-1-2-3-1104"), L"S-1-5-21-1-2-3");
-    EXPECT_EQ(ad::GetAccountDomainSid(L"S-1-5-21-4000000000-22-333-500"), L"S-1-5-21-4000000000-22-333");
-    EXPECT_EQ(ad::GetAccountDomainSid(L"S-1-5-32-544"), L"");  // built-in, no account domain
-    EXPECT_EQ(ad::GetAccountDomainSid(L"S-1-1-0"), L"");
-    EXPECT_EQ(ad::GetAccountDomainSid(L"not a sid"), L"");
-    EXPECT_EQ(ad::GetAccountDomainSid(L""), L"");
+// The system's RDN parser is never called under Wine; the module's own
+// splits DNs there, and the log says so.
+TEST(SystemDirectory, UsesTheModulesOwnRdnParserUnderWineAndSaysSo) {
+    testing_support::LogCapture capture;
+    const ad::SystemDirectory system;
+    EXPECT_EQ(system.UsesOwnRdnParser(), os::RunningUnderWine());
+    EXPECT_EQ(capture.Contains(L"The system's RDN parser cannot be used (running under Wine, whose DsGetRdnW is an "
+                               L"unimplemented stub); the module's own parser splits distinguished names"),
+              os::RunningUnderWine());
+}
 
+// What the directory and the Group Policy record answer, turned into a DN or
+// an exception with the reason and code.
+TEST(DirectoryLookups, EachAnswerBecomesTheDnOrItsError) {
+    condition_testing::FakeDirectory directory;
+    const auto crack = [&](os::NameCrackOutcome outcome, uint32_t error, uint32_t itemStatus, bool hasName) {
+        os::NameCrack answer;
+        answer.outcome = outcome;
+        answer.error = error;
+        answer.itemStatus = itemStatus;
+        answer.hasName = hasName;
+        directory.SetCrack(L"ann@corp.local", answer);
+        return Thrown([] { ad::ConvertNameToDistinguishedName(L"ann", L"corp.local"); });
+    };
+    struct Expected {
+        ad::active_directory_exception thrown;
+        std::wstring message;
+        uint32_t code;
+    };
+    const std::vector<Expected> cracks = {
+        {Thrown([] { ad::ConvertNameToDistinguishedName(L"bob", L"corp.local"); }),
+         L"Error 1355 binding to domain controller.", 1355},
+        {crack(os::NameCrackOutcome::kCrackFailed, 1722, 0, false), L"Error 1722 getting object path from name.", 1722},
+        {crack(os::NameCrackOutcome::kCracked, 0, os::kNameErrorNotFound, false),
+         L"Error (status 2) converting name to distinguished name; returning ERROR_NOT_FOUND.", 1168},
+        {crack(os::NameCrackOutcome::kCracked, 0, os::kNameErrorDomainOnly, true),
+         L"Error (status 5) converting name to distinguished name; returning ERROR_NOT_FOUND.", 1168},
+        {crack(os::NameCrackOutcome::kCracked, 0, 3, true), L"Error (status 3) converting name to distinguished name.",
+         3},
+        {crack(os::NameCrackOutcome::kCracked, 0, 0, false),
+         L"Error converting name to distinguished name (output nullptr).", 5023},
+    };
+    const auto record = [&](os::RegistryReadOutcome outcome, uint32_t error, uint32_t type) {
+        os::RegistryString answer;
+        answer.outcome = outcome;
+        answer.error = error;
+        answer.type = type;
+        directory.SetRecord(L"S-1-5-21-1-2-3-1104", answer);
+        return Thrown([] { ad::GetUserDistinguishedNameFromRegistry(L"S-1-5-21-1-2-3-1104"); });
+    };
+    const std::vector<Expected> records = {
+        {Thrown([] { ad::GetUserDistinguishedNameFromRegistry(L"S-1-5-21-1-2-3-1105"); }),
+         L"Failed to open the registry key to read user DN, error = 2.", 2},
+        {record(os::RegistryReadOutcome::kMissing, 2, 0),
+         L"Failed to read the user's DN from the registry, value is invalid/does not exist, last error = 2.", 2},
+        {record(os::RegistryReadOutcome::kNotString, 0, 4),
+         L"Failed to read the user's DN from the registry, value type is 4 instead of string, last error = 0.", 0},
+    };
+    for (const std::vector<Expected>* table : {&cracks, &records}) {
+        for (const Expected& e : *table) {
+            EXPECT_EQ(e.thrown.message(), e.message);
+            EXPECT_EQ(e.thrown.code(), e.code) << e.message;
+        }
+    }
+
+    testing_support::LogCapture capture;
+    directory.SetUserDn(L"ann@corp.local", L"CN=Ann,OU=Sales,DC=corp,DC=local");
+    EXPECT_EQ(ad::ConvertNameToDistinguishedName(L"ann", L"corp.local"), L"CN=Ann,OU=Sales,DC=corp,DC=local");
+    EXPECT_TRUE(
+        capture.Contains(logging::kTrace, L"qv::ActiveDirectory::ConvertNameToDistinguishedName",
+                         L"Name cracking: status = 0, domain = corp.local, path = CN=Ann,OU=Sales,DC=corp,DC=local"));
+    directory.SetRecordedDn(L"S-1-5-21-1-2-3-1104", L"CN=Ann,OU=Sales,DC=corp,DC=local");
+    EXPECT_EQ(ad::GetUserDistinguishedNameFromRegistry(L"S-1-5-21-1-2-3-1104"), L"CN=Ann,OU=Sales,DC=corp,DC=local");
+}
+
+// One table for both builds: what the Windows functions (string SID
+// conversion and the account domain of a SID, checked under Wine) answer,
+// and whether the SID then counts as a domain's. Only a SID of the machine's
+// own account domain is local; built-in and well-known SIDs, and text that is
+// no SID, are not.
+TEST(Sids, AccountDomainsAndDomainMembershipAsOnWindows) {
     const std::wstring host = qv::GetHostAccountDomainSid();
+    ASSERT_FALSE(host.empty());
+    ASSERT_EQ(ad::GetAccountDomainSid(host), host);
+    struct Case {
+        std::wstring sid;
+        std::wstring accountDomain;
+        bool domain;
+    };
+    const std::vector<Case> cases = {
+        {L"S-1-5-21-1-2-3-1104", L"S-1-5-21-1-2-3", true},
+        {L"s-1-5-21-1-2-3-1104", L"S-1-5-21-1-2-3", true},
+        {L"S-1-5-21-4000000000-22-333-500", L"S-1-5-21-4000000000-22-333", true},
+        {L"S-1-5-21-4294967295-1-2-3", L"S-1-5-21-4294967295-1-2", true},
+        {L"S-1-5-21-01-2-3-4", L"S-1-5-21-1-2-3", true},
+        {L"S-1-5-21-1-2-3", L"S-1-5-21-1-2-3", true},  // a domain's own SID
+        {L"S-1-5-21-1-2-3-4-5-6", L"S-1-5-21-1-2-3", true},
+        {L"S-1-5-21-1-2", L"", true},
+        {L"S-1-5-32-544", L"", true},  // built-in
+        {L"S-1-1-0", L"", true},       // well-known
+        {L"S-1-5-18", L"", true},
+        {L"S-1-16-12288", L"", true},
+        {L"BA", L"", true},  // SDDL abbreviations of built-in and well-known SIDs
+        {L"WD", L"", true},
+        {L"SY", L"", true},
+        {L"nonsense", L"", true},
+        {L"", L"", true},
+        {L"S-2-5-21-1-2-3-500", L"", true},
+        {L"S-1-5", L"", true},
+        {L"S-1-5-21-1-2-3-1104x", L"", true},
+        {L"S-1-5-21-1-2-3-1104 ", L"", true},
+        {L"S-1-5-21-+1-2-3-4", L"", true},
+        {host, host, false},
+        {host + L"-1001", host, false},
+        {L"s" + host.substr(1) + L"-500", host, false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(ad::GetAccountDomainSid(c.sid), c.accountDomain) << "[" << os::WideToUtf8Lossy(c.sid) << "]";
+        EXPECT_EQ(ad::IsDomainSid(c.sid), c.domain) << "[" << os::WideToUtf8Lossy(c.sid) << "]";
+    }
 #ifdef _WIN32
     if (os::RunningUnderWine()) {
         EXPECT_EQ(host, L"S-1-5-21-0-0-0");
     }
-    EXPECT_FALSE(host.empty());
-#else
-    EXPECT_EQ(host, L"");
 #endif
-    // A local account belongs to the machine's own account domain; where
-    // the machine has none, a SID without an account domain stands for one.
-    const std::wstring local = host.empty() ? L"S-1-5-32-544" : host + L"-1001";
-    EXPECT_FALSE(ad::IsDomainSid(local));
-    EXPECT_TRUE(ad::IsDomainSid(L"S-1-5-21-1-2-3-1104"));
-    EXPECT_TRUE(ad::IsDomainSid(L"s-1-5-21-1-2-3-1104"));
     EXPECT_TRUE(ad::EqualIgnoringCase(L"S-1-5-21-AbC", L"s-1-5-21-aBc"));
     EXPECT_FALSE(ad::EqualIgnoringCase(L"S-1-5-21", L"S-1-5-2"));
 }

@@ -1,7 +1,9 @@
 // "qv.isOvraConnected": connection reports from the host's agent client,
 // debounced for 20 s on the hand-driven clock of the host's queues.
 
+#include <functional>
 #include <optional>
+#include <utility>
 
 #include "condition_test_support.h"
 
@@ -103,6 +105,57 @@ TEST_F(OvraConnected, DestroyingTheConditionStopsReportsAndDropsAPendingDelivery
     EXPECT_EQ(recorder.Count(), 0u);
     EXPECT_EQ(bench.host.queues().PendingCount(), 0u);
     EXPECT_EQ(bench.host.queues().WorkerCount(), 0u);
+}
+
+// The host's agent client, with a report that arrives while a reader is
+// between reading the state and getting the answer.
+class ClientReportingDuringARead final : public Endpoint::Ovra::Notifications::IOvraClientWithNotifications {
+public:
+    explicit ClientReportingDuringARead(host::AgentClientNotifications& client) : client_(client) {}
+    // Runs `action` once, inside the next read, after the state was taken.
+    void DuringNextRead(std::function<void()> action) { duringNextRead_ = std::move(action); }
+
+    void* QueryInterface(const GUID& iid) override {
+        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IOvraClientWithNotifications::iid)
+                   ? static_cast<IOvraClientWithNotifications*>(this)
+                   : nullptr;
+    }
+    std::optional<bool> GetEcsConnectionState() override {
+        const std::optional<bool> state = client_.GetEcsConnectionState();
+        if (std::function<void()> action = std::exchange(duringNextRead_, nullptr)) action();
+        return state;
+    }
+    int32_t RegisterEcsNotifications(Endpoint::Ovra::Notifications::IEcsNotifications* s) override {
+        return client_.RegisterEcsNotifications(s);
+    }
+    int32_t UnregisterEcsNotifications(Endpoint::Ovra::Notifications::IEcsNotifications* s) override {
+        return client_.UnregisterEcsNotifications(s);
+    }
+
+private:
+    host::AgentClientNotifications& client_;
+    std::function<void()> duringNextRead_;
+};
+
+// A report that arrives while the condition reads the connection at start is
+// newer than what it read: it is seen at once on recompute and delivered
+// after the quiet period.
+TEST(OvraConnectedStart, AReportDuringTheInitialReadIsNotLost) {
+    Bench bench(true, false);
+    ClientReportingDuringARead client(bench.agentClient);
+    bench.host.components().Register(host::AgentClientNotifications::kName, &client);
+    ASSERT_EQ(bench.manager.Init(bench.host.main()), 0);
+    client.DuringNextRead([&] { bench.agentClient.SetConnectionState(false); });
+    ConditionPtr condition = bench.Create(Connected(true));
+    ASSERT_NE(condition, nullptr);
+    Recorder recorder;
+    EXPECT_EQ(condition->Subscribe(&recorder), 0);
+    EXPECT_FALSE(StateOf(*condition, true));
+    bench.host.manualClock()->Advance(20000);
+    bench.Settle();
+    EXPECT_EQ(recorder.States(), std::vector<bool>{false});
+    EXPECT_FALSE(StateOf(*condition));
+    EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cwctype>
 #include <utility>
 
+#include "conditions/directory/directory_system.h"
 #include "os/directory.h"
 #include "os/utf8.h"
 #include "plugin/log.h"
@@ -45,7 +46,7 @@ active_directory_exception::active_directory_exception(std::wstring message, uin
     : message_(std::move(message)), narrow_(os::WideToUtf8Lossy(message_)), code_(code) {}
 
 std::wstring ConvertNameToDistinguishedName(const std::wstring& name, const std::wstring& domain) {
-    const os::NameCrack crack = os::CrackUserPrincipalName(name + L"@" + domain);
+    const os::NameCrack crack = CurrentDirectorySystem().CrackUserPrincipalName(name + L"@" + domain);
     switch (crack.outcome) {
         case os::NameCrackOutcome::kNotSupported:
             Throw(std::wstring(L"Name cracking is ") + kNotSupported + L".",
@@ -71,7 +72,7 @@ std::wstring ConvertNameToDistinguishedName(const std::wstring& name, const std:
 }
 
 std::wstring GetUserDistinguishedNameFromRegistry(const std::wstring& sid) {
-    const os::RegistryString read = os::ReadMachineRegistryString(
+    const os::RegistryString read = CurrentDirectorySystem().ReadMachineRegistryString(
         L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Group Policy\\State\\" + sid, L"Distinguished-Name");
     switch (read.outcome) {
         case os::RegistryReadOutcome::kRead:
@@ -101,7 +102,7 @@ std::vector<RdnComponent> SplitDistinguishedName(std::wstring_view dn) {
     size_t remaining = dn.size();
     while (remaining > 0) {
         os::RdnPart part;
-        if (const uint32_t error = os::NextRdn(&text, &remaining, &part); error != 0)
+        if (const uint32_t error = CurrentDirectorySystem().NextRdn(&text, &remaining, &part); error != 0)
             Throw(L"Failed to get RDN, error = " + Signed(error) + L".", error);
         components.push_back(
             {std::wstring_view(part.type, part.typeLength), std::wstring_view(part.value, part.valueLength)});

@@ -6,7 +6,9 @@
 // The DN helpers report every failure by throwing active_directory_exception
 // with its reason and a Windows error code; the SID helpers never throw.
 // Where the system has no directory client (Linux), name cracking and the
-// registry read throw with kNotSupported.
+// registry read throw with kNotSupported. The system services come from
+// CurrentDirectorySystem() (directory_system.h), which a host or a test may
+// replace.
 //
 // Stateless: callable from any thread; calls may block on a domain controller.
 #include <cstdint>

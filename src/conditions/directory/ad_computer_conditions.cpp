@@ -1,6 +1,7 @@
 #include "conditions/directory/ad_computer_conditions.h"
 
 #include "conditions/directory/active_directory.h"
+#include "conditions/guarded_callback.h"
 #include "model/json_composed_serializer.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -34,12 +35,14 @@ int32_t ConditionADComputerGroupsBase::Init(const InitData& data) {
                      static_cast<int>(status));
         return status;
     }
-    ComputeCurrentState(true, false);
+    // Registered first: a change from here on is reported, also one made
+    // while the current value is being read.
     if (const int32_t status = manager()->RegisterEvents(this); status != 0) {
         logging::Log(logging::kError, kInit, L"register to computer groups manager plugin failed");
         return status;
     }
     registered_ = true;
+    ComputeCurrentState(true, false);
     return 0;
 }
 
@@ -56,14 +59,31 @@ int32_t ConditionADComputerGroupsBase::GetState(bool* state, bool) {
     return 0;
 }
 
-void ConditionADComputerGroupsBase::Apply(bool result, bool notify) {
+uint64_t ConditionADComputerGroupsBase::ReportsSeen() {
+    std::lock_guard lock(mutex_);
+    return reports_;
+}
+
+void ConditionADComputerGroupsBase::ApplyRead(bool result, uint64_t reportsBefore, bool notify) {
     bool changed = false;
     {
         std::lock_guard lock(mutex_);
+        if (reports_ != reportsBefore) return;  // a newer report has decided
         changed = state_ != result;
         state_ = result;
     }
     if (changed && notify) static_cast<void>(NotifyChanged(result));  // the statuses have nobody to go to
+}
+
+void ConditionADComputerGroupsBase::ApplyReport(bool result) {
+    bool changed = false;
+    {
+        std::lock_guard lock(mutex_);
+        ++reports_;
+        changed = state_ != result;
+        state_ = result;
+    }
+    if (changed) static_cast<void>(NotifyChanged(result));  // the statuses have nobody to go to
 }
 
 int32_t ConditionADComputerGroupsBase::LoadTarget(const Json::Value& json, const wchar_t* name, std::wstring& out) {
@@ -86,23 +106,26 @@ void ConditionADComputerGroup::ComputeCurrentState(bool reload, bool notify) {
         static_cast<void>(GetState(&ignored, false));
         return;
     }
+    const uint64_t reportsBefore = ReportsSeen();
     std::vector<ComputerGroup> groups;
     if (const int32_t status = manager()->GetComputerGroups(&groups); status != 0) {
         logging::Log(logging::kError, kGroupCompute, L"getting current computer groups failed with err %d",
                      static_cast<int>(status));
         groups.clear();
     }
-    Apply(IsMember(groups), notify);
+    ApplyRead(IsMember(groups), reportsBefore, notify);
 }
 
 int32_t ConditionADComputerGroup::OnComputerGroupsChanged(const std::vector<ComputerGroup>& groups) {
-    logging::CallTrace trace(kGroupsChanged);
-    logging::Log(logging::kTrace, kGroupsChanged, L"computer groups have changed");
-    for (const ComputerGroup& group : groups)
-        logging::Log(logging::kTrace, kGroupsChanged, L"\tnew computer group: dn: %s; sid: %s", group.dn.c_str(),
-                     group.sid.c_str());
-    Apply(IsMember(groups), true);
-    return 0;
+    return Guarded(kGroupsChanged, [&] {
+        logging::CallTrace trace(kGroupsChanged);
+        logging::Log(logging::kTrace, kGroupsChanged, L"computer groups have changed");
+        for (const ComputerGroup& group : groups)
+            logging::Log(logging::kTrace, kGroupsChanged, L"\tnew computer group: dn: %s; sid: %s", group.dn.c_str(),
+                         group.sid.c_str());
+        ApplyReport(IsMember(groups));
+        return 0;
+    });
 }
 
 int32_t ConditionADComputerGroupOU::LoadConditionData(const Json::Value& json) {
@@ -114,6 +137,8 @@ bool ConditionADComputerGroupOU::IsBelowTarget(const std::wstring& computerDn, c
         return qv::ActiveDirectory::IsComputerPartOfOU(computerDn, ouDn_);
     } catch (const qv::ActiveDirectory::active_directory_exception& e) {
         logging::Log(logging::kError, function, L"%s", e.message().c_str());
+    } catch (...) {
+        logging::Log(logging::kError, function, L"Unknown exception thrown.");
     }
     return false;
 }
@@ -124,22 +149,25 @@ void ConditionADComputerGroupOU::ComputeCurrentState(bool reload, bool notify) {
         static_cast<void>(GetState(&ignored, false));
         return;
     }
+    const uint64_t reportsBefore = ReportsSeen();
     std::wstring ou;
     if (const int32_t status = manager()->GetComputerOrganisationalUnit(&ou); status != 0) {
         logging::Log(logging::kError, kOuCompute, L"getting current computer organisational unit failed with err %d",
                      static_cast<int>(status));
-        Apply(false, notify);
+        ApplyRead(false, reportsBefore, notify);
         return;
     }
-    Apply(IsBelowTarget(ou, kOuCompute), notify);
+    ApplyRead(IsBelowTarget(ou, kOuCompute), reportsBefore, notify);
 }
 
 int32_t ConditionADComputerGroupOU::OnComputerOrganisationalUnitsChanged(const std::wstring& ou) {
-    logging::CallTrace trace(kOuChanged);
-    logging::Log(logging::kTrace, kOuChanged, L"computer ou have changed");
-    logging::Log(logging::kTrace, kOuChanged, L"\tnew computer ou: %s;", ou.c_str());
-    Apply(IsBelowTarget(ou, kOuChanged), true);
-    return 0;
+    return Guarded(kOuChanged, [&] {
+        logging::CallTrace trace(kOuChanged);
+        logging::Log(logging::kTrace, kOuChanged, L"computer ou have changed");
+        logging::Log(logging::kTrace, kOuChanged, L"\tnew computer ou: %s;", ou.c_str());
+        ApplyReport(IsBelowTarget(ou, kOuChanged));
+        return 0;
+    });
 }
 
 }  // namespace Product::Integration::ConditionManager

@@ -5,12 +5,15 @@
 //   "ad.ComputerGroup.OU"  the computer's account lies strictly below the
 //                          organisational unit "data"."distinguishedName"
 //
-// The initial state is read from the computer manager in Init (without a
-// notification); afterwards each change report recomputes it, and only a
-// change of the result notifies.
+// Init registers for change reports first and then reads the current value
+// (without a notification), so that no change falls between the two; a
+// report that arrives while the value is being read is newer than what was
+// read, and the read result is then dropped. Afterwards each change report
+// recomputes the state, and only a change of the result notifies.
 //
 // Thread rules: change reports arrive on the computer manager's threads;
-// `mutex_` guards the state and notifications are sent after it is released.
+// `mutex_` guards the state and the count of reports, and notifications are
+// sent after it is released. Nothing thrown leaves a report's callback.
 // Uninit unregisters from the computer manager.
 #include <cstdint>
 #include <mutex>
@@ -40,7 +43,8 @@ public:
     [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
 
     // With `reload`, reads the current value from the computer manager and
-    // replaces the state with the result, notifying a change when `notify`.
+    // replaces the state with the result (unless a change report arrived
+    // meanwhile), notifying a change when `notify`.
     virtual void ComputeCurrentState(bool reload, bool notify) = 0;
     // Reads the type's "data"; 0 or kInvalidParameter.
     [[nodiscard]] virtual int32_t LoadConditionData(const Json::Value& json) = 0;
@@ -53,13 +57,20 @@ protected:
     Product::ComputerManager::IComputerManager* manager() {
         return Dependency<Product::ComputerManager::IComputerManager>();
     }
-    // Replaces the state by `result`; notifies when it changed and `notify`.
-    void Apply(bool result, bool notify);
+    // The number of change reports applied so far.
+    uint64_t ReportsSeen();
+    // The result of a read that started after `reportsBefore` reports:
+    // replaces the state unless a report came since (that report is newer);
+    // notifies a change when `notify`.
+    void ApplyRead(bool result, uint64_t reportsBefore, bool notify);
+    // The result of a change report: replaces the state, notifies a change.
+    void ApplyReport(bool result);
     // Reads the string member `name` of "data" into `out`; 0 or kInvalidParameter.
     static int32_t LoadTarget(const Json::Value& json, const wchar_t* name, std::wstring& out);
 
 private:
     bool state_ = false;
+    uint64_t reports_ = 0;  // change reports applied; guarded by mutex_
     std::mutex mutex_;
     bool registered_ = false;  // owner's thread only
 };
@@ -88,7 +99,8 @@ public:
 
 private:
     // Whether the computer DN `computerDn` lies strictly below the target OU;
-    // a DN that cannot be split counts as not below (and is logged).
+    // a DN that cannot be split, or any other failure of the test, counts as
+    // not below (and is logged under `function`).
     bool IsBelowTarget(const std::wstring& computerDn, const wchar_t* function) const;
     std::wstring ouDn_;
 };

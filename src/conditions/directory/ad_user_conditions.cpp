@@ -1,9 +1,11 @@
 #include "conditions/directory/ad_user_conditions.h"
 
+#include <cwctype>
 #include <exception>
 #include <vector>
 
 #include "conditions/directory/active_directory.h"
+#include "conditions/guarded_callback.h"
 #include "model/json_composed_serializer.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -17,6 +19,8 @@ constexpr const wchar_t* kComputeState = L"Product::Integration::ConditionManage
 constexpr const wchar_t* kUserLoad = L"Product::Integration::ConditionManager::ConditionADUser::LoadConditionData";
 constexpr const wchar_t* kGroupLoad = L"Product::Integration::ConditionManager::ConditionADGroup::LoadConditionData";
 constexpr const wchar_t* kIsUserPartOfOU = L"Product::Integration::ConditionManager::ConditionADUserOU::IsUserPartOfOU";
+constexpr const wchar_t* kLoggedOn = L"Product::Integration::ConditionManager::ConditionADBase::OnUserLoggedOn";
+constexpr const wchar_t* kLoggedOff = L"Product::Integration::ConditionManager::ConditionADBase::OnUserLoggedOff";
 
 using Product::UserManager::IUserManager;
 using qv::ActiveDirectory::active_directory_exception;
@@ -37,6 +41,11 @@ int32_t LoadDomainSid(const Json::Value& json, const wchar_t* function, std::wst
         return qv::status::kInvalidParameter;
     }
     return 0;
+}
+
+std::wstring UpperCase(std::wstring text) {
+    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towupper(c));
+    return text;
 }
 
 }  // namespace
@@ -83,71 +92,106 @@ int32_t ConditionADBase::GetState(bool* state, bool) {
     return 0;
 }
 
+bool ConditionADBase::CurrentState() {
+    std::lock_guard lock(mutex_);
+    return state_;
+}
+
 void ConditionADBase::ComputeState(bool reload) {
     logging::CallTrace trace(kComputeState);
     if (!reload) {
         std::lock_guard lock(mutex_);
         return;
     }
+    const uint64_t reportsBefore = [this] {
+        std::lock_guard lock(mutex_);
+        return reports_;
+    }();
     // The users are asked for only to be logged: without logging the list
     // stays empty and the state waits for the next log-on.
     std::vector<UserInfo> users;
     if (logging::CLogDLL::Exists())
         logging::Log(logging::kDetail, kComputeState, L"GetLoggedUsers returned %d",
                      static_cast<int>(Dependency<IUserManager>()->GetLoggedUsers(&users)));
-    for (const UserInfo& user : users) UpdateForUser(user, true);
+    // Every user is tested (the OU test remembers each answer for the log-off).
+    bool anyMatch = false;
+    for (const UserInfo& user : users) anyMatch = Matches(user, Event::kLogOn) || anyMatch;
+    if (!anyMatch) return;
+    {
+        std::lock_guard lock(mutex_);
+        if (reports_ != reportsBefore) return;  // a newer report has decided
+        if (state_) return;
+        state_ = true;
+    }
+    static_cast<void>(NotifyChanged(true));  // the subscribers' statuses have nobody to go to
 }
 
-bool ConditionADBase::ApplyMatch(bool newState) {
+bool ConditionADBase::ApplyReport(bool newState) {
     bool changed = false;
     {
         std::lock_guard lock(mutex_);
+        ++reports_;
         changed = state_ != newState;
         state_ = newState;
     }
     if (changed) static_cast<void>(NotifyChanged(newState));  // the subscribers' statuses have nobody to go to
-    std::lock_guard lock(mutex_);
-    return state_;
+    return CurrentState();
+}
+
+bool ConditionADBase::UpdateForUser(const UserInfo& user, bool newState) {
+    if (Matches(user, newState ? Event::kLogOn : Event::kLogOff)) return ApplyReport(newState);
+    return CurrentState();
 }
 
 int32_t ConditionADBase::OnUserLoggedOn(const UserInfo& user) {
-    UpdateForUser(user, true);
+    // A failure is logged by Guarded; the host could do nothing with it.
+    static_cast<void>(Guarded(kLoggedOn, [&] {
+        UpdateForUser(user, true);
+        return 0;
+    }));
     return 0;
 }
 
 int32_t ConditionADBase::OnUserLoggedOff(const UserInfo& user) {
-    UpdateForUser(user, false);
+    static_cast<void>(Guarded(kLoggedOff, [&] {
+        UpdateForUser(user, false);
+        return 0;
+    }));
     return 0;
 }
 
 int32_t ConditionADUser::LoadConditionData(const Json::Value& json) { return LoadDomainSid(json, kUserLoad, sid_); }
 
-bool ConditionADUser::UpdateForUser(const UserInfo& user, bool newState) {
-    if (EqualIgnoringCase(user.sid, sid_)) return ApplyMatch(newState);
-    bool state = false;
-    static_cast<void>(GetState(&state, false));
-    return state;
-}
+bool ConditionADUser::Matches(const UserInfo& user, Event) { return EqualIgnoringCase(user.sid, sid_); }
 
 int32_t ConditionADGroup::LoadConditionData(const Json::Value& json) { return LoadDomainSid(json, kGroupLoad, sid_); }
 
-bool ConditionADGroup::UpdateForUser(const UserInfo& user, bool newState) {
-    bool state = false;
-    static_cast<void>(GetState(&state, false));
+bool ConditionADGroup::Matches(const UserInfo& user, Event) {
     for (const Product::UserManager::MemberOf& group : user.memberOf)
-        if (EqualIgnoringCase(group.sid, sid_)) state = ApplyMatch(newState);
-    return state;
+        if (EqualIgnoringCase(group.sid, sid_)) return true;
+    return false;
 }
 
 int32_t ConditionADUserOU::LoadConditionData(const Json::Value& json) {
     return LoadDataString(json, L"distinguishedName", ouDn_);
 }
 
-bool ConditionADUserOU::UpdateForUser(const UserInfo& user, bool newState) {
-    if (IsUserPartOfOU(user)) return ApplyMatch(newState);
-    bool state = false;
-    static_cast<void>(GetState(&state, false));
-    return state;
+bool ConditionADUserOU::Matches(const UserInfo& user, Event event) {
+    const std::wstring key = UpperCase(user.sid);
+    if (event == Event::kLogOff) {
+        std::lock_guard lock(loggedOnMutex_);
+        if (auto found = loggedOn_.find(key); found != loggedOn_.end()) {
+            const bool below = found->second;
+            loggedOn_.erase(found);
+            return below;
+        }
+    }
+    const bool below = IsUserPartOfOU(user);
+    if (event == Event::kLogOn) {
+        std::lock_guard lock(loggedOnMutex_);
+        loggedOn_[key] = below;
+    }
+    return below;
 }
 
 bool ConditionADUserOU::IsUserPartOfOU(const UserInfo& user) const {

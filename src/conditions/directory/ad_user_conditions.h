@@ -12,16 +12,20 @@
 // that do not match leave it unchanged.
 //
 // The initial state is computed on the condition's queue ("AdBase") after
-// Init, from the users logged on then; that request is made only while
-// logging is enabled, so that without logging a condition starts false and
-// waits for the next log-on.
+// Init has subscribed to the reports, from the users logged on then, as if
+// each had just logged on; that request is made only while logging is
+// enabled, so that without logging a condition starts false and waits for
+// the next log-on. A report about a matching user that arrives while that
+// list is being read is newer than the list, which is then dropped.
 //
 // Thread rules: log-on and log-off reports arrive on the user manager's
 // threads, the initial computation runs on the queue's thread; `mutex_`
-// guards the state and notifications are sent outside it. Uninit
+// guards the state and the count of applied reports, and notifications are
+// sent outside it. Nothing thrown leaves a report's callback. Uninit
 // unsubscribes from the user manager, then closes the queue (waiting for a
 // computation in progress).
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -53,7 +57,7 @@ public:
     [[nodiscard]] virtual int32_t LoadConditionData(const Json::Value& json) = 0;
     // When `user` passes the type's test, the state becomes `newState`
     // (notifying on a change). Returns the state after the call.
-    virtual bool UpdateForUser(const UserInfo& user, bool newState) = 0;
+    bool UpdateForUser(const UserInfo& user, bool newState);
 
     int32_t OnUserLoggedOn(const UserInfo& user) override;
     int32_t OnUserLoggedOff(const UserInfo& user) override;
@@ -61,14 +65,21 @@ public:
     int32_t OnUserSessionUnlocked(const UserInfo&) override { return 0; }
 
 protected:
-    // Sets the state to `newState`, notifying when it changed; returns it.
-    bool ApplyMatch(bool newState);
+    enum class Event { kLogOn, kLogOff };
+    // The type's test of `user`, for a log-on (also of a user found logged on
+    // at start) or a log-off.
+    virtual bool Matches(const UserInfo& user, Event event) = 0;
 
 private:
     // With `reload`, tests every logged-on user as if it had just logged on.
     void ComputeState(bool reload);
+    // Sets the state to `newState` for a report, notifying when it changed;
+    // returns it.
+    bool ApplyReport(bool newState);
+    bool CurrentState();
 
     bool state_ = false;
+    uint64_t reports_ = 0;  // matching reports applied; guarded by mutex_
     std::mutex mutex_;
     bool subscribed_ = false;  // owner's thread only
 };
@@ -77,8 +88,10 @@ class ConditionADUser final : public ConditionADBase {
 public:
     static constexpr const wchar_t* kType = L"ad.User";
     [[nodiscard]] int32_t LoadConditionData(const Json::Value& json) override;
+
+protected:
     // The user's SID equals "sid", ignoring case.
-    bool UpdateForUser(const UserInfo& user, bool newState) override;
+    bool Matches(const UserInfo& user, Event event) override;
 
 private:
     std::wstring sid_;
@@ -88,8 +101,10 @@ class ConditionADGroup final : public ConditionADBase {
 public:
     static constexpr const wchar_t* kType = L"ad.Group";
     [[nodiscard]] int32_t LoadConditionData(const Json::Value& json) override;
+
+protected:
     // One of the user's groups has the SID "sid", ignoring case.
-    bool UpdateForUser(const UserInfo& user, bool newState) override;
+    bool Matches(const UserInfo& user, Event event) override;
 
 private:
     std::wstring sid_;
@@ -99,16 +114,23 @@ class ConditionADUserOU final : public ConditionADBase {
 public:
     static constexpr const wchar_t* kType = L"ad.User.OU";
     [[nodiscard]] int32_t LoadConditionData(const Json::Value& json) override;
-    // The user's DN lies strictly below "distinguishedName".
-    bool UpdateForUser(const UserInfo& user, bool newState) override;
     // Finds the user's DN from the directory, or failing that from what Group
     // Policy recorded, and tests it against the OU. The first way that does
     // not throw decides; false when both throw (each logged) or when the
     // user's name is empty.
     bool IsUserPartOfOU(const UserInfo& user) const;
 
+protected:
+    // The user's DN lies strictly below "distinguishedName". A log-on asks
+    // the directory and remembers the answer for the user's SID; the log-off
+    // uses that answer, so it never depends on the directory. Only a user
+    // whose log-on this condition never saw is looked up at log-off.
+    bool Matches(const UserInfo& user, Event event) override;
+
 private:
     std::wstring ouDn_;
+    std::mutex loggedOnMutex_;
+    std::map<std::wstring, bool> loggedOn_;  // upper-case SID -> below the OU; guarded by loggedOnMutex_
 };
 
 }  // namespace Product::Integration::ConditionManager
