@@ -12,6 +12,7 @@
 
 #include "os/address_change.h"
 #include "os/event.h"
+#include "qv/status.h"
 
 namespace Product::Integration {
 
@@ -49,7 +50,11 @@ public:
     // Reports one change to the next (or current) Wait.
     void Signal() noexcept { changed_.Set(); }
 
-    uint32_t CreationError() const noexcept override { return changed_.Valid() ? 0 : 1; }
+    uint32_t CreationError() const noexcept override {
+        if (changed_.Valid()) return 0;
+        const uint32_t error = changed_.CreationError();
+        return error != 0 ? error : static_cast<uint32_t>(qv::status::kCreateFailed);
+    }
     uint32_t Register() override { return 0; }
     WaitResult Wait(os::AutoResetEvent& stop, uint32_t timeoutMs) override {
         switch (os::WaitAny({&changed_, &stop}, timeoutMs)) {

@@ -1,5 +1,6 @@
 #include "network/component_handle.h"
 
+#include "os/last_error.h"
 #include "os/path.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -39,13 +40,15 @@ int32_t ComponentHandle::Acquire(const ComponentLibraryLocation& location, const
                      location.fileName.c_str(), componentName, error);
         return error;
     }
+    os::ClearLastSystemError();
     auto create = reinterpret_cast<Ovra::CreateObjectFn>(os::FindSymbol(library_, "QvCreateObject"));
     destroy_ = reinterpret_cast<Ovra::DestroyObjectFn>(os::FindSymbol(library_, "QvDestroyObject"));
     if (!create || !destroy_) {
-        logging::Log(logging::kWarning, kAcquire, L"%s exports no QvCreateObject/QvDestroyObject",
-                     location.fileName.c_str());
+        error = SystemErrorOr632(os::LastSystemError());
+        logging::Log(logging::kWarning, kAcquire, L"%s exports no QvCreateObject/QvDestroyObject, error %d",
+                     location.fileName.c_str(), error);
         Release();
-        return qv::status::kInvalidSize;
+        return error;
     }
     name_ = componentName;
     void* object = nullptr;

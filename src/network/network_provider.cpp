@@ -54,7 +54,9 @@ int32_t NetworkProvider::Init(IServMain*) {
     logging::CallTrace trace(kInit);
     int32_t error = 0;
     if (!stop_.Valid()) {
-        error = qv::status::kCreateFailed;
+        // The system always gives a reason; the fallback keeps Init failing if not.
+        const uint32_t stopError = stop_.CreationError();
+        error = stopError != 0 ? static_cast<int32_t>(stopError) : qv::status::kCreateFailed;
         logging::Log(logging::kError, kInit, L"Failed to create stop event error [%d] ", error);
     }
     if (const uint32_t notifyError = changes_->CreationError(); notifyError != 0) {
@@ -78,20 +80,26 @@ int32_t NetworkProvider::Start() {
 }
 
 int32_t NetworkProvider::InternalStart() {
-    if (!listener_.joinable()) {
-        std::promise<void> registered;
-        std::future<void> ready = registered.get_future();
-        try {
-            listener_ = std::thread([this, &registered] { NetworkListenerThread(registered); });
-        } catch (const std::system_error&) {
-            logging::Log(logging::kError, kInternalStart, L"Failed to create network notifications thread");
-            return qv::status::kFunctionFailed;
-        }
-        // The first snapshot is taken once the listener asked for changes, so
-        // that a change made meanwhile is either in it or reported after it.
-        ready.wait();
+    if (listener_.joinable()) return DoUpdateState(nullptr);
+    std::promise<void> registered;
+    std::future<void> ready = registered.get_future();
+    std::promise<void> firstSnapshot;
+    try {
+        listener_ = std::thread([this, &registered, taken = firstSnapshot.get_future()]() mutable {
+            NetworkListenerThread(registered, taken);
+        });
+    } catch (const std::system_error&) {
+        logging::Log(logging::kError, kInternalStart, L"Failed to create network notifications thread");
+        return qv::status::kFunctionFailed;
     }
-    return DoUpdateState(nullptr);
+    // The first snapshot is taken once the listener asked for changes, so
+    // that a change made meanwhile is either in it or reported after it; and
+    // the listener's first timed pass comes after it, so that it compares
+    // with the first snapshot, not with the empty state.
+    ready.wait();
+    const int32_t status = DoUpdateState(nullptr);
+    firstSnapshot.set_value();
+    return status;
 }
 
 int32_t NetworkProvider::Stop() {
@@ -197,9 +205,10 @@ bool NetworkProvider::RegisterForChanges() {
     return false;
 }
 
-void NetworkProvider::NetworkListenerThread(std::promise<void>& registered) {
+void NetworkProvider::NetworkListenerThread(std::promise<void>& registered, std::future<void>& firstSnapshot) {
     bool listening = RegisterForChanges();
     registered.set_value();  // `registered` is gone once the starter moves on
+    firstSnapshot.wait();
     for (; listening; listening = RegisterForChanges()) {
         const IChangeSource::WaitResult wake = changes_->Wait(stop_, periodMs_);
         if (wake == IChangeSource::WaitResult::kChanged) {

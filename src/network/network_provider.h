@@ -102,8 +102,9 @@ public:
 private:
     int32_t InternalStart();
     void InternalStop();
-    // Tells `registered` once it has asked for address changes (or failed to).
-    void NetworkListenerThread(std::promise<void>& registered);
+    // Tells `registered` once it has asked for address changes (or failed
+    // to), then waits for the starter's first snapshot before its first wait.
+    void NetworkListenerThread(std::promise<void>& registered, std::future<void>& firstSnapshot);
     bool RegisterForChanges();
 
     const uint32_t periodMs_;

@@ -38,7 +38,7 @@ int32_t WlanAPI::Load() {
     if (const wchar_t* message = EntryMessage(result.failedAt))
         logging::Log(logging::kError, kLoad, message, error);
     else
-        logging::Log(logging::kError, kLoad, L"Failed to load %s, error %d.", os::WirelessApi::LibraryName(), error);
+        logging::Log(logging::kError, kLoad, L"Failed to load %s, error %d.", api_.library().c_str(), error);
     return error != 0 ? error : qv::status::kFunctionFailed;
 }
 

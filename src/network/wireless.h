@@ -16,7 +16,9 @@ namespace Product::Integration {
 
 class WlanAPI {
 public:
-    WlanAPI() = default;
+    // `library`: what to bind instead of the system's wireless interface
+    // (see os::WirelessApi).
+    explicit WlanAPI(std::wstring library = os::WirelessApi::LibraryName()) : api_(std::move(library)) {}
     WlanAPI(const WlanAPI&) = delete;
     WlanAPI& operator=(const WlanAPI&) = delete;
 

@@ -29,6 +29,9 @@ public:
 
     // False only when the operating system refused to create the event.
     bool Valid() const noexcept;
+    // The system's error that refused the event (Windows: GetLastError,
+    // Linux: errno of eventfd); 0 for a valid event.
+    uint32_t CreationError() const noexcept { return creationError_; }
     void Set() noexcept;
     void Reset() noexcept;
     // True when signalled within `timeoutMs` (kInfinite: no limit); false on
@@ -41,6 +44,7 @@ public:
 
 private:
     std::unique_ptr<Native> native_;
+    uint32_t creationError_ = 0;
 };
 
 // Waits until one of `events` is signalled and consumes that one signal only.

@@ -16,6 +16,7 @@ namespace os {
 
 AutoResetEvent::AutoResetEvent() : native_(std::make_unique<Native>()) {
     native_->fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (native_->fd < 0) creationError_ = static_cast<uint32_t>(errno);
 }
 
 AutoResetEvent::~AutoResetEvent() {

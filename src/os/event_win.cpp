@@ -10,6 +10,7 @@ namespace os {
 
 AutoResetEvent::AutoResetEvent() : native_(std::make_unique<Native>()) {
     native_->handle = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    if (!native_->handle) creationError_ = ::GetLastError();
 }
 
 AutoResetEvent::~AutoResetEvent() {

@@ -56,10 +56,14 @@ public:
         uint32_t error = 0;                // the system's error for that step
     };
 
-    // "wlanapi.dll" on Windows, "nl80211" on Linux, for messages.
+    // The system's interface: "wlanapi.dll" on Windows, the generic-netlink
+    // family "nl80211" on Linux.
     static const wchar_t* LibraryName() noexcept;
 
-    WirelessApi();
+    // Binds `library` on Load: on Windows the WLAN library's file (a stand-in
+    // library with the same entry points in tests), on Linux the name of the
+    // generic-netlink family.
+    explicit WirelessApi(std::wstring library = LibraryName());
     ~WirelessApi();  // frees the library
     WirelessApi(const WirelessApi&) = delete;
     WirelessApi& operator=(const WirelessApi&) = delete;
@@ -68,6 +72,8 @@ public:
     LoadResult Load();
     // Whether every entry is bound.
     bool Complete() const noexcept;
+    // What Load binds, for messages.
+    const std::wstring& library() const noexcept { return library_; }
     // Lists the interfaces and, for each connected one, its networks. Every
     // list the system hands out is given back before this returns.
     WirelessScan Scan();
@@ -75,6 +81,7 @@ public:
     struct Native;
 
 private:
+    std::wstring library_;
     std::unique_ptr<Native> native_;
 };
 

@@ -18,7 +18,7 @@ struct WirelessApi::Native {
 
 const wchar_t* WirelessApi::LibraryName() noexcept { return L"nl80211"; }
 
-WirelessApi::WirelessApi() : native_(std::make_unique<Native>()) {}
+WirelessApi::WirelessApi(std::wstring library) : library_(std::move(library)), native_(std::make_unique<Native>()) {}
 WirelessApi::~WirelessApi() = default;
 
 WirelessApi::LoadResult WirelessApi::Load() {
@@ -36,7 +36,7 @@ WirelessApi::LoadResult WirelessApi::Load() {
         result.error = static_cast<uint32_t>(-e);
         return result;
     }
-    const int family = genl_ctrl_resolve(socket.get(), "nl80211");
+    const int family = genl_ctrl_resolve(socket.get(), WideToUtf8Lossy(library_).c_str());
     if (family < 0) {
         result.error = static_cast<uint32_t>(-family);
         return result;

@@ -22,7 +22,7 @@ struct WirelessApi::Native {
 
 const wchar_t* WirelessApi::LibraryName() noexcept { return L"wlanapi.dll"; }
 
-WirelessApi::WirelessApi() : native_(std::make_unique<Native>()) {}
+WirelessApi::WirelessApi(std::wstring library) : library_(std::move(library)), native_(std::make_unique<Native>()) {}
 
 WirelessApi::~WirelessApi() {
     if (native_->library) ::FreeLibrary(native_->library);
@@ -39,7 +39,7 @@ bool Bind(HMODULE library, const char* name, Fn& slot) {
 WirelessApi::LoadResult WirelessApi::Load() {
     LoadResult result;
     Native& n = *native_;
-    if (!n.library) n.library = ::LoadLibraryW(LibraryName());
+    if (!n.library) n.library = ::LoadLibraryW(library_.c_str());
     if (!n.library) {
         result.error = ::GetLastError();
         return result;

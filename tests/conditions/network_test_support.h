@@ -1,7 +1,9 @@
 #pragma once
 // Bench pieces for the network conditions: synthetic network states, a
-// host-resolution condition with a hand-driven timer and a switchable
-// resolver, and a manager that builds that one in place of the module's.
+// provider the test scripts, a host-resolution condition with a hand-driven
+// timer and a switchable resolver, and a manager that builds that one in
+// place of the module's.
+#include <algorithm>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -12,7 +14,9 @@
 #include "condition_test_support.h"
 #include "conditions/network/can_resolve_host.h"
 #include "conditions/network/pass_timer.h"
+#include "network/network_provider_interface.h"
 #include "network/network_state.h"
+#include "qv/status.h"
 #include "support/waiting.h"
 
 namespace condition_testing {
@@ -49,6 +53,125 @@ private:
         return *this;
     }
 };
+
+// Holds one thread at a chosen point until the test opens it: Arm, then the
+// next thread that reaches Reach() waits there until Open.
+class Gate {
+public:
+    void Arm() {
+        std::lock_guard lock(mutex_);
+        armed_ = true;
+        open_ = false;
+    }
+    // The point where a thread may be held; passes at once unless armed.
+    void Reach() {
+        std::unique_lock lock(mutex_);
+        if (!armed_) return;
+        armed_ = false;
+        held_ = true;
+        changed_.notify_all();
+        changed_.wait_for(lock, testing_support::kPatience, [this] { return open_; });
+        held_ = false;
+    }
+    // True once a thread is held (within the patience).
+    bool WaitUntilHeld() {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, testing_support::kPatience, [this] { return held_; });
+    }
+    void Open() {
+        std::lock_guard lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool armed_ = false, held_ = false, open_ = false;
+};
+
+// A network provider for one condition made by hand: its Start may be
+// refused, its state is set by the test, a read may be held at `readGate`
+// (after the state was copied), and notifications run on the caller of
+// Notify with no lock held.
+class ScriptedProvider final : public Product::Integration::INetworkProvider {
+public:
+    void* QueryInterface(const GUID& iid) override {
+        return qv::GuidEquals(iid, INetworkProvider::iid) ? static_cast<INetworkProvider*>(this) : nullptr;
+    }
+    int32_t Start() override {
+        std::lock_guard lock(mutex_);
+        if (startStatus_ != 0) return startStatus_;
+        ++starts_;
+        return 0;
+    }
+    int32_t Stop() override {
+        std::lock_guard lock(mutex_);
+        return starts_ > 0 ? (--starts_, 0) : qv::status::kFunctionFailed;
+    }
+    int32_t GetState(Product::Integration::NetworkState& out) override {
+        {
+            std::lock_guard lock(mutex_);
+            out = state_;
+        }
+        readGate.Reach();
+        return 0;
+    }
+    int32_t Subscribe(IEvents* subscriber) override {
+        std::lock_guard lock(mutex_);
+        if (std::find(subscribers_.begin(), subscribers_.end(), subscriber) != subscribers_.end())
+            return qv::status::kFunctionFailed;
+        subscribers_.push_back(subscriber);
+        return 0;
+    }
+    int32_t Unsubscribe(IEvents* subscriber) override {
+        std::lock_guard lock(mutex_);
+        const auto found = std::find(subscribers_.begin(), subscribers_.end(), subscriber);
+        if (found == subscribers_.end()) return qv::status::kFunctionFailed;
+        subscribers_.erase(found);
+        return 0;
+    }
+
+    void RefuseStart(int32_t status) {
+        std::lock_guard lock(mutex_);
+        startStatus_ = status;
+    }
+    void SetState(const Product::Integration::NetworkState& state) {
+        std::lock_guard lock(mutex_);
+        state_ = state;
+    }
+    void Notify() {
+        std::vector<IEvents*> subscribers;
+        {
+            std::lock_guard lock(mutex_);
+            subscribers = subscribers_;
+        }
+        for (IEvents* subscriber : subscribers) static_cast<void>(subscriber->OnNetworkStateChanged());
+    }
+    int Starts() {
+        std::lock_guard lock(mutex_);
+        return starts_;
+    }
+    size_t Subscribers() {
+        std::lock_guard lock(mutex_);
+        return subscribers_.size();
+    }
+
+    Gate readGate;
+
+private:
+    std::mutex mutex_;
+    int32_t startStatus_ = 0;
+    int starts_ = 0;
+    std::vector<IEvents*> subscribers_;
+    Product::Integration::NetworkState state_;
+};
+
+// Gives `condition` the provider as the manager would.
+inline void InjectProvider(ICondition& condition, Product::Integration::INetworkProvider& provider) {
+    condition.Inject(Product::Integration::INetworkProvider::iid,
+                     static_cast<Product::Integration::INetworkProvider*>(&provider));
+}
 
 // A pass timer driven by the test: each Pass() lets the condition's thread
 // run one pass and returns once it has finished it.
@@ -91,7 +214,9 @@ private:
     bool stop_ = false;
 };
 
-// Names that resolve, switched by the test; counts the questions.
+// Names that resolve, switched by the test; counts the questions. An
+// answer may be held at `answerGate` after it was decided, as a slow DNS
+// server's answer arrives late.
 class FakeNames {
 public:
     void Set(const std::wstring& name, bool resolves) {
@@ -99,10 +224,16 @@ public:
         names_[name] = resolves;
     }
     bool Resolve(const std::wstring& name) {
-        std::lock_guard lock(mutex_);
-        ++questions_;
-        return names_[name];
+        bool answer = false;
+        {
+            std::lock_guard lock(mutex_);
+            ++questions_;
+            answer = names_[name];
+        }
+        answerGate.Reach();
+        return answer;
     }
+    Gate answerGate;
     int Questions() {
         std::lock_guard lock(mutex_);
         return questions_;

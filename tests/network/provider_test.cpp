@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <mutex>
+
+#if defined(__linux__)
+#include <sys/resource.h>
+#endif
 
 #include "adapter_records.h"
 #include "network/network_provider.h"
@@ -96,13 +101,20 @@ TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
     ASSERT_TRUE(Eventually([&] { return two.count() == 2; }));
     EXPECT_TRUE(two.last() == state);
     EXPECT_TRUE(log.Contains(4, kDoUpdateState, L"GetAdaptersAddresses ip list is emtpy. skip this update"));
+    // No adapter at all: said so, and handled the same way.
+    EXPECT_FALSE(log.Contains(4, kDoUpdateState, L"GetAdaptersAddresses returns null"));
+    bench.machine.Set({});
+    bench.changes->Signal();
+    ASSERT_TRUE(Eventually([&] { return one.count() == 3; }));
+    EXPECT_TRUE(one.last() == state);
+    EXPECT_TRUE(log.Contains(4, kDoUpdateState, L"GetAdaptersAddresses returns null"));
 
     ASSERT_EQ(bench.provider->Unsubscribe(&one), 0);
     EXPECT_EQ(bench.provider->Unsubscribe(&one), qv::status::kFunctionFailed);
     bench.machine.Set({Adapter(L"First", V4(10, 0, 0, 7))});
     bench.changes->Signal();
-    ASSERT_TRUE(Eventually([&] { return two.count() == 3; }));
-    EXPECT_EQ(one.count(), 2);
+    ASSERT_TRUE(Eventually([&] { return two.count() == 4; }));
+    EXPECT_EQ(one.count(), 3);
     EXPECT_EQ(one.failedReads() + two.failedReads(), 0);
     EXPECT_EQ(two.last().ipv4Addresses[0].ToString(), L"10.0.0.7/32");
     EXPECT_EQ(bench.provider->Stop(), 0);
@@ -202,5 +214,31 @@ TEST(NetworkProvider, AFailedRegistrationEndsTheListenerAndKeepsTheState) {
     EXPECT_EQ(state.ipv4Addresses.size(), 1u);
     EXPECT_EQ(provider.Stop(), 0);
 }
+
+#if defined(__linux__)
+// Events the system refuses (here: no file descriptor left for them): Init
+// fails with the system's own error and says which event it was.
+TEST(NetworkProvider, InitReportsTheSystemsErrorForEventsItCouldNotCreate) {
+    testing_support::LogCapture log;
+    NetworkProvider::Options options;
+    options.readAdapters = [] { return os::AdapterList{}; };
+    options.components = {};
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    rlimit none = limit;
+    none.rlim_cur = 0;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    options.changeSource = std::make_unique<EventChangeSource>();
+    auto provider = std::make_unique<NetworkProvider>(std::move(options));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    EXPECT_EQ(provider->Init(nullptr), EMFILE);
+    const std::wstring error = std::to_wstring(EMFILE);
+    constexpr const wchar_t* kInit = L"Product::Integration::NetworkProvider::Init";
+    EXPECT_TRUE(log.Contains(4, kInit, L"Failed to create stop event error [" + error + L"] "));
+    EXPECT_TRUE(log.Contains(4, kInit, L"Failed to create notify event error [" + error + L"] "));
+    EXPECT_TRUE(log.Contains(4, kInit, L"NetworkProvider::Init error = " + error));
+}
+#endif
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "conditions/network/address_match.h"
 #include "model/json_composed_serializer.h"
+#include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
 
@@ -16,6 +17,7 @@ using qv::Network::IPv6;
 }  // namespace
 
 int32_t ConditionIPBase::Init(const InitData& data) {
+    logging::CallTrace trace(kIPInit);
     if (const int32_t status = ConditionNetworkBase::Init(data); status != 0) return status;
     std::wstring text;
     if (!qv::JsonComposedSerializer::Load(DataOf(data.json), L"address", text)) {
@@ -46,6 +48,7 @@ bool ConditionIPBase::Compute(const NetworkState& state) const {
 }
 
 int32_t ConditionIPRange::Init(const InitData& data) {
+    logging::CallTrace trace(kRangeInit);
     if (const int32_t status = ConditionNetworkBase::Init(data); status != 0) return status;
     const Json::Value& parameters = DataOf(data.json);
     std::wstring start, end;

@@ -5,6 +5,7 @@
 
 #include "model/json_composed_serializer.h"
 #include "os/dns_query.h"
+#include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
 
@@ -12,6 +13,10 @@ namespace Product::Integration::ConditionManager {
 namespace {
 constexpr const wchar_t* kInit = L"Product::Integration::ConditionManager::ConditionCanResolveHost::Init";
 constexpr const wchar_t* kPass = L"Product::Integration::ConditionManager::ConditionCanResolveHost::Pass";
+constexpr const wchar_t* kUninit = L"Product::Integration::ConditionManager::ConditionCanResolveHost::Uninit";
+constexpr const wchar_t* kGetState = L"Product::Integration::ConditionManager::ConditionCanResolveHost::GetState";
+constexpr const wchar_t* kOnNetworkStateChanged =
+    L"Product::Integration::ConditionManager::ConditionCanResolveHost::OnNetworkStateChanged";
 
 // Takes the spin flag for the life of the object: sets it to 1, sleeping a
 // millisecond between attempts while another thread has it.
@@ -45,6 +50,7 @@ ConditionCanResolveHost::ConditionCanResolveHost(PassTimerFactory timers, Resolv
 ConditionCanResolveHost::~ConditionCanResolveHost() { ConditionCanResolveHost::Uninit(); }
 
 int32_t ConditionCanResolveHost::Init(const InitData& data) {
+    logging::CallTrace trace(kInit);
     if (!qv::JsonComposedSerializer::Load(DataOf(data.json), L"address", hostName_))
         return qv::status::kInvalidParameter;
     INetworkProvider* provider = Dependency<INetworkProvider>();
@@ -52,12 +58,16 @@ int32_t ConditionCanResolveHost::Init(const InitData& data) {
         logging::Log(logging::kError, kInit, L"cannot found network provider");
         return qv::status::kDependencyNotFound;
     }
-    if (const int32_t status = provider->Start(); status != 0) return status;
+    if (const int32_t status = provider->Start(); status != 0) {
+        logging::Log(logging::kError, kInit, L"failed to acquire network provider [%d]", status);
+        return status;
+    }
     started_ = true;
     if (const int32_t status = provider->Subscribe(this); status != 0) return status;
     subscribed_ = true;
     if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
-    StoreResult(Resolve());
+    const uint64_t ticket = result_.TakeTicket();
+    static_cast<void>(StoreResult(ticket, Resolve()));
     StopTimer();
     timer_ = timers_(periodSeconds_ * 1000);
     try {
@@ -78,6 +88,7 @@ void ConditionCanResolveHost::StopTimer() {
 }
 
 void ConditionCanResolveHost::Uninit() {
+    logging::CallTrace trace(kUninit);
     StopTimer();
     INetworkProvider* provider = Dependency<INetworkProvider>();
     if (!provider) return;
@@ -88,20 +99,29 @@ void ConditionCanResolveHost::Uninit() {
 }
 
 int32_t ConditionCanResolveHost::GetState(bool* state, bool recompute) {
+    logging::CallTrace trace(kGetState);
     if (!state) return qv::status::kInvalidParameter;
-    if (recompute) StoreResult(Resolve());
+    if (recompute) {
+        const uint64_t ticket = result_.TakeTicket();
+        static_cast<void>(StoreResult(ticket, Resolve()));  // the engine's request notifies nobody
+    }
     *state = ReadResult();
     return 0;
 }
 
-int32_t ConditionCanResolveHost::OnNetworkStateChanged() { return Pass(); }
+int32_t ConditionCanResolveHost::OnNetworkStateChanged() {
+    logging::CallTrace trace(kOnNetworkStateChanged);
+    return Pass();
+}
 
 int32_t ConditionCanResolveHost::Pass() {
     std::lock_guard lock(passLock_);
-    const bool last = ReadResult();
+    // The ticket is taken before the question is sent: a resolution that
+    // started later and stored first keeps its answer.
+    const uint64_t ticket = result_.TakeTicket();
     const bool now = Resolve();
-    StoreResult(now);
-    if (now == last) return 0;
+    const LatestValue::Offered offered = StoreResult(ticket, now);
+    if (!offered.changed) return 0;
     logging::Log(logging::kDetail, kPass, L"[%s] resolves: %s", hostName_.c_str(), now ? L"TRUE" : L"FALSE");
     return NotifyChanged(now);
 }
@@ -110,12 +130,12 @@ bool ConditionCanResolveHost::Resolve() const { return resolver_(hostName_); }
 
 bool ConditionCanResolveHost::ReadResult() {
     SpinGuard guard(spin_);
-    return result_ != 0;
+    return result_.value();
 }
 
-void ConditionCanResolveHost::StoreResult(bool value) {
+LatestValue::Offered ConditionCanResolveHost::StoreResult(uint64_t ticket, bool value) {
     SpinGuard guard(spin_);
-    result_ = value ? 1 : 0;
+    return result_.Offer(ticket, value);
 }
 
 }  // namespace Product::Integration::ConditionManager

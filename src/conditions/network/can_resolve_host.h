@@ -12,7 +12,10 @@
 // Thread rules: three threads meet here: the engine (value requests), the
 // provider's listener thread (changes) and the condition's timer thread.
 // Passes (timer, provider change) run one at a time; the last result, which
-// value requests read too, is guarded by a spin flag. Resolution blocks
+// value requests read too, is guarded by a spin flag. A resolution stores
+// its answer only if no resolution that started after it stored first
+// (LatestValue): a value request whose query was slow cannot overwrite the
+// answer of a pass that began later and has been notified. Resolution blocks
 // the calling thread for as long as DNS takes, the provider's listener thread
 // included. Uninit stops and joins the timer thread first, then unsubscribes
 // from the provider (which waits for a notification in progress) and
@@ -27,6 +30,7 @@
 
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
+#include "conditions/network/latest_value.h"
 #include "conditions/network/pass_timer.h"
 #include "network/network_provider_interface.h"
 
@@ -49,7 +53,7 @@ public:
 
     // Reads "address" (kInvalidParameter), needs a provider
     // (kDependencyNotFound, "cannot found network provider") and its Start
-    // (its status); then resolves once for the first value and starts the
+    // (the provider's status, "failed to acquire network provider"); then resolves once for the first value and starts the
     // timer thread (kFunctionFailed when it cannot start).
     [[nodiscard]] int32_t Init(const InitData& data) override;
     // Stops and joins the timer thread, then unsubscribes from the provider
@@ -59,11 +63,12 @@ public:
     [[nodiscard]] int32_t OnNetworkStateChanged() override;
 
 private:
-    // Resolves again and notifies when the result differs from the last one.
+    // Resolves again and notifies when the stored result changed.
     int32_t Pass();
     bool Resolve() const;
     bool ReadResult();
-    void StoreResult(bool value);
+    // Under the spin flag: offers the answer of the resolution holding `ticket`.
+    LatestValue::Offered StoreResult(uint64_t ticket, bool value);
     void StopTimer();
 
     PassTimerFactory timers_;
@@ -74,7 +79,7 @@ private:
     std::thread thread_;
     std::mutex passLock_;           // one pass at a time, so each flip is notified once
     std::atomic<int32_t> spin_{0};  // 1 while a thread reads or writes result_
-    uint8_t result_ = 0;
+    LatestValue result_;
     bool started_ = false;
     bool subscribed_ = false;
 };

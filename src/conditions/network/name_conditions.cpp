@@ -3,11 +3,13 @@
 #include <algorithm>
 
 #include "model/json_composed_serializer.h"
+#include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
 
 namespace Product::Integration::ConditionManager {
 namespace {
+constexpr const wchar_t* kSuffixInit = L"Product::Integration::ConditionManager::ConditionDNSSuffix::Init";
 constexpr const wchar_t* kHostnameInit = L"Product::Integration::ConditionManager::ConditionHostname::Init";
 constexpr const wchar_t* kConnectionTypeInit = L"Product::Integration::ConditionManager::ConditionConnectionType::Init";
 
@@ -21,6 +23,7 @@ bool EqualIgnoringCase(const std::wstring& a, const std::wstring& b) {
 }  // namespace
 
 int32_t ConditionDNSSuffix::Init(const InitData& data) {
+    logging::CallTrace trace(kSuffixInit);
     if (const int32_t status = ConditionNetworkBase::Init(data); status != 0) return status;
     if (!qv::JsonComposedSerializer::Load(DataOf(data.json), L"suffix", suffix_)) return qv::status::kInvalidParameter;
     return Attach();
@@ -32,6 +35,7 @@ bool ConditionDNSSuffix::Compute(const NetworkState& state) const {
 }
 
 int32_t ConditionHostname::Init(const InitData& data) {
+    logging::CallTrace trace(kHostnameInit);
     if (const int32_t status = ConditionNetworkBase::Init(data); status != 0) {
         logging::Log(logging::kError, kHostnameInit, L"__super::Init() failed. Error: %d", status);
         return status;
@@ -53,6 +57,7 @@ bool ConditionHostname::Compute(const NetworkState& state) const {
 }
 
 int32_t ConditionConnectionType::Init(const InitData& data) {
+    logging::CallTrace trace(kConnectionTypeInit);
     if (const int32_t status = ConditionNetworkBase::Init(data); status != 0) return status;
     const Json::Value& parameters = DataOf(data.json);
     std::wstring type;
@@ -65,7 +70,8 @@ int32_t ConditionConnectionType::Init(const InitData& data) {
         if (parameters.isObject() && parameters.isMember("ssid")) {
             std::wstring ssid;
             if (!qv::JsonComposedSerializer::Load(parameters, L"ssid", ssid)) return qv::status::kInvalidParameter;
-            ssid_ = std::move(ssid);
+            // No network has an empty name: an empty "ssid" asks for the kind.
+            if (!ssid.empty()) ssid_ = std::move(ssid);
         }
     } else if (type == L"ethernet") {
         kind_ = ConnectionKind::kEthernet;

@@ -6,7 +6,8 @@
 //   ("*" any run, "?" one character; see HostnamePattern).
 // - "network.ConnectionType": "data"."type" "wifi" or "ethernet" (exactly);
 //   with "wifi" an optional "data"."ssid" instead asks for that wireless
-//   network (case-sensitive) whatever the adapters' kinds.
+//   network (case-sensitive) whatever the adapters' kinds; an empty "ssid"
+//   counts as none.
 //
 // Thread rules: those of ConditionNetworkBase; parameters are fixed once Init
 // returned.

@@ -13,7 +13,10 @@
 // Thread rules: change notifications arrive on the provider's listener thread
 // while the engine may ask for the value on its own; the cached value is
 // guarded by the condition's lock, and Compute must only read the
-// parameters, which are fixed once Init returned. Subscribers are notified on
+// parameters, which are fixed once Init returned. A computation stores its
+// value only if no computation that read the state after it stored first
+// (LatestValue), so a recomputation that read the state before a change
+// cannot overwrite the value of the notification pass that followed it. Subscribers are notified on
 // the listener thread without the lock held. Uninit (the owner's thread)
 // unsubscribes first, which waits for a notification in progress, then
 // releases the provider start.
@@ -22,6 +25,7 @@
 
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
+#include "conditions/network/latest_value.h"
 #include "network/network_provider_interface.h"
 
 namespace Product::Integration::ConditionManager {
@@ -41,7 +45,7 @@ public:
     // notified); otherwise the cached value. kInvalidParameter for null.
     [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
     // Recomputes and notifies the subscribers when the value flipped; returns
-    // their status (0 when nothing flipped).
+    // their status (0 when nothing flipped or a newer value was stored first).
     [[nodiscard]] int32_t OnNetworkStateChanged() override;
 
 protected:
@@ -55,8 +59,8 @@ private:
     enum class Notify : bool { kNo, kYes };
     [[nodiscard]] int32_t Recompute(Notify notify);
 
-    std::mutex lock_;  // guards cached_
-    bool cached_ = false;
+    std::mutex lock_;  // guards the stored part of cached_
+    LatestValue cached_;
     bool started_ = false;     // the provider was started by Init
     bool subscribed_ = false;  // Attach subscribed
 };
