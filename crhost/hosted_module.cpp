@@ -106,6 +106,8 @@ EnterpriseIntegration::IAgent* HostedModule::agent() {
 }
 
 int32_t HostedModule::Command(const std::wstring& method, const Json::Value* request, Json::Value& response) {
+    // The agent would read the name only up to a NUL: no command holds one.
+    if (method.find(L'\0') != std::wstring::npos) return qv::status::kNotSupported;
     EnterpriseIntegration::IAgent* found = agent();
     if (!found) return qv::status::kNotFound;
     host::MethodCall call(qv::names::AgentName(), method.c_str(),
