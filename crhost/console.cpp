@@ -7,8 +7,8 @@
 
 #include <json/reader.h>
 
+#include "action_members.h"
 #include "explain.h"
-#include "host/method_call.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
 #include "qv/service_control.h"
@@ -62,27 +62,7 @@ bool ParseLine(const std::string& text, Json::Value& value, std::string& reason)
     return false;
 }
 
-// A millisecond count in [0, limit] held in `in[key]`.
-std::optional<uint32_t> Milliseconds(const Json::Value& in, const char* key, uint32_t limit) {
-    const Json::Value& value = in[key];
-    if (!value.isIntegral() || !value.isUInt64() || value.asUInt64() > limit) return std::nullopt;
-    return static_cast<uint32_t>(value.asUInt64());
-}
-
-// The wide form of a non-empty string member.
-std::optional<std::wstring> Name(const Json::Value& in, const char* key) {
-    const Json::Value& value = in[key];
-    if (!value.isString() || value.asString().empty()) return std::nullopt;
-    return os::Utf8ToWide(value.asString());
-}
-
-// The wide form of a string member that may be empty; null when absent or
-// not text.
-std::optional<std::wstring> Text(const Json::Value& in, const char* key) {
-    const Json::Value& value = in[key];
-    if (!value.isString()) return std::nullopt;
-    return os::Utf8ToWide(value.asString());
-}
+bool HoldsNul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 }  // namespace
 
@@ -122,10 +102,20 @@ Console::Next Console::Handle(const LineReader::Line& line) {
     if (in.isMember("id")) out["id"] = in["id"];
     out[kind] = in[kind];
     Next next = Next::kGoOn;
-    if (isMethod)
-        RunMethod(in, out);
-    else
-        next = RunHostAction(in, out);
+    try {
+        if (isMethod)
+            RunMethod(in, out);
+        else
+            next = RunHostAction(in, out);
+    } catch (const std::exception& failure) {
+        // One line may fail; the host goes on with the next.
+        Json::Value failed(Json::objectValue);
+        if (in.isMember("id")) failed["id"] = in["id"];
+        failed[kind] = in[kind];
+        failed["status"] = Fail(failed, qv::status::kFunctionFailed,
+                                std::string("the host failed handling this line: ") + failure.what());
+        out = std::move(failed);
+    }
     output_.Write(out);
     return next;
 }
@@ -137,16 +127,6 @@ void Console::Reject(uint64_t line, const std::string& reason) {
     output_.Write(out);
 }
 
-int32_t Console::CallAgent(const std::wstring& method, const Json::Value* request, Json::Value& response) {
-    EnterpriseIntegration::IAgent* agent = hosted_.agent();
-    if (!agent) return qv::status::kNotFound;
-    host::MethodCall call(qv::names::AgentName(), method.c_str(),
-                          request ? std::optional<Json::Value>(*request) : std::nullopt);
-    agent->RunPolicyMethod(&call);
-    if (call.response()) response = *call.response();
-    return call.GetResult();
-}
-
 void Console::RunMethod(const Json::Value& in, Json::Value& out) {
     const Json::Value* request = nullptr;
     if (in.isMember("request")) {
@@ -156,17 +136,25 @@ void Console::RunMethod(const Json::Value& in, Json::Value& out) {
             return;
         }
     }
+    // The agent reads the name as a C string, which would end at a NUL: such
+    // a name is no command the agent knows, whatever precedes the NUL.
+    const std::string& method = in["method"].asString();
+    if (HoldsNul(method)) {
+        out["status"] = Fail(out, qv::status::kNotSupported, "no command name holds NUL");
+        return;
+    }
     Json::Value response(Json::objectValue);
-    const int32_t status = CallAgent(os::Utf8ToWideLossy(in["method"].asString()), request, response);
+    const int32_t status = hosted_.Command(os::Utf8ToWideLossy(method), request, response);
     out["status"] = status;
     if (status == qv::status::kNotFound && !hosted_.agent()) out["error"] = "the agent is not registered";
     out["response"] = response;
 }
 
 Console::Next Console::RunHostAction(const Json::Value& in, Json::Value& out) {
-    const std::string name = in["host"].asString();
+    const std::string& name = in["host"].asString();
     for (const HostAction& entry : kHostActions) {
-        if (name != entry.name) continue;
+        // The whole name, NUL included, must match.
+        if (HoldsNul(name) || name != entry.name) continue;
         out["status"] = (this->*entry.action)(in, out);
         return quit_ ? Next::kQuit : Next::kGoOn;
     }
@@ -175,20 +163,19 @@ Console::Next Console::RunHostAction(const Json::Value& in, Json::Value& out) {
 }
 
 int32_t Console::UserLogOn(const Json::Value& in, Json::Value& out) {
-    const Json::Value& user = in["user"];
-    const auto sid = Name(user, "sid");
-    const auto name = Text(user, "name"), domain = Text(user, "domain");
-    const Json::Value& groups = user["groups"];
-    if (!user.isObject() || !sid || !name || !domain || !(groups.isArray() || groups.isNull()))
-        return Fail(out, qv::status::kInvalidParameter,
-                    "\"user\" must hold \"sid\", \"name\", \"domain\" and a list of group SIDs \"groups\"");
-    host::UserManager::UserInfo info{*sid, *name, *domain, {}};
-    for (const Json::Value& group : groups) {
-        const std::optional<std::wstring> groupSid = group.isString() ? os::Utf8ToWide(group.asString()) : std::nullopt;
-        if (!groupSid || groupSid->empty())
-            return Fail(out, qv::status::kInvalidParameter, "\"groups\" must hold SIDs");
-        info.memberOf.push_back({*groupSid, std::wstring()});
+    ActionMembers members(in);
+    std::optional<ActionMembers> user = members.Object("user");
+    std::optional<std::wstring> sid, name, domain;
+    std::optional<std::vector<std::wstring>> groups;
+    if (user) {
+        sid = user->Name("sid");
+        name = user->Text("name");
+        domain = user->Text("domain");
+        if (const Json::Value* list = user->Array("groups", Presence::kOptional)) groups = user->Names("groups", *list);
     }
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
+    host::UserManager::UserInfo info{*sid, *name, *domain, {}};
+    for (std::wstring& group : *groups) info.memberOf.push_back({std::move(group), std::wstring()});
     const int32_t status = hosted_.host().users().LogOn(info);
     if (status == qv::status::kAlreadyExists) return Fail(out, status, "a user with that SID is logged on");
     if (status != 0) return Fail(out, status, "the user manager refused the user");
@@ -196,9 +183,10 @@ int32_t Console::UserLogOn(const Json::Value& in, Json::Value& out) {
 }
 
 int32_t Console::UserLogOff(const Json::Value& in, Json::Value& out) {
-    const Json::Value& user = in["user"];
-    const auto sid = Name(user, "sid");
-    if (!user.isObject() || !sid) return Fail(out, qv::status::kInvalidParameter, "\"user\" must hold \"sid\"");
+    ActionMembers members(in);
+    std::optional<ActionMembers> user = members.Object("user");
+    const std::optional<std::wstring> sid = user ? user->Name("sid") : std::nullopt;
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
     const int32_t status = hosted_.host().users().LogOff(*sid);
     if (status == qv::status::kNotFound) return Fail(out, status, "no user with that SID is logged on");
     if (status != 0) return Fail(out, status, "the user manager refused the log-off");
@@ -206,31 +194,34 @@ int32_t Console::UserLogOff(const Json::Value& in, Json::Value& out) {
 }
 
 int32_t Console::ComputerGroups(const Json::Value& in, Json::Value& out) {
-    const Json::Value& groups = in["groups"];
-    if (!groups.isArray()) return Fail(out, qv::status::kInvalidParameter, "\"groups\" must be a list");
+    ActionMembers members(in);
     std::vector<host::ComputerManager::ComputerGroup> read;
-    for (const Json::Value& group : groups) {
-        const auto dn = group.isObject() ? Text(group, "dn") : std::nullopt;
-        const auto sid = group.isObject() ? Text(group, "sid") : std::nullopt;
-        if (!dn || !sid) return Fail(out, qv::status::kInvalidParameter, "each group must hold \"dn\" and \"sid\"");
-        read.push_back({*dn, *sid});
+    if (const Json::Value* groups = members.Array("groups", Presence::kRequired)) {
+        for (Json::ArrayIndex i = 0; i < groups->size() && members.ok(); ++i) {
+            std::optional<ActionMembers> group = members.Element("groups", *groups, i);
+            const std::optional<std::wstring> dn = group ? group->Text("dn") : std::nullopt;
+            const std::optional<std::wstring> sid = group ? group->Text("sid") : std::nullopt;
+            if (dn && sid) read.push_back({*dn, *sid});
+        }
     }
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
     out["sinks"] = Json::UInt64(hosted_.host().computer().SetGroups(std::move(read)));
     return 0;
 }
 
 int32_t Console::ComputerOu(const Json::Value& in, Json::Value& out) {
-    const auto ou = Text(in, "ou");
-    if (!ou) return Fail(out, qv::status::kInvalidParameter, "\"ou\" must be a DN");
+    ActionMembers members(in);
+    const std::optional<std::wstring> ou = members.Text("ou");
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
     out["sinks"] = Json::UInt64(hosted_.host().computer().SetOrganisationalUnit(*ou));
     return 0;
 }
 
 int32_t Console::AgentConnected(const Json::Value& in, Json::Value& out) {
-    const Json::Value& value = in["value"];
-    if (!in.isMember("value") || !(value.isBool() || value.isNull()))
-        return Fail(out, qv::status::kInvalidParameter, "\"value\" must be true, false or null");
-    hosted_.agentClient().SetConnectionState(value.isNull() ? std::nullopt : std::optional<bool>(value.asBool()));
+    ActionMembers members(in);
+    const std::optional<std::optional<bool>> value = members.BoolOrNull("value");
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
+    hosted_.agentClient().SetConnectionState(*value);
     return 0;
 }
 
@@ -241,22 +232,19 @@ int32_t Console::ServiceConnected(const Json::Value&, Json::Value& out) {
 }
 
 int32_t Console::PolicyResult(const Json::Value& in, Json::Value& out) {
-    const std::optional<std::wstring> plugin = Name(in, "plugin"), method = Name(in, "method");
-    if (!plugin || !method) return Fail(out, qv::status::kInvalidParameter, "\"plugin\" and \"method\" must be names");
-    const Json::Value& result = in["result"];
-    if (!result.isIntegral() || !result.isInt())
-        return Fail(out, qv::status::kInvalidParameter, "\"result\" must be a 32-bit integer");
-    std::optional<uint32_t> delay = 0;
-    if (in.isMember("delayMs")) delay = Milliseconds(in, "delayMs", kMaxWaitMs);
-    if (!delay) return Fail(out, qv::status::kInvalidParameter, "\"delayMs\" must be 0 to 86400000");
-    hosted_.host().policyRunner().SetResult(*plugin, *method, result.asInt(), std::chrono::milliseconds(*delay));
+    ActionMembers members(in);
+    const std::optional<std::wstring> plugin = members.Name("plugin"), method = members.Name("method");
+    const std::optional<int32_t> result = members.Int32("result");
+    const std::optional<uint32_t> delay = members.Milliseconds("delayMs", kMaxWaitMs, Presence::kOptional);
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
+    hosted_.host().policyRunner().SetResult(*plugin, *method, *result, std::chrono::milliseconds(*delay));
     return 0;
 }
 
 int32_t Console::CurrentRules(Json::Value& rules, Json::Value& out) {
     Json::Value response;
     const Json::Value request(Json::objectValue);
-    const int32_t status = CallAgent(L"GetRules", &request, response);
+    const int32_t status = hosted_.Command(L"GetRules", &request, response);
     if (status != 0) return Fail(out, status, "the module did not give its rules");
     rules = response["rules"];
     if (!rules.isArray()) rules = Json::Value(Json::arrayValue);
@@ -270,6 +258,7 @@ int32_t Console::Explain(const Json::Value& in, Json::Value& out) {
     if (in.isMember("condition")) {
         condition = in["condition"];
     } else {
+        // Compared with the rules' ids as JSON, never as a C string.
         if (!in["ruleId"].isString()) return Fail(out, qv::status::kInvalidParameter, "\"ruleId\" must be a string");
         Json::Value rules;
         if (const int32_t status = CurrentRules(rules, out); status != 0) return status;
@@ -305,8 +294,9 @@ int32_t Console::Rules(const Json::Value&, Json::Value& out) {
 }
 
 int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
-    const std::optional<uint32_t> ms = Milliseconds(in, "ms", kMaxWaitMs);
-    if (!ms) return Fail(out, qv::status::kInvalidParameter, "\"ms\" must be 0 to 86400000");
+    ActionMembers members(in);
+    const std::optional<uint32_t> ms = members.Milliseconds("ms", kMaxWaitMs, Presence::kRequired);
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
     // A stop request cuts the sleep short; the main loop then stops.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*ms);
     for (auto now = std::chrono::steady_clock::now(); now < deadline; now = std::chrono::steady_clock::now()) {

@@ -5,10 +5,16 @@
 //   {"id": any, "method": "<command>", "request": {...}}
 //       one console command through the module's agent, as the agent host
 //       routes it; "request" may be absent (the call then has none). Answer:
-//       {"id", "method", "status", "response": {...}}.
+//       {"id", "method", "status", "response": {...}}. A command name holding
+//       NUL is answered 50 (no command has one) without reaching the agent.
 //   {"id": any, "host": "<action>", ...}
 //       one of the host's own services (the table in console.cpp). Answer:
 //       {"id", "host", "status", ...}, with "error" for a non-zero status.
+//       A member of the wrong type (or text holding NUL) is answered 87
+//       with an "error" naming it.
+//
+// Whatever is thrown while one line is handled is answered 1627 with its
+// reason; the host goes on with the next line.
 //
 // A line that is not a JSON object in UTF-8, is longer than the reader
 // keeps, nests deeper than kMaxNesting, or has neither "method" nor "host"
@@ -57,9 +63,6 @@ private:
     void RunMethod(const Json::Value& in, Json::Value& out);
     Next RunHostAction(const Json::Value& in, Json::Value& out);
 
-    // A console command through the agent: its status, with its response in
-    // `response`; kNotFound when the agent is not registered.
-    int32_t CallAgent(const std::wstring& method, const Json::Value* request, Json::Value& response);
     // The module's current rules in order (the console's "GetRules").
     int32_t CurrentRules(Json::Value& rules, Json::Value& out);
 

@@ -1,5 +1,8 @@
 #include "hosted_module.h"
 
+#include <optional>
+
+#include "host/method_call.h"
 #include "model/conditional_runner.h"
 #include "network/network_provider_interface.h"
 #include "plugin/module_names.h"
@@ -113,6 +116,29 @@ EnterpriseIntegration::IAgent* HostedModule::agent() {
     return host_.agents().FindAgent(qv::names::AgentName().c_str());
 }
 
+int32_t HostedModule::Command(const std::wstring& method, const Json::Value* request, Json::Value& response) {
+    // The agent would read the name only up to a NUL: no command holds one.
+    if (method.find(L'\0') != std::wstring::npos) return qv::status::kNotSupported;
+    EnterpriseIntegration::IAgent* found = agent();
+    if (!found) return qv::status::kNotFound;
+    host::MethodCall call(qv::names::AgentName(), method.c_str(),
+                          request ? std::optional<Json::Value>(*request) : std::nullopt);
+    found->RunPolicyMethod(&call);
+    if (call.response()) response = *call.response();
+    return call.GetResult();
+}
+
+std::vector<HostedModule::Object*> HostedModule::StopOrder() {
+    std::vector<Object*> order;
+    for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
+        if (it->name == qv::names::kModule)
+            order.insert(order.begin(), &*it);
+        else
+            order.push_back(&*it);
+    }
+    return order;
+}
+
 std::wstring HostedModule::Stop() {
     std::wstring problems;
     auto note = [&](const std::wstring& step, int32_t status) {
@@ -121,10 +147,13 @@ std::wstring HostedModule::Stop() {
         problems += step + L" failed" + StatusText(status);
     };
     conditionManager_ = nullptr;
-    for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
-        if (it->started) note(L"stopping " + it->name, it->plugin->Stop());
-        if (it->initialised) note(L"uninitialising " + it->name, it->plugin->Uninit());
-        it->started = it->initialised = false;
+    for (Object* object : StopOrder()) {
+        if (object->started) note(L"stopping " + object->name, object->plugin->Stop());
+        object->started = false;
+    }
+    for (Object* object : StopOrder()) {
+        if (object->initialised) note(L"uninitialising " + object->name, object->plugin->Uninit());
+        object->initialised = false;
     }
     for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
         host_.components().Unregister(it->name);

@@ -2,8 +2,11 @@
 // The module as an agent host runs it: the library loaded by path and reached
 // only through its two exports, its objects created by name, registered with
 // the reference host's component manager, initialised and started in order
-// (condition manager, runner, agent), then stopped, uninitialised and given
-// back in the reverse order.
+// (network provider, condition manager, runner, agent). At the end all are
+// stopped, then all uninitialised, the runner first and the others in the
+// reverse order: the runner's Stop waits for a method-set run in progress,
+// whose event goes out through the agent, which must still be started. Then
+// each is given back in the reverse order.
 //
 // Around it, the reference host's services on the system clock: settings
 // store, event queues, agent manager, policy runner, plug-in groups with the
@@ -56,6 +59,12 @@ public:
     // The agent as the console reaches it: looked up in the host's agent
     // manager by its name, as the agent registered itself. Null when it did not.
     EnterpriseIntegration::IAgent* agent();
+    // One console command through the agent, as the host routes it: its
+    // status, with the agent's response in `response`. `request` may be null
+    // (the call then has none). A `method` holding NUL is answered
+    // kNotSupported without reaching the agent, which reads the name as a C
+    // string. kNotFound when the agent is not registered.
+    int32_t Command(const std::wstring& method, const Json::Value* request, Json::Value& response);
     // The module's condition manager; null before Start.
     Product::Integration::ConditionManager::IManager* conditionManager() { return conditionManager_; }
     // True when the network provider is the host's stand-in.
@@ -78,6 +87,8 @@ private:
     bool Create(const std::wstring& name, const GUID& iid, std::wstring& error);
     // Init then Start of the object of that name, when it is a plug-in.
     bool InitAndStart(Object& object, std::wstring& error);
+    // The objects in the order they are stopped (and uninitialised).
+    std::vector<Object*> StopOrder();
 
     host::ReferenceHost host_;
     host::AgentClientNotifications agentClient_;

@@ -37,6 +37,22 @@ struct LineReader::Shared {
         if (available) available->Set();
     }
 
+    // While a line is read, it may hold one byte more than the longest line
+    // kept: a CR that the line's end then drops.
+    static constexpr size_t kMaxHeldBytes = kMaxLineBytes + 1;
+
+    static void MarkTooLong(Line& line) {
+        line.tooLong = true;
+        line.text = std::string();
+    }
+
+    // Ends `line`: drops a CR before its end, then checks its length.
+    static void Complete(Line& line) {
+        if (line.tooLong) return;
+        if (!line.text.empty() && line.text.back() == '\r') line.text.pop_back();
+        if (line.text.size() > kMaxLineBytes) MarkTooLong(line);
+    }
+
     void Read() {
         std::vector<char> buffer(64 * 1024);
         Line current;
@@ -50,16 +66,14 @@ struct LineReader::Shared {
                 const char* newline = static_cast<const char*>(std::memchr(at, '\n', static_cast<size_t>(end - at)));
                 const char* stop = newline ? newline : end;
                 if (!current.tooLong) {
-                    if (current.text.size() + static_cast<size_t>(stop - at) > kMaxLineBytes) {
-                        current.tooLong = true;
-                        current.text = std::string();
-                    } else {
+                    if (current.text.size() + static_cast<size_t>(stop - at) > kMaxHeldBytes)
+                        MarkTooLong(current);
+                    else
                         current.text.append(at, stop);
-                    }
                 }
                 if (!newline) break;
                 at = newline + 1;
-                if (!current.text.empty() && current.text.back() == '\r') current.text.pop_back();
+                Complete(current);
                 const uint64_t next = current.number + 1;
                 if (!Push(std::move(current))) return;
                 current = Line{};
@@ -67,7 +81,7 @@ struct LineReader::Shared {
             }
         }
         if (!current.text.empty() || current.tooLong) {
-            if (!current.text.empty() && current.text.back() == '\r') current.text.pop_back();
+            Complete(current);
             if (!Push(std::move(current))) return;
         }
         End();

@@ -4,12 +4,14 @@
 #include <memory>
 #include <string>
 
+#include "companion_libraries.h"
 #include "console.h"
 #include "hosted_module.h"
 #include "line_reader.h"
 #include "options.h"
 #include "os/environment.h"
 #include "os/event.h"
+#include "os/file_system.h"
 #include "os/module.h"
 #include "os/path.h"
 #include "os/standard_streams.h"
@@ -68,10 +70,24 @@ Json::Value PolicyRunLine(const host::PolicyRunner::Run& run) {
     return line;
 }
 
+// What the module resumed from `stateFile`, as the module itself reports it.
+std::wstring ResumedState(crhost::HostedModule& hosted, const std::wstring& stateFile) {
+    const Json::Value request(Json::objectValue);
+    Json::Value rules, ids;
+    const int32_t rulesStatus = hosted.Command(L"GetRules", &request, rules);
+    const int32_t idsStatus = hosted.Command(L"GetMethodSetIds", &request, ids);
+    if (rulesStatus != 0 || idsStatus != 0)
+        return L"resumed from " + stateFile + L", but the module does not tell what (status " +
+               std::to_wstring(rulesStatus != 0 ? rulesStatus : idsStatus) + L")";
+    return L"resumed " + std::to_wstring(rules["rules"].size()) + L" rules and " + std::to_wstring(ids["ids"].size()) +
+           L" method sets from " + stateFile;
+}
+
 int Run(const crhost::Options& options) {
     if (!options.log.empty()) os::SetEnv(L"CR_LOG_FILE", options.log);
 
     std::wstring error;
+    const bool resuming = os::PathExists(options.state);
     std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(options.state, error);
     if (!store) {
         Complain(error);
@@ -96,6 +112,8 @@ int Run(const crhost::Options& options) {
     }
     if (hosted.usesNetworkStandIn())
         Complain(L"the module has no network provider yet: network conditions see no network");
+    for (const std::wstring& missing : crhost::MissingCompanionLibraries(modulePath)) Complain(missing);
+    if (resuming) Complain(ResumedState(hosted, options.state));
 
     os::AutoResetEvent lineAvailable;
     {

@@ -1,7 +1,8 @@
 #pragma once
 // The process's standard input, output and error as bytes, without the C
 // runtime's buffering or text-mode translation, and the program's arguments
-// as wide text.
+// as wide text. A stream that is a Windows console is read and written as
+// UTF-16 (os/console.h), so that the bytes are UTF-8 there too.
 #include <cstddef>
 #include <string>
 #include <string_view>

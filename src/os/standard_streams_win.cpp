@@ -4,10 +4,14 @@
 // After windows.h, which it needs.
 #include <shellapi.h>
 
+#include "os/console.h"
+
 namespace os {
 
 namespace {
 bool WriteAll(DWORD which, std::string_view bytes) noexcept {
+    const StandardStream console = which == STD_ERROR_HANDLE ? StandardStream::kError : StandardStream::kOutput;
+    if (IsConsole(console)) return WriteConsoleUtf8(console, bytes);
     HANDLE stream = ::GetStdHandle(which);
     if (!stream || stream == INVALID_HANDLE_VALUE) return false;
     while (!bytes.empty()) {
@@ -21,6 +25,7 @@ bool WriteAll(DWORD which, std::string_view bytes) noexcept {
 }  // namespace
 
 size_t ReadStandardInput(char* buffer, size_t size) noexcept {
+    if (IsConsole(StandardStream::kInput)) return ReadConsoleUtf8(buffer, size);
     HANDLE input = ::GetStdHandle(STD_INPUT_HANDLE);
     if (!input || input == INVALID_HANDLE_VALUE) return 0;
     DWORD read = 0;

@@ -4,10 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "host_process.h"
 #include "os/file_io.h"
+#include "os/module.h"
+#include "os/path.h"
 #include "os/utf8.h"
 #include "support/log_capture.h"
 
@@ -261,6 +266,127 @@ TEST_F(CrHostConsole, HostileLinesAreAnsweredAndTheHostGoesOn) {
     EXPECT_TRUE(host.BadLines().empty());
 }
 
+// Every member a host action reads is checked: one of the wrong type, or
+// text holding NUL, is refused with 87 naming the member, nothing happens,
+// and the host goes on.
+TEST_F(CrHostConsole, EveryMemberAHostActionReadsIsCheckedAndNamed) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const std::string user = R"("sid":"S-1-5-21-1-2-3-2000","name":"ann","domain":"corp.local")";
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {R"({"host":"users.logon","user":"x"})", "user"},
+        {R"({"host":"users.logon","user":[]})", "user"},
+        {R"({"host":"users.logon"})", "user"},
+        {R"({"host":"users.logon","user":{"sid":5,"name":"ann","domain":"corp.local"}})", "user.sid"},
+        {R"({"host":"users.logon","user":{"sid":"S-1-5-21-1-2-3-2000\u0000x","name":"a","domain":"d"}})", "user.sid"},
+        {R"({"host":"users.logon","user":{"sid":"S-1-5-21-1-2-3-2000","name":[],"domain":"d"}})", "user.name"},
+        {R"({"host":"users.logon","user":{)" + user + R"(,"groups":"S-1-5-21-1-2-3-513"}})", "user.groups"},
+        {R"({"host":"users.logon","user":{)" + user + R"(,"groups":["S-1-5-21-1-2-3-513",{}]}})", "user.groups[1]"},
+        {R"({"host":"users.logon","user":{)" + user + R"(,"groups":["S-1-5-21-1-2-3-513\u0000"]}})",
+         "user.groups[0]"},
+        {R"({"host":"users.logoff","user":"x"})", "user"},
+        {R"({"host":"users.logoff","user":[]})", "user"},
+        {R"({"host":"users.logoff","user":{"sid":null}})", "user.sid"},
+        {R"({"host":"computer.groups","groups":{"dn":"CN=a","sid":"S-1-5-21-1-2-3-515"}})", "groups"},
+        {R"({"host":"computer.groups","groups":["x"]})", "groups[0]"},
+        {R"({"host":"computer.groups","groups":[{"dn":"CN=a","sid":5}]})", "groups[0].sid"},
+        {R"({"host":"computer.ou","ou":["x"]})", "ou"},
+        {R"({"host":"computer.ou","ou":"CN=PC1\u0000,DC=corp"})", "ou"},
+        {R"({"host":"agent.connected","value":"yes"})", "value"},
+        {R"({"host":"policy.result","plugin":{},"method":"m","result":1})", "plugin"},
+        {R"({"host":"policy.result","plugin":"P\u0000x","method":"m","result":1})", "plugin"},
+        {R"({"host":"policy.result","plugin":"P","method":"m","result":"1"})", "result"},
+        {R"({"host":"policy.result","plugin":"P","method":"m","result":1,"delayMs":[]})", "delayMs"},
+        {R"({"host":"explain","ruleId":{}})", "ruleId"},
+        {R"({"host":"sleep","ms":{}})", "ms"},
+    };
+    for (const auto& [line, member] : refused) {
+        const Json::Value answer = host.Host(Parse(line));
+        EXPECT_EQ(answer["status"], 87) << line;
+        EXPECT_NE(answer["error"].asString().find('"' + member + '"'), std::string::npos)
+            << line << " answered " << answer.toStyledString();
+    }
+    // A condition that is no object reaches the module, which refuses it.
+    EXPECT_NE(host.Host(Parse(R"({"host":"explain","condition":"x"})"))["status"], 0);
+
+    // None of them logged a user on or changed the computer.
+    const Json::Value userInGroup =
+        Parse(R"({"host":"explain","condition":{"type":"ad.User","data":{"sid":"S-1-5-21-1-2-3-2000"}}})");
+    EXPECT_EQ(host.Host(userInGroup)["tree"]["state"], false);
+    EXPECT_EQ(host.Method("IsEnabled")["status"], 0);
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+    EXPECT_TRUE(host.BadLines().empty());
+}
+
+// Text from the console is never cut at a NUL on its way to a C string: a
+// command name holding one is unknown, and so is a host action's name.
+TEST_F(CrHostConsole, ANameHoldingNulIsRefusedNeverCut) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    ASSERT_EQ(host.Method("SetMethodSet", Parse(R"({"id":"M","displayName":"","methods":[]})"))["status"], 0);
+
+    ASSERT_TRUE(host.Send(R"({"id":"nul","method":"DeleteAllMethodSets\u0000x","request":{}})"));
+    auto answer = host.WaitFor([](const Json::Value& line) { return line["id"] == "nul"; });
+    ASSERT_TRUE(answer) << host.ErrorText();
+    EXPECT_EQ((*answer)["status"], 50);
+    EXPECT_EQ((*answer)["method"], std::string("DeleteAllMethodSets\0x", 21));
+    EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Parse(R"(["M"])"));
+
+    ASSERT_TRUE(host.Send(R"({"id":"quit","host":"quit\u0000x"})"));
+    answer = host.WaitFor([](const Json::Value& line) { return line["id"] == "quit"; });
+    ASSERT_TRUE(answer) << host.ErrorText();
+    EXPECT_EQ((*answer)["status"], 1168);
+    EXPECT_EQ(host.Method("IsEnabled")["status"], 0);
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
+// The longest line kept is 8 MiB whether it ends in LF or in CR LF; one byte
+// more is refused either way.
+TEST_F(CrHostConsole, TheLongestLineIsTheSameWhateverItsEnd) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const auto line = [](const std::string& id, size_t size) {
+        const std::string head = R"({"id":")" + id + R"(","method":"IsEnabled","request":{},"pad":")";
+        return head + std::string(size - head.size() - 2, 'x') + "\"}";
+    };
+    const size_t longest = 8 * 1024 * 1024;
+    ASSERT_EQ(line("lf", longest).size(), longest);
+    ASSERT_TRUE(host.Send(line("lf", longest)));
+    ASSERT_TRUE(host.Send(line("crlf", longest) + "\r"));
+    ASSERT_TRUE(host.Send(line("lf+1", longest + 1)));
+    ASSERT_TRUE(host.Send(line("crlf+1", longest + 1) + "\r"));
+    ASSERT_TRUE(host.Send(R"({"id":"end","method":"IsEnabled","request":{}})"));
+
+    ASSERT_TRUE(host.WaitFor([](const Json::Value& out) { return out["id"] == "end"; })) << host.ErrorText();
+    std::vector<std::string> answered;
+    std::vector<uint64_t> refused;
+    for (const Json::Value& out : host.Lines()) {
+        if (out.isMember("line")) refused.push_back(out["line"].asUInt64());
+        if (out.isMember("id") && out["status"] == 0) answered.push_back(out["id"].asString());
+    }
+    EXPECT_EQ(answered, (std::vector<std::string>{"lf", "crlf", "end"}));
+    EXPECT_EQ(refused, (std::vector<uint64_t>{3, 4}));
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
+// Non-ASCII text crosses the pipes as UTF-8, both ways, never escaped.
+TEST_F(CrHostConsole, NonAsciiTextCrossesThePipesAsUtf8) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const std::string name = "Pl\xC3\xBCgin \xD0\x96 \xF0\x9F\x98\x80";  // ü, Ж and an emoji
+    ASSERT_TRUE(host.Send(R"({"id":"set","method":"SetMethodSet","request":{"id":"M","displayName":"","methods":)"
+                          R"([{"plugin":")" +
+                          name + R"(","method":"m"}]}})"));
+    ASSERT_TRUE(host.Send(R"({"id":"get","method":"GetMethodSet","request":{"id":"M"}})"));
+    const auto answer = host.WaitFor([](const Json::Value& line) { return line["id"] == "get"; });
+    ASSERT_TRUE(answer) << host.ErrorText();
+    EXPECT_EQ((*answer)["response"]["methods"][0]["plugin"], name);
+    bool raw = false;
+    for (const std::string& line : host.RawLines()) raw = raw || line.find("\"plugin\":\"" + name + "\"") != std::string::npos;
+    EXPECT_TRUE(raw);
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
 TEST_F(CrHostConsole, StopsCleanlyOnEndOfInputAndOnARequestToStop) {
     {
         HostProcess host(Arguments());
@@ -274,6 +400,34 @@ TEST_F(CrHostConsole, StopsCleanlyOnEndOfInputAndOnARequestToStop) {
     // The request arrives while the host waits for input that never ends.
     if (!host.process().RequestStop()) GTEST_SKIP() << "no way to ask the host to stop here";
     EXPECT_EQ(host.process().Wait(10'000), 0) << host.ErrorText();
+}
+
+// cr-host copied alone with the module: the logging library and the
+// agent-component library it would load are missing, and standard error
+// names each; beside the build's own libraries nothing is said.
+TEST_F(CrHostConsole, ALibraryMissingBesideTheModuleIsNamed) {
+    const std::wstring build = testing_support::ProgramDirectory();
+    const std::wstring program = os::ExecutableFileName(L"cr-host"),
+                       module = os::SharedLibraryFileName(L"ConditionalRunner");
+    for (const std::wstring& file : {program, module})
+        std::filesystem::copy_file(std::filesystem::path(os::JoinPath(build, file)),
+                                   std::filesystem::path(dir_.File(file)));
+    {
+        HostProcess alone(Arguments(), L"", dir_.File(program));
+        ASSERT_TRUE(alone.Started()) << os::WideToUtf8Lossy(alone.startError());
+        EXPECT_EQ(alone.Method("IsEnabled")["status"], 0);
+        EXPECT_EQ(alone.Finish(), 0) << alone.ErrorText();
+        for (const wchar_t* stem : {L"log", L"ovra.proxy"})
+            EXPECT_TRUE(ErrorMentions(alone, "no " + os::WideToUtf8Lossy(os::SharedLibraryFileName(stem))))
+                << alone.ErrorText();
+    }
+    HostProcess built(Arguments());
+    ASSERT_TRUE(built.Started()) << os::WideToUtf8Lossy(built.startError());
+    EXPECT_EQ(built.Method("IsEnabled")["status"], 0);
+    EXPECT_EQ(built.Finish(), 0) << built.ErrorText();
+    for (const wchar_t* stem : {L"log", L"ovra.proxy"})
+        EXPECT_EQ(built.ErrorText().find(os::WideToUtf8Lossy(os::SharedLibraryFileName(stem))), std::string::npos)
+            << built.ErrorText();
 }
 
 TEST_F(CrHostConsole, CommandLineAndStartFailuresHaveTheirExitStatus) {

@@ -39,9 +39,12 @@ HostProcess::Predicate IsPolicyRun() {
     return [](const Json::Value& line) { return line.isMember("policyRun"); };
 }
 
-HostProcess::HostProcess(const std::vector<std::wstring>& arguments, const std::wstring& workingDirectory) {
+HostProcess::HostProcess(const std::vector<std::wstring>& arguments, const std::wstring& workingDirectory,
+                         const std::wstring& chosenProgram) {
     // An absolute path, which holds in the child's working directory too.
-    const std::wstring program = os::JoinPath(os::DirectoryOf(os::ProgramPath()), os::ExecutableFileName(L"cr-host"));
+    const std::wstring program =
+        !chosenProgram.empty() ? chosenProgram
+                               : os::JoinPath(os::DirectoryOf(os::ProgramPath()), os::ExecutableFileName(L"cr-host"));
     // Under Wine, starting a process fails now and then with an internal
     // error (1359) while other processes start; a real failure (a missing
     // program, say) fails every attempt.
@@ -81,6 +84,7 @@ void HostProcess::ReadOutput() {
             std::string errors;
             const bool parsed = reader->parse(line.data(), line.data() + line.size(), &value, &errors);
             std::lock_guard lock(mutex_);
+            rawLines_.push_back(line);
             if (parsed && value.isObject())
                 lines_.push_back(std::move(value));
             else
@@ -151,6 +155,11 @@ std::vector<Json::Value> HostProcess::Lines() const {
 std::vector<std::string> HostProcess::BadLines() const {
     std::lock_guard lock(mutex_);
     return badLines_;
+}
+
+std::vector<std::string> HostProcess::RawLines() const {
+    std::lock_guard lock(mutex_);
+    return rawLines_;
 }
 
 std::string HostProcess::ErrorText() const {

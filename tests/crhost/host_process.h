@@ -24,9 +24,10 @@ class HostProcess {
 public:
     using Predicate = std::function<bool(const Json::Value&)>;
 
-    // Starts cr-host (built beside the test program) with `arguments`, in
-    // `workingDirectory` (the test's own when empty).
-    explicit HostProcess(const std::vector<std::wstring>& arguments, const std::wstring& workingDirectory = L"");
+    // Starts `program` (the cr-host built beside the test program when
+    // empty) with `arguments`, in `workingDirectory` (the test's own when empty).
+    explicit HostProcess(const std::vector<std::wstring>& arguments, const std::wstring& workingDirectory = L"",
+                         const std::wstring& program = L"");
     // Closes its input and waits for it to end (killing it after a while).
     ~HostProcess();
     HostProcess(const HostProcess&) = delete;
@@ -53,6 +54,8 @@ public:
     std::vector<Json::Value> Lines() const;
     // Output lines that were not JSON objects (there must be none).
     std::vector<std::string> BadLines() const;
+    // Every output line so far as the host wrote it, without its newline.
+    std::vector<std::string> RawLines() const;
     // What the host wrote to its standard error so far.
     std::string ErrorText() const;
 
@@ -71,6 +74,7 @@ private:
     std::condition_variable changed_;
     std::vector<Json::Value> lines_;
     std::vector<std::string> badLines_;
+    std::vector<std::string> rawLines_;
     std::string errorText_;
     std::thread outputReader_;
     std::thread errorReader_;
