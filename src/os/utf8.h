@@ -16,6 +16,9 @@ bool IsUtf8(std::string_view text);
 // Null when `text` holds an unpaired surrogate or an invalid code point.
 std::optional<std::string> WideToUtf8(std::wstring_view text);
 
+// Appends the UTF-8 form of code point `cp` (which must be a valid one).
+void AppendUtf8(std::string& out, char32_t cp);
+
 // Lossy forms for diagnostics: invalid input becomes U+FFFD.
 std::wstring Utf8ToWideLossy(std::string_view text);
 std::string WideToUtf8Lossy(std::wstring_view text);
