@@ -20,8 +20,8 @@ std::nullopt_t ActionMembers::Fail(const std::string& path, const char* expected
 const Json::Value* ActionMembers::Find(const char* key, Presence presence, const char* expected) {
     if (!ok()) return nullptr;
     // Only an object is searched: jsoncpp throws for a member of anything else.
-    const Json::Value* member = object_->isObject() ? object_->find(key, key + std::char_traits<char>::length(key))
-                                                    : nullptr;
+    const Json::Value* member =
+        object_->isObject() ? object_->find(key, key + std::char_traits<char>::length(key)) : nullptr;
     if (!member && presence == Presence::kRequired) Fail(PathOf(key), expected);
     return member;
 }
@@ -99,8 +99,7 @@ std::optional<std::vector<std::wstring>> ActionMembers::Names(const char* key, c
     return names;
 }
 
-std::optional<ActionMembers> ActionMembers::Element(const char* key, const Json::Value& array,
-                                                    Json::ArrayIndex index) {
+std::optional<ActionMembers> ActionMembers::Element(const char* key, const Json::Value& array, Json::ArrayIndex index) {
     const std::string path = PathOf(key) + "[" + std::to_string(index) + "]";
     if (!ok()) return std::nullopt;
     if (!array[index].isObject()) return Fail(path, "an object");

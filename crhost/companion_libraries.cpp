@@ -28,9 +28,12 @@ std::vector<std::wstring> MissingCompanionLibraries(const std::wstring& modulePa
     const std::wstring moduleFolder = os::DirectoryOf(modulePath);
     const std::wstring programFolder = os::DirectoryOf(os::ProgramPath());
     const Companion companions[] = {
-        {os::SharedLibraryFileName(L"log"), {moduleFolder}, L"beside the module",
+        {os::SharedLibraryFileName(L"log"),
+         {moduleFolder},
+         L"beside the module",
          L"the module writes no log, and --log has no effect"},
-        {os::SharedLibraryFileName(Ovra::kProxyLibraryStem), {programFolder, moduleFolder},
+        {os::SharedLibraryFileName(Ovra::kProxyLibraryStem),
+         {programFolder, moduleFolder},
          L"beside cr-host or the module",
          L"network adapters are judged physical by their address alone, so a \"network.ConnectionType\" rule may "
          L"see no Ethernet or wireless connection"},

@@ -62,8 +62,6 @@ bool ParseLine(const std::string& text, Json::Value& value, std::string& reason)
     return false;
 }
 
-bool HoldsNul(const std::string& text) { return text.find('\0') != std::string::npos; }
-
 }  // namespace
 
 Console::Next Console::Handle(const LineReader::Line& line) {
@@ -136,15 +134,9 @@ void Console::RunMethod(const Json::Value& in, Json::Value& out) {
             return;
         }
     }
-    // The agent reads the name as a C string, which would end at a NUL: such
-    // a name is no command the agent knows, whatever precedes the NUL.
-    const std::string& method = in["method"].asString();
-    if (HoldsNul(method)) {
-        out["status"] = Fail(out, qv::status::kNotSupported, "no command name holds NUL");
-        return;
-    }
+    // A name holding NUL is answered kNotSupported by Command itself.
     Json::Value response(Json::objectValue);
-    const int32_t status = hosted_.Command(os::Utf8ToWideLossy(method), request, response);
+    const int32_t status = hosted_.Command(os::Utf8ToWideLossy(in["method"].asString()), request, response);
     out["status"] = status;
     if (status == qv::status::kNotFound && !hosted_.agent()) out["error"] = "the agent is not registered";
     out["response"] = response;
@@ -153,8 +145,8 @@ void Console::RunMethod(const Json::Value& in, Json::Value& out) {
 Console::Next Console::RunHostAction(const Json::Value& in, Json::Value& out) {
     const std::string& name = in["host"].asString();
     for (const HostAction& entry : kHostActions) {
-        // The whole name, NUL included, must match.
-        if (HoldsNul(name) || name != entry.name) continue;
+        // The whole name must match: one holding NUL is longer than any entry's.
+        if (name != entry.name) continue;
         out["status"] = (this->*entry.action)(in, out);
         return quit_ ? Next::kQuit : Next::kGoOn;
     }

@@ -100,8 +100,7 @@ int Run(const crhost::Options& options) {
 
     crhost::Output output;
     crhost::HostedModule hosted(std::move(store));
-    std::optional<uint32_t> stopLimit;
-    if (crhost::StopLimitMs(options, stopLimit, error) && stopLimit) hosted.SetStopLimit(*stopLimit);
+    if (options.stopLimitMs) hosted.SetStopLimit(*options.stopLimitMs);
     hosted.host().agents().SetEventSink([&output](const auto& event) { output.Write(EventLine(event)); });
     hosted.host().policyRunner().SetRunSink([&output](const auto& run) { output.Write(PolicyRunLine(run)); });
 
@@ -145,9 +144,7 @@ int Run(const crhost::Options& options) {
 int main(int argc, char** argv) {
     crhost::Options options;
     std::wstring error;
-    std::optional<uint32_t> stopLimit;
-    if (!crhost::ParseOptions(os::CommandLineArguments(argc, argv), options, error) ||
-        !crhost::StopLimitMs(options, stopLimit, error)) {
+    if (!crhost::ParseOptions(os::CommandLineArguments(argc, argv), options, error)) {
         Complain(error);
         static_cast<void>(os::WriteStandardError(crhost::UsageText()));
         return kBadUsage;

@@ -16,6 +16,16 @@ constexpr ValueOption kValueOptions[] = {
     {L"--stop-limit", &Options::stopLimit},
 };
 constexpr uint64_t kMaxStopLimitMs = 86400000;
+
+// The milliseconds of `text`; nullopt when it is no whole number up to the limit.
+std::optional<uint32_t> Milliseconds(const std::wstring& text) {
+    uint64_t value = 0;
+    for (wchar_t c : text) {
+        if (c < L'0' || c > L'9' || (value = value * 10 + static_cast<uint64_t>(c - L'0')) > kMaxStopLimitMs)
+            return std::nullopt;
+    }
+    return static_cast<uint32_t>(value);
+}
 }  // namespace
 
 bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error) {
@@ -57,20 +67,13 @@ bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, 
         }
         options.*(match->value) = std::move(value);
     }
-    return true;
-}
-
-bool StopLimitMs(const Options& options, std::optional<uint32_t>& milliseconds, std::wstring& error) {
-    milliseconds.reset();
-    if (options.stopLimit.empty()) return true;
-    uint64_t value = 0;
-    for (wchar_t c : options.stopLimit) {
-        if (c < L'0' || c > L'9' || (value = value * 10 + static_cast<uint64_t>(c - L'0')) > kMaxStopLimitMs) {
+    if (!options.stopLimit.empty()) {
+        options.stopLimitMs = Milliseconds(options.stopLimit);
+        if (!options.stopLimitMs) {
             error = L"--stop-limit needs a number of milliseconds from 0 to 86400000, not '" + options.stopLimit + L"'";
             return false;
         }
     }
-    milliseconds = static_cast<uint32_t>(value);
     return true;
 }
 

@@ -22,17 +22,16 @@ struct Options {
 
     std::wstring module;  // empty: beside the program
     std::wstring state = kDefaultStateFile;
-    std::wstring log;  // empty: the logging library's default
-    std::wstring stopLimit;  // empty: the module's default; else milliseconds (see StopLimitMs)
+    std::wstring log;                     // empty: the logging library's default
+    std::wstring stopLimit;               // as given; empty when not
+    std::optional<uint32_t> stopLimitMs;  // its value; nullopt: the module's default
     bool help = false;
 };
 
-// False for a command line that cannot be used, with `error` saying why.
+// False for a command line that cannot be used (a --stop-limit that is not
+// a number of milliseconds from 0 to 86400000 included), with `error`
+// saying why.
 bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error);
-
-// The --stop-limit value in milliseconds: nullopt when none was given, false
-// with `error` when it is not a number of milliseconds (0 to 86400000).
-bool StopLimitMs(const Options& options, std::optional<uint32_t>& milliseconds, std::wstring& error);
 
 // The text --help prints.
 const char* UsageText();

@@ -114,7 +114,7 @@ private:
     std::condition_variable timeMoved_;
     std::condition_variable callerLeft_;
     size_t sleeping_ = 0;
-    size_t callers_ = 0;   // inside RunPolicy
+    size_t callers_ = 0;    // inside RunPolicy
     bool closing_ = false;  // being destroyed
 };
 

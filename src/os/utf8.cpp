@@ -69,7 +69,6 @@ std::optional<char32_t> DecodeWide(std::wstring_view text, size_t& i) {
     return c;
 }
 
-
 template <bool Lossy>
 std::optional<std::wstring> ToWide(std::string_view text) {
     std::wstring out;

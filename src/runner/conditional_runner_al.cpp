@@ -152,7 +152,7 @@ int32_t ConditionalRunnerAL::Start() {
             signals_.Pause();
         }
     }
-    if (evalThread_.joinable()) evalThread_.join();  // never left by Stop; for a Start without one
+    if (evalThread_.joinable()) evalThread_.join();  // a second Start without a Stop between
     // What the last Stop left behind must not end the new thread's first run.
     stopping_ = false;
     giveUpRun_.Reset();

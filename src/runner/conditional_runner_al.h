@@ -23,8 +23,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <list>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -160,8 +160,8 @@ private:
 
     // The phases of a pass, under the lock.
     std::vector<LastRun::Installed> CollectTrueRules(bool invalidateCache);
-    static int32_t GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries,
-                                    qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf);
+    static int32_t GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries, qv::List<MethodRunData>& toRun,
+                                    RulesOfRun& rulesOf);
     PassEnd RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf, bool& leftUnapplied);
     // Runs one method set; fills the run's status, response and output.
     RunOutcome RunMethod(const std::wstring& methodSetId, MethodRunData& run);

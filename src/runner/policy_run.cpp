@@ -10,6 +10,8 @@
 namespace Product::Integration::ConditionalRunner {
 namespace {
 constexpr const wchar_t* kRunMethod = L"ConditionalRunnerAL::RunMethod";
+// An address inside this module, to name the module that must stay mapped.
+constexpr char kInThisModule = 0;
 }  // namespace
 
 struct PolicyRun::Shared {
@@ -59,7 +61,7 @@ PolicyRun::Outcome PolicyRun::Wait(os::AutoResetEvent& giveUp) {
     }
     shared_->givenUp = true;
     // The run may have returned meanwhile; either way it is not waited for.
-    static_cast<void>(os::PinModuleOf(reinterpret_cast<const void*>(&logging::Log)));
+    static_cast<void>(os::PinModuleOf(&kInThisModule));  // refused only for a program, never unloaded anyway
     return Outcome::kGivenUp;
 }
 

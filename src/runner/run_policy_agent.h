@@ -5,9 +5,9 @@
 // connected, or the method's agent not there), which makes the runner retry
 // the rules of that run later.
 //
-// Thread rules: the policy runner calls it on the thread that submitted the
-// run (the runner's evaluation thread, under the runner's lock); Reset and
-// the two readings happen on that same thread between runs.
+// Thread rules: one agent per run (see PolicyRun). The policy runner calls
+// it on the thread that submitted the run, PolicyRun's run thread; the
+// readings come after the run returned, on the thread that waited for it.
 #include <cstdint>
 #include <string>
 
@@ -24,7 +24,7 @@ public:
     // results are neither logged nor recorded.
     void OnAfterRunPolicy(const std::wstring& plugin, const std::wstring& method, int32_t result) override;
 
-    // Forgets what earlier runs recorded; called before each run.
+    // Forgets what was recorded, for an agent used again.
     void Reset() noexcept { notConnected_ = agentNotFound_ = false; }
     bool notConnected() const noexcept { return notConnected_; }
     bool agentNotFound() const noexcept { return agentNotFound_; }

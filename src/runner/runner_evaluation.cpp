@@ -38,8 +38,7 @@ Json::Value ParseResponse(const std::wstring& response) {
 }
 }  // namespace
 
-ConditionalRunnerAL::RunOutcome ConditionalRunnerAL::RunMethod(const std::wstring& methodSetId,
-                                                               MethodRunData& run) {
+ConditionalRunnerAL::RunOutcome ConditionalRunnerAL::RunMethod(const std::wstring& methodSetId, MethodRunData& run) {
     logging::CallTrace trace(kRunMethod);
     logging::Log(logging::kDetail, kRunMethod, L"Try to run method [%s]", methodSetId.c_str());
     RunOutcome outcome;

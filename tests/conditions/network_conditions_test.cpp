@@ -128,12 +128,13 @@ TEST(NetworkConditions, ConnectionTypeFollowsTheKindsOrTheNamedNetwork) {
     };
     Bench bench;
     for (const auto& c : cases) {
-        for (const auto& [state, expected] : {std::pair{Office(), c.office}, std::pair{laptop, c.laptop},
-                                              std::pair{NetworkState{}, c.empty}}) {
+        for (const auto& [state, expected] :
+             {std::pair{Office(), c.office}, std::pair{laptop, c.laptop}, std::pair{NetworkState{}, c.empty}}) {
             bench.provider.SetState(state);
             ConditionPtr condition = bench.Create(Leaf("ConnectionType", c.data));
             ASSERT_NE(condition, nullptr) << c.data;
-            EXPECT_EQ(StateOf(*condition), expected) << c.data << " on " << state.ipv4Addresses.size() << " address(es)";
+            EXPECT_EQ(StateOf(*condition), expected)
+                << c.data << " on " << state.ipv4Addresses.size() << " address(es)";
         }
     }
 }

@@ -282,8 +282,7 @@ TEST_F(CrHostConsole, EveryMemberAHostActionReadsIsCheckedAndNamed) {
         {R"({"host":"users.logon","user":{"sid":"S-1-5-21-1-2-3-2000","name":[],"domain":"d"}})", "user.name"},
         {R"({"host":"users.logon","user":{)" + user + R"(,"groups":"S-1-5-21-1-2-3-513"}})", "user.groups"},
         {R"({"host":"users.logon","user":{)" + user + R"(,"groups":["S-1-5-21-1-2-3-513",{}]}})", "user.groups[1]"},
-        {R"({"host":"users.logon","user":{)" + user + R"(,"groups":["S-1-5-21-1-2-3-513\u0000"]}})",
-         "user.groups[0]"},
+        {R"({"host":"users.logon","user":{)" + user + R"(,"groups":["S-1-5-21-1-2-3-513\u0000"]}})", "user.groups[0]"},
         {R"({"host":"users.logoff","user":"x"})", "user"},
         {R"({"host":"users.logoff","user":[]})", "user"},
         {R"({"host":"users.logoff","user":{"sid":null}})", "user.sid"},
@@ -382,7 +381,8 @@ TEST_F(CrHostConsole, NonAsciiTextCrossesThePipesAsUtf8) {
     ASSERT_TRUE(answer) << host.ErrorText();
     EXPECT_EQ((*answer)["response"]["methods"][0]["plugin"], name);
     bool raw = false;
-    for (const std::string& line : host.RawLines()) raw = raw || line.find("\"plugin\":\"" + name + "\"") != std::string::npos;
+    for (const std::string& line : host.RawLines())
+        raw = raw || line.find("\"plugin\":\"" + name + "\"") != std::string::npos;
     EXPECT_TRUE(raw);
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }

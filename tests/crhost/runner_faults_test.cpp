@@ -39,9 +39,9 @@ TEST_F(CrHostRunnerFaults, UpdatesStoreWhatTheyCanAndNameTheRulesLeftOut) {
     HostProcess host(Arguments());
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
 
-    Json::Value answer = host.Method("UpdateRulesAndMethods", Parse(std::string(R"({"rules":[)") + kBadRule + "," +
-                                                                    kGoodRule + R"(],"methods":[)" + MethodSet("M") +
-                                                                    "]}"));
+    Json::Value answer = host.Method(
+        "UpdateRulesAndMethods",
+        Parse(std::string(R"({"rules":[)") + kBadRule + "," + kGoodRule + R"(],"methods":[)" + MethodSet("M") + "]}"));
     EXPECT_EQ(answer["status"], 87);
     EXPECT_EQ(answer["response"]["rulesErrors"], Parse(R"([{"index":0,"error":87}])"));
     EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Parse(R"(["M"])"));
@@ -57,8 +57,7 @@ TEST_F(CrHostRunnerFaults, UpdatesStoreWhatTheyCanAndNameTheRulesLeftOut) {
 TEST_F(CrHostRunnerFaults, ADisabledRunnerRunsNothingWhileTheConsoleTogglesIt) {
     HostProcess host(Arguments());
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
-    ASSERT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":1,"maxPostponeTime":60}})"))["status"],
-              0);
+    ASSERT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":1,"maxPostponeTime":60}})"))["status"], 0);
     ASSERT_EQ(host.Method("SetMethodSet", Parse(MethodSet("M")))["status"], 0);
     ASSERT_EQ(host.Method("SetRules", Parse(std::string(R"({"rules":[)") + kGoodRule + "]}"))["status"], 0);
     // The first evaluation, after the start-up's quiet period (5 s): from
@@ -71,8 +70,8 @@ TEST_F(CrHostRunnerFaults, ADisabledRunnerRunsNothingWhileTheConsoleTogglesIt) {
     for (int round = 0; round < 2; ++round) {
         std::string lines;
         for (const char* enabled : {"false", "true", "false"})
-            lines += R"({"id":)" + std::to_string(++id) + R"(,"method":"SetEnabled","request":{"enabled":)" +
-                     enabled + "}}\n";
+            lines += R"({"id":)" + std::to_string(++id) + R"(,"method":"SetEnabled","request":{"enabled":)" + enabled +
+                     "}}\n";
         lines.pop_back();
         ASSERT_TRUE(host.Send(lines));
         const int last = id;
@@ -99,10 +98,9 @@ TEST_F(CrHostRunnerFaults, StoppingGivesUpARunThatHangsOnceItsLimitHasPassed) {
     arguments.insert(arguments.end(), {L"--stop-limit", L"300"});
     HostProcess host(arguments);
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
-    ASSERT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":0,"maxPostponeTime":60}})"))["status"],
-              0);
-    ASSERT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":0,"delayMs":86400000})"))
-                  ["status"],
+    ASSERT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":0,"maxPostponeTime":60}})"))["status"], 0);
+    ASSERT_EQ(host.Host(Parse(
+                  R"({"host":"policy.result","plugin":"P","method":"m","result":0,"delayMs":86400000})"))["status"],
               0);
     ASSERT_EQ(host.Method("SetMethodSet", Parse(MethodSet("M")))["status"], 0);
     ASSERT_EQ(host.Method("SetRules", Parse(std::string(R"({"rules":[)") + kGoodRule + "]}"))["status"], 0);

@@ -199,7 +199,8 @@ TEST_F(CrHostRunner, AQuitDuringARunWaitsForItAndPrintsItsEvent) {
         host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":0,"delayMs":3000})"))["status"],
         0);
     SendRules(host, kAlwaysTrue);
-    ASSERT_TRUE(Eventually([&] { return testing_support::FileContains(log, L"Try to run method [M]"); }, kFirstEvaluation))
+    ASSERT_TRUE(
+        Eventually([&] { return testing_support::FileContains(log, L"Try to run method [M]"); }, kFirstEvaluation))
         << host.ErrorText();
     EXPECT_EQ(Count(host, IsPolicyRun()), 0u);
 

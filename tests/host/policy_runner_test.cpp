@@ -159,9 +159,10 @@ TEST(PolicyRunner, DestructionEndsTheRunsThatWaitAndWaitsForTheirCallers) {
     runner->SetResult(L"Slow", L"wait", 0, 1h);
     Agent agent;
     std::future<void> run = std::async(std::launch::async, [&] {
-        EXPECT_EQ(RunOn(*runner, LR"({"methods": [{"plugin": "Slow", "method": "wait"}, {"plugin": "A", "method": "b"}]})",
-                        &agent),
-                  qv::status::kOperationAborted);
+        EXPECT_EQ(
+            RunOn(*runner, LR"({"methods": [{"plugin": "Slow", "method": "wait"}, {"plugin": "A", "method": "b"}]})",
+                  &agent),
+            qv::status::kOperationAborted);
     });
     ASSERT_TRUE(testing_support::Eventually([&] { return runner->WaitingMethods() == 1; }));
     runner.reset();

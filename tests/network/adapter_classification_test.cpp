@@ -82,12 +82,10 @@ TEST(AdapterClassification, PhysicalAdaptersHaveTheKindOfTheirInterfaceType) {
     const struct {
         uint32_t ifType;
         ConnectionKind kind;
-    } kinds[] = {{6, ConnectionKind::kEthernet},
-                 {117, ConnectionKind::kEthernet},
-                 {71, ConnectionKind::kWireless},
-                 {24, ConnectionKind::kOther},    // software loopback
-                 {131, ConnectionKind::kOther},   // tunnel
-                 {243, ConnectionKind::kOther}};  // a cellular modem
+    } kinds[] = {{6, ConnectionKind::kEthernet},  {117, ConnectionKind::kEthernet},
+                 {71, ConnectionKind::kWireless}, {24, ConnectionKind::kOther},  // software loopback
+                 {131, ConnectionKind::kOther},                                  // tunnel
+                 {243, ConnectionKind::kOther}};                                 // a cellular modem
     for (const auto& bytes : {kOSInfoBytes, kNetworkBytes})
         for (const auto& c : kinds) EXPECT_EQ(types.Classify(c.ifType, bytes), c.kind) << c.ifType;
     for (const auto& c : kinds) EXPECT_EQ(types.Classify(c.ifType, kUnknownBytes), ConnectionKind::kOther) << c.ifType;
@@ -169,9 +167,9 @@ TEST(ComponentHandle, AcquireReportsEachFailureAndReleaseGivesBackInOrder) {
     constexpr int32_t kMissingEntry = qv::status::kInvalidSize;
 #endif
     EXPECT_EQ(handle.Acquire(noEntries, Ovra::kNetworkComponent, Ovra::IMacQuery::iid), kMissingEntry);
-    EXPECT_TRUE(log.Contains(logging::kWarning, L"Product::Integration::ComponentHandle::Acquire",
-                             noEntries.fileName + L" exports no QvCreateObject/QvDestroyObject, error " +
-                                 std::to_wstring(kMissingEntry)));
+    EXPECT_TRUE(log.Contains(
+        logging::kWarning, L"Product::Integration::ComponentHandle::Acquire",
+        noEntries.fileName + L" exports no QvCreateObject/QvDestroyObject, error " + std::to_wstring(kMissingEntry)));
 
     components.Mark();
     ASSERT_EQ(handle.Acquire(components.location(), Ovra::kOSInfoComponent, Ovra::IPhysicalAdapterQuery::iid), 5);

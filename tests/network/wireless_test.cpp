@@ -64,8 +64,8 @@ TEST(WlanAPI, AnInterfaceThatCannotBeBoundLeavesTheListAlone) {
 // returned, the list stays as it was, and the handle is closed and every
 // list freed on every path.
 TEST(WlanAPI, OpenAndEnumerationFailuresAreReportedAndNothingStaysHeld) {
-    const std::wstring path = os::JoinPath(testing_support::ProgramDirectory(),
-                                           os::SharedLibraryFileName(scripted_wlan::kLibraryStem));
+    const std::wstring path =
+        os::JoinPath(testing_support::ProgramDirectory(), os::SharedLibraryFileName(scripted_wlan::kLibraryStem));
     const os::ModuleHandle library = os::LoadModule(path);  // the same module the API binds
     ASSERT_NE(library, nullptr);
     auto set = reinterpret_cast<scripted_wlan::SetFn>(os::FindSymbol(library, "ScriptedWlanSet"));

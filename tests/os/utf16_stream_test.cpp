@@ -35,14 +35,22 @@ TEST(Utf16Stream, IllFormedInputIsReplacedAndTheStreamGoesOn) {
     os::Utf16ToUtf8Stream wide;
     // A low surrogate alone, a high one followed by a letter, and a high one
     // left at the end, which waits until the stream is flushed.
-    EXPECT_EQ(wide.Convert(u"a\xDC00" u"b\xD800" u"c\xD83D"), "a" + kReplacement + "b" + kReplacement + "c");
+    EXPECT_EQ(wide.Convert(u"a\xDC00"
+                           u"b\xD800"
+                           u"c\xD83D"),
+              "a" + kReplacement + "b" + kReplacement + "c");
     EXPECT_EQ(wide.Flush(), kReplacement);
     EXPECT_EQ(wide.Flush(), "");
 
     os::Utf8ToUtf16Stream bytes;
     // A stray continuation byte, an overlong form, an encoded surrogate and a
     // byte that leads nothing; then a sequence cut short by the flush.
-    EXPECT_EQ(bytes.Convert("a\x80" "b\xC0\xAF" "c\xED\xA0\x80" "d\xFF" "e\xE2\x82"), u"a\uFFFDb\uFFFDc\uFFFDd\uFFFDe");
+    EXPECT_EQ(bytes.Convert("a\x80"
+                            "b\xC0\xAF"
+                            "c\xED\xA0\x80"
+                            "d\xFF"
+                            "e\xE2\x82"),
+              u"a\uFFFDb\uFFFDc\uFFFDd\uFFFDe");
     EXPECT_EQ(bytes.Flush(), u"\uFFFD");
     EXPECT_EQ(bytes.Convert("f"), u"f");
 }

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>

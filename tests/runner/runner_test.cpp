@@ -123,8 +123,8 @@ TEST_F(RunnerTest, AResponseThatDoesNotParseIsReportedAsNone) {
     ASSERT_EQ(runner_.SetMethod(MakeMethod(L"M"), false), 0);
     ASSERT_EQ(SetRules({MakeRule(L"r", L"M", R"({"type":"boolean.TRUE"})")}), 0);
     ASSERT_EQ(runner_.ReEvalRules(), 0);
-    EXPECT_TRUE(capture.Contains(logging::kWarning, L"ConditionalRunnerAL::ReEvalRules",
-                                 L"Cannot parse response {not json"));
+    EXPECT_TRUE(
+        capture.Contains(logging::kWarning, L"ConditionalRunnerAL::ReEvalRules", L"Cannot parse response {not json"));
     ASSERT_EQ(reports_.Count(), 1u);
 }
 

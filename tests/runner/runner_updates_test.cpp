@@ -31,8 +31,7 @@ TEST_F(RunnerTest, ARuleLeftOutDoesNotHoldBackTheMethodSetsOfItsUpdate) {
 }
 
 TEST_F(RunnerTest, UpdatesStoreEveryMethodSetThatCanBeStoredAndAnswerTheFirstRefusal) {
-    qv::List<Method> sets{MakeMethod(L"A"), MakeMethod(L"x/y"), MakeMethod(std::wstring(L"a\0x", 3)),
-                          MakeMethod(L"B")};
+    qv::List<Method> sets{MakeMethod(L"A"), MakeMethod(L"x/y"), MakeMethod(std::wstring(L"a\0x", 3)), MakeMethod(L"B")};
     EXPECT_EQ(runner_.UpdateMethods(sets), qv::status::kInvalidParameter);
     EXPECT_EQ(MethodSetIds(), (std::vector<std::wstring>{L"A", L"B"}));
 

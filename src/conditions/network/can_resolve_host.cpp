@@ -120,8 +120,7 @@ int32_t ConditionCanResolveHost::Pass() {
     // started later and stored first keeps its answer.
     const uint64_t ticket = result_.TakeTicket();
     const bool now = Resolve();
-    const LatestValue::Offered offered = StoreResult(ticket, now);
-    if (!offered.changed) return 0;
+    if (!StoreResult(ticket, now)) return 0;
     logging::Log(logging::kDetail, kPass, L"[%s] resolves: %s", hostName_.c_str(), now ? L"TRUE" : L"FALSE");
     return NotifyChanged(now);
 }
@@ -133,7 +132,7 @@ bool ConditionCanResolveHost::ReadResult() {
     return result_.value();
 }
 
-LatestValue::Offered ConditionCanResolveHost::StoreResult(uint64_t ticket, bool value) {
+bool ConditionCanResolveHost::StoreResult(uint64_t ticket, bool value) {
     SpinGuard guard(spin_);
     return result_.Offer(ticket, value);
 }

@@ -53,8 +53,8 @@ public:
 
     // Reads "address" (kInvalidParameter), needs a provider
     // (kDependencyNotFound, "cannot found network provider") and its Start
-    // (the provider's status, "failed to acquire network provider"); then resolves once for the first value and starts the
-    // timer thread (kFunctionFailed when it cannot start).
+    // (the provider's status, "failed to acquire network provider"); then resolves once for the first value and starts
+    // the timer thread (kFunctionFailed when it cannot start).
     [[nodiscard]] int32_t Init(const InitData& data) override;
     // Stops and joins the timer thread, then unsubscribes from the provider
     // and releases its start. Idempotent; safe after a failed Init.
@@ -68,7 +68,8 @@ private:
     bool Resolve() const;
     bool ReadResult();
     // Under the spin flag: offers the answer of the resolution holding `ticket`.
-    LatestValue::Offered StoreResult(uint64_t ticket, bool value);
+    // True when the stored value changed.
+    bool StoreResult(uint64_t ticket, bool value);
     void StopTimer();
 
     PassTimerFactory timers_;

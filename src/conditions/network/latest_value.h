@@ -18,21 +18,17 @@ namespace Product::Integration::ConditionManager {
 
 class LatestValue {
 public:
-    struct Offered {
-        bool stored = false;   // the value is now the cached one
-        bool changed = false;  // stored, and it differs from the one before
-    };
-
     // Taken before the computation reads its source; later takers get larger tickets.
     uint64_t TakeTicket() noexcept { return nextTicket_.fetch_add(1, std::memory_order_relaxed) + 1; }
 
-    // Stores `value` unless a computation with a later ticket stored first.
-    Offered Offer(uint64_t ticket, bool value) noexcept {
-        if (ticket < storedTicket_) return {};
+    // Stores `value` unless a computation with a later ticket stored first;
+    // true when it was stored and differs from the value before.
+    bool Offer(uint64_t ticket, bool value) noexcept {
+        if (ticket < storedTicket_) return false;
         storedTicket_ = ticket;
         const bool changed = value != value_;
         value_ = value;
-        return {true, changed};
+        return changed;
     }
 
     bool value() const noexcept { return value_; }

@@ -72,12 +72,12 @@ int32_t ConditionNetworkBase::Recompute(Notify notify) {
     NetworkState state;
     if (const int32_t status = provider->GetState(state); status != 0) return status;
     const bool value = Compute(state);
-    LatestValue::Offered offered;
+    bool changed = false;
     {
         std::lock_guard lock(lock_);
-        offered = cached_.Offer(ticket, value);
+        changed = cached_.Offer(ticket, value);
     }
-    if (offered.changed && notify == Notify::kYes) return NotifyChanged(value);
+    if (changed && notify == Notify::kYes) return NotifyChanged(value);
     return 0;
 }
 
