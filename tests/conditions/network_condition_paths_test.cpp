@@ -102,7 +102,8 @@ TEST(NetworkConditionPaths, PublicOperationsAreTraced) {
     const std::wstring resolve = L"Product::Integration::ConditionManager::ConditionCanResolveHost::";
     ScriptedProvider provider;
     FakeNames names;
-    ResolveBench::names = &names;
+    Product::Integration::ConditionManager::SharedResolver resolver(ResolverOptions(&names));
+    ResolveBench::resolver = &resolver;
     LogCapture log;
     {
         ConditionIP ip;
@@ -125,7 +126,7 @@ TEST(NetworkConditionPaths, PublicOperationsAreTraced) {
         for (const wchar_t* operation : {L"Init", L"GetState", L"OnNetworkStateChanged", L"Uninit"})
             EXPECT_TRUE(traced(log, resolve + operation)) << operation;
     }
-    ResolveBench::names = nullptr;
+    ResolveBench::resolver = nullptr;
 }
 
 }  // namespace

@@ -15,6 +15,8 @@ namespace {
 
 using Product::Integration::ConnectionKind;
 using Product::Integration::NetworkState;
+using Product::Integration::ConditionManager::SharedResolver;
+using namespace std::chrono_literals;
 
 std::string Leaf(const std::string& type, const std::string& data) {
     return R"({"type":"network.)" + type + R"(","data":)" + data + "}";
@@ -248,88 +250,98 @@ TEST(NetworkConditions, ProviderChangesNotifyOncePerFlip) {
 class CanResolveHost : public ::testing::Test {
 protected:
     CanResolveHost() {
-        ResolveBench::timers.clear();
-        ResolveBench::names = &names;
+        ResolveBench::resolver = &resolver;
         EXPECT_EQ(manager.Init(bench.host.main()), 0);
     }
     ~CanResolveHost() override {
-        ResolveBench::names = nullptr;
+        names.LetAllGo();
         EXPECT_EQ(manager.Uninit(), 0);
+        ResolveBench::resolver = nullptr;
     }
     ConditionPtr Create(const std::string& name, int32_t* error = nullptr) {
         int32_t ignored = 0;
         return manager.CreateCondition(ParseJson(Address("canResolveHost", name)), error ? error : &ignored, 3);
     }
-    ManualPassTimer& Timer(size_t index = 0) {
-        std::lock_guard lock(ResolveBench::mutex);
-        return *ResolveBench::timers.at(index);
-    }
 
     FakeNames names;
+    SharedResolver resolver{ResolverOptions(&names)};
     Bench bench;
     ResolveTestManager manager;
     Recorder recorder;
 };
 
-// The first value comes from one resolution; each 60-second pass and each
-// provider change resolves again and notifies when the answer differs.
-TEST_F(CanResolveHost, PassesAndProviderChangesResolveAgainAndNotifyFlips) {
-    names.Set(L"files.corp.example", true);
+// The first value is false until the first answer; each provider change and
+// each recomputation asks again, and every flip is notified once.
+TEST_F(CanResolveHost, AnswersArriveAfterInitAndEachFlipIsNotifiedOnce) {
+    const std::wstring name = L"files.corp.example";
+    names.Set(name, true);
+    names.Hang(name);
     ConditionPtr condition = Create("files.corp.example");
     ASSERT_NE(condition, nullptr);
-    EXPECT_TRUE(StateOf(*condition));
-    EXPECT_EQ(Timer().periodMs, 60000u);
+    EXPECT_FALSE(StateOf(*condition));
     EXPECT_EQ(condition->Subscribe(&recorder), 0);
-    const int asked = names.Questions();
-
-    ASSERT_TRUE(Timer().Pass());
-    EXPECT_EQ(names.Questions(), asked + 1);
-    EXPECT_EQ(recorder.Count(), 0u);
-
-    names.Set(L"files.corp.example", false);
-    ASSERT_TRUE(Timer().Pass());
-    ASSERT_TRUE(Timer().Pass());
-    EXPECT_EQ(recorder.States(), std::vector<bool>{false});
+    names.LetGo(name);
+    ASSERT_TRUE(recorder.WaitForCount(1));
+    EXPECT_TRUE(StateOf(*condition));
     EXPECT_EQ(recorder.Notifications()[0].id, 3u);
 
-    names.Set(L"files.corp.example", true);
+    names.Set(name, false);
     EXPECT_EQ(bench.provider.NotifySubscribers(), 1u);
-    EXPECT_EQ(recorder.States(), (std::vector<bool>{false, true}));
-
-    // A recomputation asked by the engine resolves, and notifies nobody.
-    names.Set(L"files.corp.example", false);
-    EXPECT_FALSE(StateOf(*condition, true));
-    ASSERT_TRUE(Timer().Pass());
-    EXPECT_EQ(recorder.Count(), 2u);
-    EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
-}
-
-// A value request whose answer comes late (a slow server), after a pass
-// that asked later has stored and notified its answer: the late, older
-// answer must not replace it.
-TEST_F(CanResolveHost, ALateAnswerToAValueRequestDoesNotUndoANewerPass) {
-    names.Set(L"files.corp.example", true);
-    ConditionPtr condition = Create("files.corp.example");
-    ASSERT_NE(condition, nullptr);
-    EXPECT_EQ(condition->Subscribe(&recorder), 0);
-
-    names.answerGate.Arm();
-    auto engine = std::async(std::launch::async, [&] { return StateOf(*condition, true); });
-    ASSERT_TRUE(names.answerGate.WaitUntilHeld());  // answered "resolves", not delivered yet
-    names.Set(L"files.corp.example", false);
-    ASSERT_TRUE(Timer().Pass());
-    EXPECT_EQ(recorder.States(), std::vector<bool>{false});
-    names.answerGate.Open();
-    EXPECT_FALSE(engine.get());
+    ASSERT_TRUE(recorder.WaitForCount(2));
     EXPECT_FALSE(StateOf(*condition));
-    ASSERT_TRUE(Timer().Pass());  // still unresolvable: nobody is told again
-    EXPECT_EQ(recorder.Count(), 1u);
+
+    // A recomputation answers the stored value at once; the flip its
+    // question finds is notified like any other.
+    names.Set(name, true);
+    EXPECT_FALSE(StateOf(*condition, true));
+    ASSERT_TRUE(recorder.WaitForCount(3));
+    EXPECT_TRUE(StateOf(*condition));
+
+    // The same answer again changes nothing.
+    EXPECT_EQ(bench.provider.NotifySubscribers(), 1u);
+    ASSERT_TRUE(names.WaitForAnswers(name, 4));
+    EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false, true}));
     EXPECT_EQ(condition->Unsubscribe(&recorder), 0);
 }
 
-// Shutting down ends the timer thread (also while a change is delivered
-// from another thread), then lets go of the provider.
-TEST_F(CanResolveHost, ShutdownEndsTheThreadAndReleasesTheProvider) {
+// While the question about one name hangs (a DNS server that drops
+// packets), nothing on the engine's or the provider's threads waits for it:
+// Init, a recomputation, a provider change and Uninit return at once, and
+// another name is answered meanwhile. The dropped answer reaches nobody.
+TEST_F(CanResolveHost, AHungQuestionDelaysNoCaller) {
+    names.Hang(L"slow.example");
+    names.Set(L"slow.example", true);
+    names.Set(L"fast.example", true);
+    auto create = std::async(std::launch::async, [&] { return Create("slow.example"); });
+    ASSERT_EQ(create.wait_for(2s), std::future_status::ready);
+    ConditionPtr slow = create.get();
+    ASSERT_NE(slow, nullptr);
+    EXPECT_EQ(slow->Subscribe(&recorder), 0);
+
+    ConditionPtr fast = Create("fast.example");
+    ASSERT_NE(fast, nullptr);
+    EXPECT_TRUE(testing_support::Eventually([&] { return StateOf(*fast); }));
+
+    auto recompute = std::async(std::launch::async, [&] { static_cast<void>(StateOf(*slow, true)); });
+    EXPECT_TRUE(testing_support::Finishes(recompute, 2s));
+    auto change = std::async(std::launch::async, [&] { bench.provider.NotifySubscribers(); });
+    EXPECT_TRUE(testing_support::Finishes(change, 2s));
+    auto uninit = std::async(std::launch::async, [&] { slow.reset(); });
+    EXPECT_TRUE(testing_support::Finishes(uninit, 2s));
+
+    names.LetAllGo();
+    ASSERT_TRUE(names.WaitForAnswers(L"slow.example", 1));
+    EXPECT_TRUE(testing_support::Finishes(uninit));
+    fast.reset();
+    EXPECT_TRUE(testing_support::Eventually([&] { return resolver.Threads() == 0; }));
+    EXPECT_EQ(recorder.Count(), 0u);
+    EXPECT_EQ(bench.provider.StartCount(), 0);
+    EXPECT_EQ(bench.provider.SubscriberCount(), 0u);
+}
+
+// Shutting down (also while changes are delivered from another thread)
+// leaves the resolver and lets go of the provider.
+TEST_F(CanResolveHost, ShutdownReleasesTheProviderAndTheResolver) {
     ConditionPtr condition = Create("nowhere.example");
     ASSERT_NE(condition, nullptr);
     EXPECT_FALSE(StateOf(*condition));
@@ -343,6 +355,7 @@ TEST_F(CanResolveHost, ShutdownEndsTheThreadAndReleasesTheProvider) {
     EXPECT_TRUE(testing_support::Finishes(changes));
     EXPECT_EQ(bench.provider.StartCount(), 0);
     EXPECT_EQ(bench.provider.SubscriberCount(), 0u);
+    EXPECT_TRUE(testing_support::Eventually([&] { return resolver.Threads() == 0; }));
 }
 
 // The system's resolver (DnsQuery_W on Windows, res_nquery on Linux) against
@@ -352,8 +365,8 @@ TEST(CanResolveHostDns, TheSystemResolverAsksTheConfiguredServer) {
     const char* phase = std::getenv("CR_DNS_SERVER");
     if (!phase) GTEST_SKIP() << "runs under dns_server_run.sh only";
     const bool up = std::string(phase) == "up";
-    ResolveBench::timers.clear();
-    ResolveBench::names = nullptr;  // real DNS
+    SharedResolver resolver(ResolverOptions(nullptr));  // real DNS
+    ResolveBench::resolver = &resolver;
     Bench bench;
     ResolveTestManager manager;
     ASSERT_EQ(manager.Init(bench.host.main()), 0);
@@ -362,13 +375,23 @@ TEST(CanResolveHostDns, TheSystemResolverAsksTheConfiguredServer) {
     ConditionPtr unknown = manager.CreateCondition(ParseJson(Address("canResolveHost", "unknown.test")), &error, 1);
     ASSERT_NE(v6, nullptr);
     ASSERT_NE(unknown, nullptr);
+    // The conditions had their first answers when later subscribers of
+    // their names have theirs.
+    ResolverAnswers v6Answered, unknownAnswered;
+    ASSERT_TRUE(resolver.Subscribe(&v6Answered, L"v6only.test"));
+    ASSERT_TRUE(resolver.Subscribe(&unknownAnswered, L"unknown.test"));
+    ASSERT_TRUE(v6Answered.WaitForCount(1));
+    ASSERT_TRUE(unknownAnswered.WaitForCount(1));
     EXPECT_EQ(StateOf(*v6), up);  // by its AAAA record alone
     EXPECT_FALSE(StateOf(*unknown));
+    resolver.Unsubscribe(&v6Answered);
+    resolver.Unsubscribe(&unknownAnswered);
     EXPECT_FALSE(os::HasDnsRecord(L"v6only.test", os::DnsRecordType::kA));
     EXPECT_EQ(os::HasDnsRecord(L"v6only.test", os::DnsRecordType::kAAAA), up);
     v6.reset();
     unknown.reset();
     EXPECT_EQ(manager.Uninit(), 0);
+    ResolveBench::resolver = nullptr;
 }
 
 }  // namespace

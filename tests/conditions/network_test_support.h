@@ -1,10 +1,12 @@
 #pragma once
 // Bench pieces for the network conditions: synthetic network states, a
-// provider the test scripts, a host-resolution condition with a hand-driven
-// timer and a switchable resolver, and a manager that builds that one in
+// provider the test scripts, a host-resolution condition asking a resolver
+// of the test's own, and a manager that builds that one in
 // place of the module's.
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -13,7 +15,7 @@
 
 #include "condition_test_support.h"
 #include "conditions/network/can_resolve_host.h"
-#include "conditions/network/pass_timer.h"
+#include "conditions/network/shared_resolver.h"
 #include "network/network_provider_interface.h"
 #include "network/network_state.h"
 #include "qv/status.h"
@@ -173,99 +175,122 @@ inline void InjectProvider(ICondition& condition, Product::Integration::INetwork
                      static_cast<Product::Integration::INetworkProvider*>(&provider));
 }
 
-// A pass timer driven by the test: each Pass() lets the condition's thread
-// run one pass and returns once it has finished it.
-class ManualPassTimer final : public Product::Integration::ConditionManager::PassTimer {
-public:
-    explicit ManualPassTimer(uint32_t periodMs) : periodMs(periodMs) {}
-    Wake Wait() override {
-        std::unique_lock lock(mutex_);
-        ++waits_;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return due_ > 0 || stop_; });
-        if (stop_) return Wake::kStop;
-        --due_;
-        ++taken_;
-        return Wake::kPass;
-    }
-    void Stop() override {
-        std::lock_guard lock(mutex_);
-        stop_ = true;
-        changed_.notify_all();
-    }
-    // Runs one pass on the condition's thread; false when it did not finish
-    // within the patience. A pass has finished once the thread that took it
-    // is back waiting: every pass taken is followed by one more Wait.
-    bool Pass() {
-        std::unique_lock lock(mutex_);
-        const size_t target = taken_ + due_ + 1;
-        ++due_;
-        changed_.notify_all();
-        return changed_.wait_for(lock, testing_support::kPatience, [&] { return taken_ >= target && waits_ > taken_; });
-    }
-    const uint32_t periodMs;
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    size_t waits_ = 0;  // Wait calls so far
-    size_t taken_ = 0;  // passes the thread took
-    size_t due_ = 0;    // passes asked for and not taken yet
-    bool stop_ = false;
-};
-
-// Names that resolve, switched by the test; counts the questions. An
-// answer may be held at `answerGate` after it was decided, as a slow DNS
-// server's answer arrives late.
+// Names that resolve, switched by the test; counts the questions. A
+// question about a name made to hang blocks, as on a DNS server that drops
+// packets, until the name is let go; its answer is read when it is let go.
 class FakeNames {
 public:
     void Set(const std::wstring& name, bool resolves) {
         std::lock_guard lock(mutex_);
         names_[name] = resolves;
     }
-    bool Resolve(const std::wstring& name) {
-        bool answer = false;
-        {
-            std::lock_guard lock(mutex_);
-            ++questions_;
-            answer = names_[name];
-        }
-        answerGate.Reach();
-        return answer;
-    }
-    Gate answerGate;
-    int Questions() {
+    void Hang(const std::wstring& name) {
         std::lock_guard lock(mutex_);
-        return questions_;
+        hung_[name] = true;
+    }
+    void LetGo(const std::wstring& name) {
+        std::lock_guard lock(mutex_);
+        hung_[name] = false;
+        changed_.notify_all();
+    }
+    void LetAllGo() {
+        std::lock_guard lock(mutex_);
+        hung_.clear();
+        changed_.notify_all();
+    }
+    bool Resolve(const std::wstring& name) {
+        std::unique_lock lock(mutex_);
+        ++questions_[name];
+        peak_ = std::max(peak_, ++asking_);
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return !hung_[name]; });
+        --asking_;
+        ++answered_[name];
+        changed_.notify_all();
+        return names_[name];
+    }
+    int Questions(const std::wstring& name) {
+        std::lock_guard lock(mutex_);
+        return questions_[name];
+    }
+    // Waits (real time) until `name` was asked at least `count` times in all,
+    // or answered that many times.
+    bool WaitForQuestions(const std::wstring& name, int count) { return WaitFor(questions_, name, count); }
+    bool WaitForAnswers(const std::wstring& name, int count) { return WaitFor(answered_, name, count); }
+    // Questions blocked or running now, and the most there ever were at once.
+    int Asking() {
+        std::lock_guard lock(mutex_);
+        return asking_;
+    }
+    int PeakAsking() {
+        std::lock_guard lock(mutex_);
+        return peak_;
     }
 
 private:
+    bool WaitFor(std::map<std::wstring, int>& counts, const std::wstring& name, int count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, testing_support::kPatience, [&] { return counts[name] >= count; });
+    }
+
     std::mutex mutex_;
+    std::condition_variable changed_;
     std::map<std::wstring, bool> names_;
-    int questions_ = 0;
+    std::map<std::wstring, bool> hung_;
+    std::map<std::wstring, int> questions_;
+    std::map<std::wstring, int> answered_;
+    int asking_ = 0;
+    int peak_ = 0;
 };
 
-// Where the test host-resolution conditions take their timers and names:
-// set by the test before building one, read by the condition's constructor.
+// The resolver the test host-resolution conditions ask: set by the test
+// before building one (and kept until they are gone).
 struct ResolveBench {
-    static inline std::mutex mutex;
-    static inline std::vector<ManualPassTimer*> timers;  // in the order made; owned by the conditions
-    static inline FakeNames* names = nullptr;            // null: real DNS
+    static inline Product::Integration::ConditionManager::SharedResolver* resolver = nullptr;
+};
+
+// A resolver of the test's own asking `names`, or DNS when it is null.
+inline Product::Integration::ConditionManager::SharedResolver::Options ResolverOptions(
+    FakeNames* names, std::chrono::milliseconds period = std::chrono::seconds(60)) {
+    using Product::Integration::ConditionManager::SharedResolver;
+    SharedResolver::Options options;
+    options.resolve = [names](const std::wstring& name) {
+        return names ? names->Resolve(name) : SharedResolver::ResolveByDns(name);
+    };
+    options.period = period;
+    return options;
+}
+
+// Records the answers a resolver gives it; `during`, when set, runs inside the call.
+class ResolverAnswers final : public SharedResolver::Subscriber {
+public:
+    void OnResolved(bool resolves) override {
+        {
+            std::lock_guard lock(mutex_);
+            answers_.push_back(resolves);
+        }
+        changed_.notify_all();
+        if (during) during();
+    }
+    std::vector<bool> Got() const {
+        std::lock_guard lock(mutex_);
+        return answers_;
+    }
+    bool WaitForCount(size_t count) const {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, testing_support::kPatience, [&] { return answers_.size() >= count; });
+    }
+    std::function<void()> during;
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<bool> answers_;
 };
 
 class TestCanResolveHost final : public Product::Integration::ConditionManager::ConditionCanResolveHost {
 public:
-    TestCanResolveHost()
-        : ConditionCanResolveHost(
-              [](uint32_t periodMs) {
-                  auto timer = std::make_unique<ManualPassTimer>(periodMs);
-                  std::lock_guard lock(ResolveBench::mutex);
-                  ResolveBench::timers.push_back(timer.get());
-                  return timer;
-              },
-              [names = ResolveBench::names](const std::wstring& name) {
-                  return names ? names->Resolve(name) : ResolveByDns(name);
-              }) {}
+    TestCanResolveHost() : ConditionCanResolveHost(*ResolveBench::resolver) {}
 };
 
 class ResolveTestManager final : public Product::Integration::ConditionManager::Manager {

@@ -3,86 +3,73 @@
 // resolves through DNS (an A record, or failing that an AAAA record, asked
 // of the servers directly, past any cache).
 //
-// The name is resolved when the condition starts, on every change the
-// network provider reports (the state itself is not read), on every pass of
-// the condition's own thread (every 60 s), and on a value request that asks
-// for recomputation. A pass or a provider change notifies the subscribers
-// when the result differs from the last one.
+// The questions are asked by the process's shared resolver (SharedResolver),
+// never on a caller's thread: when the condition starts, every 60 s, on every
+// change the network provider reports (the state itself is not read) and on
+// a value request that asks for recomputation. Each answer that differs from
+// the stored value is stored and notified, once per flip. Until the first
+// answer arrives the value is false. A recomputation returns the stored
+// value at once; its answer, when it differs, is notified like any other.
+// This departs on purpose from a timer thread per condition that resolves
+// while the caller waits: see shared_resolver.h for why.
 //
-// Thread rules: three threads meet here: the engine (value requests), the
-// provider's listener thread (changes) and the condition's timer thread.
-// Passes (timer, provider change) run one at a time; the last result, which
-// value requests read too, is guarded by a spin flag. A resolution stores
-// its answer only if no resolution that started after it stored first
-// (LatestValue): a value request whose query was slow cannot overwrite the
-// answer of a pass that began later and has been notified. Resolution blocks
-// the calling thread for as long as DNS takes, the provider's listener thread
-// included. Uninit stops and joins the timer thread first, then unsubscribes
-// from the provider (which waits for a notification in progress) and
-// releases its start; it must not run on either of those threads.
-#include <atomic>
+// Thread rules: Init and Uninit on the owner's thread; GetState on the
+// engine's threads; OnNetworkStateChanged on the provider's listener thread;
+// OnResolved on a resolver thread (answers come one at a time). None of them
+// waits for DNS. The stored value is guarded by a mutex; notifications are
+// sent without it. Uninit leaves the resolver first (which waits for an
+// answer being delivered to this condition, unless called from inside that
+// delivery), then unsubscribes from the provider (which waits for a
+// notification in progress) and releases its start; it must not run on the
+// provider's listener thread.
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
-#include "conditions/network/latest_value.h"
-#include "conditions/network/pass_timer.h"
+#include "conditions/network/shared_resolver.h"
 #include "network/network_provider_interface.h"
 
 namespace Product::Integration::ConditionManager {
 
 class ConditionCanResolveHost : public ConditionBaseWithDepends<ConditionBase, INetworkProvider>,
-                                public INetworkProvider::IEvents {
+                                public INetworkProvider::IEvents,
+                                private SharedResolver::Subscriber {
 public:
     static constexpr const wchar_t* kType = L"network.canResolveHost";
-    static constexpr uint32_t kPeriodSeconds = 60;
 
-    // Whether a name resolves; the default asks DNS for A, then AAAA.
-    using Resolver = std::function<bool(const std::wstring& name)>;
-    static bool ResolveByDns(const std::wstring& name);
-
+    // Asks through the process's shared resolver.
     ConditionCanResolveHost();
-    // Tests give their own timer and resolver.
-    ConditionCanResolveHost(PassTimerFactory timers, Resolver resolver);
+    // Tests give their own resolver (its resolve function, period, threads).
+    explicit ConditionCanResolveHost(SharedResolver& resolver);
     ~ConditionCanResolveHost() override;
 
     // Reads "address" (kInvalidParameter), needs a provider
     // (kDependencyNotFound, "cannot found network provider") and its Start
-    // (the provider's status, "failed to acquire network provider"); then resolves once for the first value and starts
-    // the timer thread (kFunctionFailed when it cannot start).
+    // (the provider's status, "failed to acquire network provider"); then
+    // subscribes to the resolver, which asks the name (kFunctionFailed when it
+    // has no thread to ask with). Returns without waiting for the answer.
     [[nodiscard]] int32_t Init(const InitData& data) override;
-    // Stops and joins the timer thread, then unsubscribes from the provider
-    // and releases its start. Idempotent; safe after a failed Init.
+    // Leaves the resolver (an answer still on its way is dropped), then
+    // unsubscribes from the provider and releases its start. Never waits for
+    // DNS. Idempotent; safe after a failed Init.
     void Uninit() override;
+    // The stored value; with `recompute` also asks the name again.
     [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
+    // Asks the name again and returns at once.
     [[nodiscard]] int32_t OnNetworkStateChanged() override;
 
 private:
-    // Resolves again and notifies when the stored result changed.
-    int32_t Pass();
-    bool Resolve() const;
-    bool ReadResult();
-    // Under the spin flag: offers the answer of the resolution holding `ticket`.
-    // True when the stored value changed.
-    bool StoreResult(uint64_t ticket, bool value);
-    void StopTimer();
+    void OnResolved(bool resolves) override;
 
-    PassTimerFactory timers_;
-    Resolver resolver_;
+    SharedResolver& resolver_;
     std::wstring hostName_;
-    uint32_t periodSeconds_ = kPeriodSeconds;
-    std::unique_ptr<PassTimer> timer_;
-    std::thread thread_;
-    std::mutex passLock_;           // one pass at a time, so each flip is notified once
-    std::atomic<int32_t> spin_{0};  // 1 while a thread reads or writes result_
-    LatestValue result_;
+    std::mutex mutex_;  // guards value_
+    bool value_ = false;
     bool started_ = false;
     bool subscribed_ = false;
+    bool asking_ = false;  // subscribed to the resolver
 };
 
 }  // namespace Product::Integration::ConditionManager

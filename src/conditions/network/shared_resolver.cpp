@@ -1,0 +1,261 @@
+#include "conditions/network/shared_resolver.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include "os/dns_query.h"
+#include "os/module.h"
+#include "plugin/log.h"
+
+namespace Product::Integration::ConditionManager {
+namespace {
+constexpr const wchar_t* kStaff = L"Product::Integration::ConditionManager::SharedResolver::Staff";
+constexpr const wchar_t* kRelease = L"Product::Integration::ConditionManager::SharedResolver::Release";
+
+// The subscriber whose OnResolved runs on this thread, if any.
+thread_local SharedResolver::Subscriber* calledHere = nullptr;
+
+// Any object of this binary: its address names the binary to keep loaded.
+constexpr int kInThisModule = 0;
+
+}  // namespace
+
+SharedResolver::SharedResolver(Options options)
+    : resolve_(std::move(options.resolve)),
+      period_(options.period),
+      maxThreads_(std::max<size_t>(1, options.maxThreads)) {}
+
+SharedResolver::~SharedResolver() {
+    std::unique_lock lock(mutex_);
+    ++generation_;
+    free_ = 0;
+    changed_.notify_all();
+    std::unordered_map<std::thread::id, std::thread> threads = std::move(live_);
+    live_.clear();
+    JoinEnded();
+    lock.unlock();
+    for (auto& [id, thread] : threads) thread.join();
+    lock.lock();
+    // Threads let go earlier may still be on their way out.
+    changed_.wait(lock, [this] { return threads_ == 0; });
+    JoinEnded();
+}
+
+bool SharedResolver::ResolveByDns(const std::wstring& name) {
+    return os::HasDnsRecord(name, os::DnsRecordType::kA) || os::HasDnsRecord(name, os::DnsRecordType::kAAAA);
+}
+
+SharedResolver& SharedResolver::Shared() {
+    static SharedResolver* const shared = new SharedResolver(Options{&ResolveByDns});
+    return *shared;
+}
+
+bool SharedResolver::Subscribe(Subscriber* subscriber, const std::wstring& name) {
+    if (!subscriber) return false;
+    std::unique_lock lock(mutex_);
+    if (nameOf_.count(subscriber)) return false;
+    const auto [entry, added] = names_.try_emplace(name);
+    Name& asked = entry->second;
+    asked.subscribers.push_back(subscriber);
+    nameOf_.emplace(subscriber, name);
+    if (!asked.inFlight)
+        asked.due = std::chrono::steady_clock::now();
+    else if (asked.delivering)
+        asked.again = true;  // too late for the answer on its way
+    if (!Staff() && threads_ == 0) {
+        // Nobody would ever ask: refuse rather than stay false silently.
+        nameOf_.erase(subscriber);
+        asked.subscribers.pop_back();
+        if (asked.subscribers.empty() && !asked.inFlight) names_.erase(entry);
+        return false;
+    }
+    changed_.notify_all();
+    return true;
+}
+
+void SharedResolver::Unsubscribe(Subscriber* subscriber) {
+    std::unique_lock lock(mutex_);
+    const auto found = nameOf_.find(subscriber);
+    if (found == nameOf_.end()) return;
+    const auto entry = names_.find(found->second);
+    nameOf_.erase(found);
+    Name& asked = entry->second;
+    asked.subscribers.erase(std::find(asked.subscribers.begin(), asked.subscribers.end(), subscriber));
+    // A name in flight is erased by the thread asking it, once it is done.
+    if (asked.subscribers.empty() && !asked.inFlight) names_.erase(entry);
+    if (calledHere != subscriber && calling_.count(subscriber)) {
+        ++waiting_;
+        changed_.wait(lock, [&] { return calling_.count(subscriber) == 0; });
+        --waiting_;
+    }
+    if (nameOf_.empty()) Release(lock);
+}
+
+void SharedResolver::Refresh(Subscriber* subscriber, Reason reason) {
+    std::unique_lock lock(mutex_);
+    const auto found = nameOf_.find(subscriber);
+    if (found == nameOf_.end()) return;
+    Name& asked = names_.at(found->second);
+    if (asked.inFlight) {
+        // The answer on its way is fresh enough for a value request; after
+        // a network change it may come from the servers of before.
+        if (reason == Reason::kNetworkChanged) asked.again = true;
+        return;
+    }
+    asked.due = std::chrono::steady_clock::now();
+    static_cast<void>(Staff());
+    changed_.notify_all();
+}
+
+size_t SharedResolver::Threads() const {
+    std::lock_guard lock(mutex_);
+    return threads_;
+}
+
+bool SharedResolver::Staff() {
+    JoinEnded();
+    if (free_ > 0 || threads_ >= maxThreads_ || nameOf_.empty()) return true;
+    const uint64_t generation = generation_;
+    try {
+        std::thread thread([this, generation] { Run(generation); });
+        const std::thread::id id = thread.get_id();
+        live_.emplace(id, std::move(thread));
+    } catch (const std::system_error& error) {
+        logging::Log(logging::kError, kStaff, L"cannot start a resolution thread [%d]", error.code().value());
+        return false;
+    }
+    ++threads_;
+    ++free_;
+    return true;
+}
+
+void SharedResolver::Run(uint64_t generation) {
+    std::unique_lock lock(mutex_);
+    while (generation_ == generation) {
+        const auto entry = FindDue(std::chrono::steady_clock::now());
+        if (entry != names_.end()) {
+            --free_;
+            entry->second.inFlight = true;
+            entry->second.again = false;
+            // Someone else watches the clock and takes the next name meanwhile.
+            static_cast<void>(Staff());
+            Ask(lock, entry);
+            if (generation_ != generation) break;
+            ++free_;
+            continue;
+        }
+        if (free_ > 1) {
+            // Another free thread waits already: this one is not needed.
+            --free_;
+            break;
+        }
+        const auto next = NextDue();
+        if (next == std::chrono::steady_clock::time_point::max())
+            changed_.wait(lock);
+        else
+            changed_.wait_until(lock, next);
+    }
+    --threads_;
+    // A place under the limit is free again, for a name waiting for one.
+    if (generation_ != generation) static_cast<void>(Staff());
+    if (const auto own = live_.find(std::this_thread::get_id()); own != live_.end()) {
+        ended_.push_back(std::move(own->second));
+        live_.erase(own);
+    }
+    // The last use of this object by the thread; notified under the lock, so
+    // that the destructor cannot go on before the lock is let go.
+    changed_.notify_all();
+}
+
+void SharedResolver::Ask(std::unique_lock<std::mutex>& lock, Names::iterator entry) {
+    // The entry stays while it is in flight: nothing else erases it.
+    const std::wstring& name = entry->first;
+    Name& asked = entry->second;
+    lock.unlock();
+    const bool resolves = resolve_(name);
+    lock.lock();
+    asked.delivering = true;
+    const std::vector<Subscriber*> receivers = asked.subscribers;
+    for (Subscriber* subscriber : receivers) {
+        // One that left meanwhile is not called.
+        if (std::find(asked.subscribers.begin(), asked.subscribers.end(), subscriber) == asked.subscribers.end())
+            continue;
+        calling_.insert(subscriber);
+        lock.unlock();
+        calledHere = subscriber;
+        subscriber->OnResolved(resolves);
+        calledHere = nullptr;
+        lock.lock();
+        calling_.erase(subscriber);
+        if (waiting_ > 0) changed_.notify_all();
+    }
+    asked.delivering = false;
+    asked.inFlight = false;
+    if (asked.subscribers.empty()) {
+        names_.erase(entry);
+        return;
+    }
+    asked.due = asked.again ? std::chrono::steady_clock::now() : std::chrono::steady_clock::now() + period_;
+    asked.again = false;
+}
+
+SharedResolver::Names::iterator SharedResolver::FindDue(std::chrono::steady_clock::time_point now) {
+    // A scan: the names are as many as the distinct names of the rules.
+    auto earliest = names_.end();
+    for (auto entry = names_.begin(); entry != names_.end(); ++entry) {
+        const Name& asked = entry->second;
+        if (asked.inFlight || asked.due > now) continue;
+        if (earliest == names_.end() || asked.due < earliest->second.due) earliest = entry;
+    }
+    return earliest;
+}
+
+std::chrono::steady_clock::time_point SharedResolver::NextDue() const {
+    auto next = std::chrono::steady_clock::time_point::max();
+    for (const auto& [name, asked] : names_)
+        if (!asked.inFlight) next = std::min(next, asked.due);
+    return next;
+}
+
+void SharedResolver::Release(std::unique_lock<std::mutex>& lock) {
+    ++generation_;
+    free_ = 0;
+    changed_.notify_all();
+    // What is left are names still in flight, none of them subscribed.
+    if (!names_.empty()) {
+        const size_t asking = names_.size();
+        for (auto& [id, thread] : live_) thread.detach();
+        live_.clear();
+        JoinEnded();
+        lock.unlock();
+        const bool pinned = os::PinModuleOf(&kInThisModule);
+        logging::Log(logging::kDetail, kRelease,
+                     L"%zu DNS question(s) still in progress: their threads end on their own (module %s)", asking,
+                     pinned ? L"kept loaded" : L"not pinned");
+        return;
+    }
+    // Every thread is idle: each ends as soon as it sees the new generation.
+    std::unordered_map<std::thread::id, std::thread> threads = std::move(live_);
+    live_.clear();
+    JoinEnded();
+    lock.unlock();
+    for (auto& [id, thread] : threads) {
+        if (id == std::this_thread::get_id())
+            thread.detach();
+        else
+            thread.join();
+    }
+}
+
+void SharedResolver::JoinEnded() {
+    // Ended threads take the lock no more, so they are joined under it.
+    for (std::thread& thread : ended_) {
+        if (thread.get_id() == std::this_thread::get_id())
+            thread.detach();
+        else
+            thread.join();
+    }
+    ended_.clear();
+}
+
+}  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,164 @@
+#pragma once
+// The DNS questions of all host-resolution conditions of the process, asked
+// by a small pool of threads shared by every condition.
+//
+// Why not a thread and a blocking question per condition: a DNS question can
+// take as long as the servers' time-out (many seconds when a server drops
+// packets). Asked on the caller's thread, it stalled the condition's Init (and
+// so a whole rule change), the network provider's notification pass (every
+// other network condition with it), the engine's recomputations and the
+// condition's shut-down, and a thread per condition made the thread count grow
+// with the rules. This departs on purpose from a timer thread per condition
+// and blocking resolution, as the shared file poller does for file
+// conditions: here nothing waits for DNS but the pool's own threads.
+//
+// Model: subscribers are keyed by host name; each name has at most one
+// question in flight, whose answer goes to every subscriber of that name (in
+// subscription order, one subscriber at a time, never two answers of one name
+// at once, so answers arrive in the order they were asked). A name is asked
+//  - when a subscriber joins (Subscribe), unless its question is in flight:
+//    the newcomer then shares the answer on its way, which is as fresh as a
+//    question it would have sent itself;
+//  - `period` after its last answer;
+//  - on Refresh. With Reason::kValueRequest an in-flight question serves as
+//    the fresh one. With Reason::kNetworkChanged an in-flight question may
+//    have gone to the servers of the network before the change, so the name
+//    is asked once more after that answer (any number of changes during one
+//    question give one more question, not one each).
+// A subscriber that joins while the answer of its name is being delivered
+// gets the next answer, which is asked at once.
+//
+// Threads: at most `maxThreads` (4 for the shared instance) at any time, for
+// any number of names. One thread waits for the next due question while
+// there are subscribers (this is the rest level: one thread); a thread that
+// takes a question leaves another waiting if the limit allows, so that a hung
+// question delays neither other names nor the periodic questions. When every
+// pool thread hangs in DNS, further questions wait for one of them to end.
+// When the last subscriber leaves, the idle threads end and are joined at
+// once; threads still in a question cannot be joined without waiting for DNS,
+// so they are let go: each ends on its own when its question returns (its
+// answer is dropped), and the module containing this code is pinned so that
+// it stays loaded while they run. Unsubscribe never waits for DNS.
+//
+// Thread rules: Subscribe, Unsubscribe and Refresh from any thread; OnResolved
+// is called on a pool thread with no lock of the resolver held. After
+// Unsubscribe returns, the subscriber is never called again and no call of it
+// is in progress: Unsubscribe waits for a call of that subscriber that is
+// running. So
+//  - a caller of Unsubscribe must not hold a lock that the subscriber's
+//    OnResolved (or anything notified from it) takes, or both wait for ever;
+//  - called from inside the subscriber's own OnResolved, Unsubscribe does not
+//    wait for itself; the subscriber must then stay alive until OnResolved
+//    has returned.
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace Product::Integration::ConditionManager {
+
+class SharedResolver {
+public:
+    // What the resolver calls; implemented by the host-resolution conditions.
+    class Subscriber {
+    public:
+        // The answer of one question about the subscriber's name.
+        virtual void OnResolved(bool resolves) = 0;
+
+    protected:
+        ~Subscriber() = default;
+    };
+
+    // Whether a name resolves; called on pool threads, may block for long.
+    using ResolveFunction = std::function<bool(const std::wstring& name)>;
+
+    enum class Reason : bool { kValueRequest, kNetworkChanged };
+
+    static constexpr std::chrono::milliseconds kDefaultPeriod = std::chrono::seconds(60);
+    static constexpr size_t kDefaultMaxThreads = 4;
+
+    struct Options {
+        ResolveFunction resolve;
+        std::chrono::milliseconds period = kDefaultPeriod;
+        size_t maxThreads = kDefaultMaxThreads;  // at least 1
+    };
+
+    explicit SharedResolver(Options options);
+    // Must not be called while subscribers remain or a question is in flight
+    // (tests' own instances only: the shared one is never destroyed).
+    ~SharedResolver();
+    SharedResolver(const SharedResolver&) = delete;
+    SharedResolver& operator=(const SharedResolver&) = delete;
+
+    // The resolver of all host-resolution conditions of the process: A, then
+    // AAAA, asked of the DNS servers, every 60 s, with at most 4 threads.
+    // Never destroyed: no static destructor may join a thread (at process
+    // exit the threads may be gone already, and a join would never return).
+    static SharedResolver& Shared();
+    // The shared instance's question: an A record, or failing that an AAAA one.
+    static bool ResolveByDns(const std::wstring& name);
+
+    // Adds `subscriber` for `name` and asks the name (see above). False when
+    // the subscriber is already registered, or when no thread could be
+    // started for the first subscriber (then it is not registered).
+    [[nodiscard]] bool Subscribe(Subscriber* subscriber, const std::wstring& name);
+    // Removes `subscriber` (nothing when it is not registered), waiting for a
+    // call of it in progress (see above); never waits for DNS.
+    void Unsubscribe(Subscriber* subscriber);
+    // Asks the subscriber's name again (see above); nothing when the
+    // subscriber is not registered.
+    void Refresh(Subscriber* subscriber, Reason reason);
+
+    // Pool threads running now, including ones let go that still hang in DNS.
+    size_t Threads() const;
+
+private:
+    struct Name {
+        std::vector<Subscriber*> subscribers;  // in subscription order
+        std::chrono::steady_clock::time_point due;
+        bool inFlight = false;    // a question is asked or its answer delivered
+        bool delivering = false;  // the answer of the question in flight is being delivered
+        bool again = false;       // ask once more after the question in flight
+    };
+    using Names = std::map<std::wstring, Name>;
+
+    void Run(uint64_t generation);
+    // Asks `entry`'s name and delivers the answer; called and returns with `lock` held.
+    void Ask(std::unique_lock<std::mutex>& lock, Names::iterator entry);
+    // A name whose question is due and not in flight, or end().
+    Names::iterator FindDue(std::chrono::steady_clock::time_point now);
+    std::chrono::steady_clock::time_point NextDue() const;
+    // Starts a thread when no thread of the current generation is free to
+    // take the next question and the limit allows. False when none could start.
+    bool Staff();
+    // The last subscriber left: ends the current threads (see above).
+    void Release(std::unique_lock<std::mutex>& lock);
+    // Joins the threads that left their loop; under the lock.
+    void JoinEnded();
+
+    const ResolveFunction resolve_;
+    const std::chrono::milliseconds period_;
+    const size_t maxThreads_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;  // work came due, a call ended, a thread ended or is to end
+    Names names_;
+    std::unordered_map<Subscriber*, std::wstring> nameOf_;
+    std::unordered_set<Subscriber*> calling_;  // whose OnResolved runs now
+    std::unordered_map<std::thread::id, std::thread> live_;  // joinable threads of this object
+    std::vector<std::thread> ended_;                         // threads that left their loop, to join
+    uint64_t generation_ = 0;  // changes whenever the current threads are told to end
+    size_t threads_ = 0;       // threads running, of every generation
+    size_t free_ = 0;          // threads of the current generation not in a question
+    size_t waiting_ = 0;       // Unsubscribe calls waiting for a call to end
+};
+
+}  // namespace Product::Integration::ConditionManager
