@@ -4,8 +4,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -161,14 +161,15 @@ TEST(CanResolveHostDns, AServerThatNeverAnswersDelaysNoCaller) {
                 ConditionPtr first, second;
                 if (!quick([&] {
                         first = manager.CreateCondition(
-                            ParseJson(R"({"type":"network.canResolveHost","data":{"address":"hung.test"}})"), &error, 0);
+                            ParseJson(R"({"type":"network.canResolveHost","data":{"address":"hung.test"}})"), &error,
+                            0);
                         second = manager.CreateCondition(
                             ParseJson(R"({"type":"network.canResolveHost","data":{"address":"other.test"}})"), &error,
                             1);
                     }))
                     failures += "building the conditions waited for DNS\n";
-                ConditionPtr ip =
-                    manager.CreateCondition(ParseJson(R"({"type":"network.IP","data":{"address":"10.1.2.3"}})"), &error, 2);
+                ConditionPtr ip = manager.CreateCondition(
+                    ParseJson(R"({"type":"network.IP","data":{"address":"10.1.2.3"}})"), &error, 2);
                 if (!first || !second || !ip) return failures + "cannot build the conditions\n";
                 Recorder recorder;
                 if (ip->Subscribe(&recorder) != 0) failures += "Subscribe failed\n";

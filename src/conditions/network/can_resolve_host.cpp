@@ -80,8 +80,7 @@ void ConditionCanResolveHost::OnResolved(bool resolves) {
         value_ = resolves;
     }
     // Answers come one at a time, so each flip is notified once and in order.
-    logging::Log(logging::kDetail, kOnResolved, L"[%s] resolves: %s", hostName_.c_str(),
-                 resolves ? L"TRUE" : L"FALSE");
+    logging::Log(logging::kDetail, kOnResolved, L"[%s] resolves: %s", hostName_.c_str(), resolves ? L"TRUE" : L"FALSE");
     static_cast<void>(NotifyChanged(resolves));
 }
 

@@ -230,8 +230,8 @@ void SharedResolver::Release(std::unique_lock<std::mutex>& lock) {
         lock.unlock();
         const bool pinned = os::PinModuleOf(&kInThisModule);
         logging::Log(logging::kDetail, kRelease,
-                     L"%zu DNS question(s) still in progress: their threads end on their own (module %s)", asking,
-                     pinned ? L"kept loaded" : L"not pinned");
+                     L"%u DNS question(s) still in progress: their threads end on their own (module %s)",
+                     static_cast<unsigned>(asking), pinned ? L"kept loaded" : L"not pinned");
         return;
     }
     // Every thread is idle: each ends as soon as it sees the new generation.

@@ -152,13 +152,13 @@ private:
     std::condition_variable changed_;  // work came due, a call ended, a thread ended or is to end
     Names names_;
     std::unordered_map<Subscriber*, std::wstring> nameOf_;
-    std::unordered_set<Subscriber*> calling_;  // whose OnResolved runs now
+    std::unordered_set<Subscriber*> calling_;                // whose OnResolved runs now
     std::unordered_map<std::thread::id, std::thread> live_;  // joinable threads of this object
     std::vector<std::thread> ended_;                         // threads that left their loop, to join
-    uint64_t generation_ = 0;  // changes whenever the current threads are told to end
-    size_t threads_ = 0;       // threads running, of every generation
-    size_t free_ = 0;          // threads of the current generation not in a question
-    size_t waiting_ = 0;       // Unsubscribe calls waiting for a call to end
+    uint64_t generation_ = 0;                                // changes whenever the current threads are told to end
+    size_t threads_ = 0;                                     // threads running, of every generation
+    size_t free_ = 0;                                        // threads of the current generation not in a question
+    size_t waiting_ = 0;                                     // Unsubscribe calls waiting for a call to end
 };
 
 }  // namespace Product::Integration::ConditionManager

@@ -1,0 +1,84 @@
+// cr-host with host-resolution rules while the DNS server takes questions
+// and never answers (a bound UDP socket on 127.0.0.1:53 that nobody reads, in
+// a private network and mount namespace whose resolver configuration names
+// it): the rules are set and the host quits without waiting for DNS.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "host_process.h"
+#include "os/utf8.h"
+#include "support/log_capture.h"
+#include "support/namespace_support_linux.h"
+
+namespace {
+
+using crhost_test::HostProcess;
+using crhost_test::Parse;
+using network_test::ChildOutcome;
+
+constexpr const char* kResolveRules = R"({"rules":[
+  {"id":"r1","displayName":"one","methodSetId":"M","matchIf":{"type":"network.canResolveHost","data":{"address":"one.test"}}},
+  {"id":"r2","displayName":"two","methodSetId":"M","matchIf":{"type":"network.canResolveHost","data":{"address":"two.test"}}}]})";
+
+std::string ScenarioWithSilentServer(const std::string& dir) {
+    const std::string resolv = dir + "/resolv.conf";
+    std::ofstream(resolv) << "nameserver 127.0.0.1\noptions timeout:3 attempts:1\n";
+    std::string failures = network_test::Shell("ip link set lo up");
+    if (::mount(resolv.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
+        return failures + "cannot bind the resolver configuration: " + std::strerror(errno) + "\n";
+    const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(53);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (silent < 0 || ::bind(silent, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return failures + "cannot bind 127.0.0.1:53: " + std::strerror(errno) + "\n";
+
+    const std::wstring state = os::Utf8ToWideLossy(dir + "/state.json"), log = os::Utf8ToWideLossy(dir + "/log.txt");
+    HostProcess host({L"--state", state, L"--log", log});
+    if (!host.Started()) return failures + "cannot start cr-host\n";
+    if (host.Method("SetMethodSet",
+                    Parse(R"({"id":"M","displayName":"M","methods":[{"plugin":"P","method":"m"}]})"))["status"] != 0)
+        failures += "SetMethodSet failed\n";
+    // Each name's questions take 6 s here (two record types, 3 s each).
+    const auto setAt = std::chrono::steady_clock::now();
+    const Json::Value answer = host.Method("SetRules", Parse(kResolveRules));
+    const auto setTook = std::chrono::steady_clock::now() - setAt;
+    if (answer["status"] != 0) failures += "SetRules failed: " + answer.toStyledString();
+    if (setTook > std::chrono::seconds(1)) failures += "SetRules waited for DNS\n";
+
+    const auto quitAt = std::chrono::steady_clock::now();
+    if (host.Host(Parse(R"({"host":"quit"})"))["status"] != 0) failures += "quit failed\n";
+    const std::optional<int> status = host.process().Wait(10'000);
+    const auto quitTook = std::chrono::steady_clock::now() - quitAt;
+    if (status != 0) failures += "cr-host did not end well: " + host.ErrorText() + "\n";
+    if (quitTook > std::chrono::seconds(2)) failures += "quit waited for DNS\n";
+    // The questions were still hanging when the last condition left.
+    if (!testing_support::FileContains(log, L"DNS question(s) still in progress"))
+        failures += "no question was left hanging: is the server silent?\n";
+    ::close(silent);
+    ::umount("/etc/resolv.conf");
+    return failures;
+}
+
+TEST(CrHostResolve, RulesAreSetAndTheHostQuitsWhileDnsNeverAnswers) {
+    testing_support::TempDir dir;
+    const std::string path = os::WideToUtf8Lossy(dir.path());
+    const ChildOutcome outcome = network_test::RunInPrivateNetworkNamespace(
+        [&] { return ScenarioWithSilentServer(path); }, network_test::PrivateMounts::kYes);
+    if (outcome.result == ChildOutcome::Result::kSkipped) GTEST_SKIP() << outcome.report;
+    EXPECT_EQ(outcome.result, ChildOutcome::Result::kPassed) << outcome.report;
+}
+
+}  // namespace
