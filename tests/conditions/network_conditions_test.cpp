@@ -293,7 +293,9 @@ TEST_F(CanResolveHost, AnswersArriveAfterInitAndEachFlipIsNotifiedOnce) {
     // A recomputation answers the stored value at once; the flip its
     // question finds is notified like any other.
     names.Set(name, true);
+    names.Hang(name);
     EXPECT_FALSE(StateOf(*condition, true));
+    names.LetGo(name);
     ASSERT_TRUE(recorder.WaitForCount(3));
     EXPECT_TRUE(StateOf(*condition));
 

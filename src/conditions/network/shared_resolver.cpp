@@ -97,9 +97,10 @@ void SharedResolver::Refresh(Subscriber* subscriber, Reason reason) {
     if (found == nameOf_.end()) return;
     Name& asked = names_.at(found->second);
     if (asked.inFlight) {
-        // The answer on its way is fresh enough for a value request; after
-        // a network change it may come from the servers of before.
-        if (reason == Reason::kNetworkChanged) asked.again = true;
+        // The answer on its way is fresh enough for a value request that
+        // came before it; after a network change it may come from the
+        // servers of before.
+        if (reason == Reason::kNetworkChanged || asked.delivering) asked.again = true;
         return;
     }
     asked.due = std::chrono::steady_clock::now();

@@ -20,13 +20,14 @@
 //    the newcomer then shares the answer on its way, which is as fresh as a
 //    question it would have sent itself;
 //  - `period` after its last answer;
-//  - on Refresh. With Reason::kValueRequest an in-flight question serves as
-//    the fresh one. With Reason::kNetworkChanged an in-flight question may
+//  - on Refresh. With Reason::kValueRequest a question in flight serves as
+//    the fresh one. With Reason::kNetworkChanged a question in flight may
 //    have gone to the servers of the network before the change, so the name
 //    is asked once more after that answer (any number of changes during one
 //    question give one more question, not one each).
-// A subscriber that joins while the answer of its name is being delivered
-// gets the next answer, which is asked at once.
+// A subscriber or a value request that comes while the answer of its name is
+// being delivered came after that answer: the name is asked once more, at
+// once after the delivery.
 //
 // Threads: at most `maxThreads` (4 for the shared instance) at any time, for
 // any number of names. One thread waits for the next due question while
