@@ -12,7 +12,8 @@
 // and blocking resolution, as the shared file poller does for file
 // conditions: here nothing waits for DNS but the pool's own threads.
 //
-// Model: subscribers are keyed by host name; each name has at most one
+// Model: subscribers are keyed by host name (the exact text: names that
+// differ only in letter case are asked separately); each name has at most one
 // question in flight, whose answer goes to every subscriber of that name (in
 // subscription order, one subscriber at a time, never two answers of one name
 // at once, so answers arrive in the order they were asked). A name is asked
@@ -38,8 +39,8 @@
 // When the last subscriber leaves, the idle threads end and are joined at
 // once; threads still in a question cannot be joined without waiting for DNS,
 // so they are let go: each ends on its own when its question returns (its
-// answer is dropped), and the module containing this code is pinned so that
-// it stays loaded while they run. Unsubscribe never waits for DNS.
+// answer goes to whoever subscribed to that name meanwhile, else nowhere), and the module containing this code is
+// pinned so that it stays loaded while they run. Unsubscribe never waits for DNS.
 //
 // Thread rules: Subscribe, Unsubscribe and Refresh from any thread; OnResolved
 // is called on a pool thread with no lock of the resolver held. After
