@@ -97,7 +97,8 @@ def main():
         try:
             figures[name] = measure(valgrind, os.path.join(args.bin, program), bench_filter, function)
         except RuntimeError as error:
-            print(f"{name:<28} {'-':>14} {baseline.get(name, '-'):>14} {'':>8}  FAIL: {error}")
+            shown = f"{baseline[name]:,}" if name in baseline else "-"
+            print(f"{name:<28} {'-':>14} {shown:>14} {'':>8}  FAIL: {error}")
             failed = True
             continue
         base = baseline.get(name)
@@ -109,7 +110,8 @@ def main():
             change = f"{ratio:+.1%}"
             verdict = "pass" if ratio <= args.tolerance else f"FAIL: more than {args.tolerance:.0%} above"
             failed = failed or (ratio > args.tolerance and not args.update_baseline)
-        print(f"{name:<28} {figures[name]:>14,} {base if base is not None else '-':>14} {change:>8}  {verdict}")
+        shown = f"{base:,}" if base is not None else "-"
+        print(f"{name:<28} {figures[name]:>14,} {shown:>14} {change:>8}  {verdict}")
 
     if args.out:
         with open(args.out, "w") as f:
