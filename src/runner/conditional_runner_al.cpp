@@ -114,8 +114,8 @@ int32_t ConditionalRunnerAL::LoadSettings() {
     ++methodSetsVersion_;
     std::list<RuleEntry> entries;
     size_t index = 0;
-    for (qv::ConstListEnumPtr<Rule> e(rules.CreateConstEnum()); e->IsValid(); e->Next(), ++index) {
-        const Rule* rule = e->Current();
+    for (qv::ListEnumPtr<Rule> e(rules.CreateEnum()); e->IsValid(); e->Next(), ++index) {
+        Rule* rule = e->Current();
         int32_t error = 0;
         ConditionManager::ConditionPtr condition = conditionManager_->CreateCondition(rule->matchIf, &error, index);
         if (!condition) {
@@ -126,7 +126,7 @@ int32_t ConditionalRunnerAL::LoadSettings() {
             rules_.clear();
             return error != 0 ? error : qv::status::kFunctionFailed;
         }
-        entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(*rule), std::move(condition)});
+        entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(std::move(*rule)), std::move(condition)});
     }
     DetachFrom(rules_);
     rules_.swap(entries);

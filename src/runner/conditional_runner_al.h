@@ -125,9 +125,16 @@ private:
         RulePtr rule;  // never null
         ConditionManager::ConditionPtr condition;
         uint64_t serial = 0;  // unique among the rules ever installed (see LastRun)
-        // Whether the rule's method set exists, as of methodSetsVersion_.
+        // The rule's method set in methodSets_ (null when it has none), as of
+        // methodSetsVersion_: every change of the map changes the version, so
+        // the pointer is never used after its entry went.
         uint64_t methodSetCheckedAt = 0;
-        bool methodSetKnown = false;
+        const Method* methodSet = nullptr;
+    };
+    // A true rule of a pass and its method set (in methodSets_).
+    struct TrueRule {
+        LastRun::Installed installed;
+        const Method* methodSet;
     };
     using OnMethodSetsRunEvent = qv::Event<
         qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
@@ -159,8 +166,8 @@ private:
     using RulesOfRun = std::map<const MethodRunData*, std::vector<const Rule*>>;
 
     // The phases of a pass, under the lock.
-    std::vector<LastRun::Installed> CollectTrueRules(bool invalidateCache);
-    static int32_t GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries, qv::List<MethodRunData>& toRun,
+    std::vector<TrueRule> CollectTrueRules(bool invalidateCache);
+    static int32_t GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
                                     RulesOfRun& rulesOf);
     PassEnd RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf, bool& leftUnapplied);
     // Runs one method set; fills the run's status, response and output.

@@ -1,6 +1,7 @@
 // One evaluation pass: which rules are true, whether that changed since the
 // last run, and the method-set runs that follow.
 #include <map>
+#include <unordered_map>
 #include <vector>
 
 #include <json/reader.h>
@@ -63,45 +64,53 @@ ConditionalRunnerAL::RunOutcome ConditionalRunnerAL::RunMethod(const std::wstrin
     return outcome;
 }
 
-std::vector<LastRun::Installed> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache) {
+std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache) {
     // Nothing is copied until the pass knows that something changed.
-    std::vector<LastRun::Installed> trueEntries;
-    trueEntries.reserve(rules_.size());
+    std::vector<TrueRule> trueRules;
+    trueRules.reserve(rules_.size());
     for (RuleEntry& entry : rules_) {
         if (!entry.condition) continue;
         bool state = false;
         const int32_t status = entry.condition->GetState(&state, invalidateCache);
-        logging::Log(logging::kDetail, kReEvalRules, L"Rule with id %s has state %s", entry.rule->rule.id.c_str(),
+        logging::Log(logging::kDetail, kReEvalRules, L"Rule with id %s has state %s", entry.rule->rule().id.c_str(),
                      state ? L"true" : L"false");
         if (status != 0 || !state) continue;
         if (entry.methodSetCheckedAt != methodSetsVersion_) {
-            entry.methodSetKnown = methodSets_.find(entry.rule->rule.methodSetId) != methodSets_.end();
+            const auto found = methodSets_.find(entry.rule->rule().methodSetId);
+            entry.methodSet = found == methodSets_.end() ? nullptr : &found->second;
             entry.methodSetCheckedAt = methodSetsVersion_;
         }
-        if (!entry.methodSetKnown) {
+        if (!entry.methodSet) {
             logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found",
-                         entry.rule->rule.methodSetId.c_str());
+                         entry.rule->rule().methodSetId.c_str());
             continue;
         }
-        trueEntries.push_back(LastRun::Installed{&entry.rule, entry.serial});
+        trueRules.push_back(TrueRule{LastRun::Installed{&entry.rule, entry.serial}, entry.methodSet});
     }
-    return trueEntries;
+    return trueRules;
 }
 
-int32_t ConditionalRunnerAL::GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries,
-                                              qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf) {
-    std::map<std::wstring, MethodRunData*> runOf;  // the run of each method set in `toRun`
-    for (const LastRun::Installed& installed : trueEntries) {
-        const Rule& rule = (*installed.rule)->rule;
-        MethodRunData*& run = runOf[rule.methodSetId];
-        if (!run) {
+int32_t ConditionalRunnerAL::GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
+                                              RulesOfRun& rulesOf) {
+    // The run of each method set in `toRun` and the rules that asked for it,
+    // found by the method set's entry rather than by its id.
+    struct Group {
+        MethodRunData* run;
+        std::vector<const Rule*>* rules;
+    };
+    std::unordered_map<const Method*, Group> groupOf;
+    for (const TrueRule& trueRule : trueRules) {
+        const Rule& rule = (*trueRule.installed.rule)->rule();
+        Group& group = groupOf[trueRule.methodSet];
+        if (!group.run) {
             MethodRunData created;
             created.methodSetId = rule.methodSetId;
             if (toRun.AddTail(created) != 0) return qv::status::kNotEnoughMemory;
-            run = toRun.GetTail();  // list elements stay where they are
+            group.run = toRun.GetTail();  // list elements stay where they are
+            group.rules = &rulesOf[group.run];
         }
-        if (run->ruleIds.AddTail(rule.id) != 0) return qv::status::kNotEnoughMemory;
-        rulesOf[run].push_back(&rule);
+        if (group.run->ruleIds.AddTail(rule.id) != 0) return qv::status::kNotEnoughMemory;
+        group.rules->push_back(&rule);
     }
     return 0;
 }
@@ -158,7 +167,10 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     const bool invalidateCache = invalidateCache_.exchange(false);
     logging::Log(logging::kDetail, kReEvalRules, L"Invalidate cache is %d.", invalidateCache ? 1 : 0);
 
-    const std::vector<LastRun::Installed> trueEntries = CollectTrueRules(invalidateCache);
+    const std::vector<TrueRule> trueRules = CollectTrueRules(invalidateCache);
+    std::vector<LastRun::Installed> trueEntries;
+    trueEntries.reserve(trueRules.size());
+    for (const TrueRule& trueRule : trueRules) trueEntries.push_back(trueRule.installed);
     // The same rules true in the same order as at the last run: nothing to do.
     if (lastRun_.Matches(trueEntries)) {
         logging::Log(logging::kDetail, kReEvalRules, L"Nothing changed from the last run");
@@ -168,7 +180,7 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     // One run per method set, in order of first appearance, naming its rules.
     qv::List<MethodRunData> toRun;
     RulesOfRun rulesOf;
-    if (const int32_t status = GroupByMethodSet(trueEntries, toRun, rulesOf); status != 0) return status;
+    if (const int32_t status = GroupByMethodSet(trueRules, toRun, rulesOf); status != 0) return status;
     if (const int32_t status = lastRun_.Set(trueEntries); status != 0) return status;
     // True on disk exactly while method sets may be half run.
     static_cast<void>(store_.SaveMethodsRunStarted(true));  // a failure is logged by the store

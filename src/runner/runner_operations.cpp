@@ -2,6 +2,7 @@
 // the settings tree in step under the runner's lock, and asks for an
 // evaluation where the change can alter what should run.
 #include <algorithm>
+#include <vector>
 
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -45,7 +46,8 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
     // is left out and reported; a type this module does not know is reported
     // only, every other failure is the operation's too (the last one wins).
     std::list<RuleEntry> entries;
-    qv::List<Rule> kept;
+    std::vector<RulePtr> kept;  // the records saved, shared with `entries`
+    kept.reserve(rules.Count());
     int32_t index = 0;
     for (qv::ConstListEnumPtr<Rule> e(rules.CreateConstEnum()); e->IsValid(); e->Next(), ++index) {
         const Rule& rule = *e->Current();
@@ -60,8 +62,8 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
             if (error != qv::status::kCallNotImplemented) remembered = error;
             continue;
         }
-        if (const int32_t status = kept.AddTail(rule); status != 0) return status;
         entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(rule), std::move(condition)});
+        kept.push_back(entries.back().rule);
     }
     // Stored first: when that fails the old rules stay, in memory and stored.
     if (const int32_t status = store_.SaveRules(RunnerStore::kRulesPath, kept); status != 0) {
@@ -88,7 +90,7 @@ int32_t ConditionalRunnerAL::GetRules(qv::IList<Rule>& rules) {
     logging::CallTrace trace(kGetRules);
     std::lock_guard lock(lock_);
     for (const RuleEntry& entry : rules_)
-        if (const int32_t status = rules.AddTail(entry.rule->rule); status != 0) return status;
+        if (const int32_t status = rules.AddTail(entry.rule->rule()); status != 0) return status;
     return 0;
 }
 
@@ -265,8 +267,8 @@ int32_t ConditionalRunnerAL::NavigateRulesById(const std::wstring& id, IRuleVisi
     logging::CallTrace trace(kNavigateRulesById);
     std::lock_guard lock(lock_);
     for (const RuleEntry& entry : rules_) {
-        if (entry.rule->rule.id != id) continue;
-        visitor.Visit(entry.rule->rule);
+        if (entry.rule->rule().id != id) continue;
+        visitor.Visit(entry.rule->rule());
         return 0;
     }
     return qv::status::kNotFound;
