@@ -106,6 +106,7 @@ public:
     // The module's own extensions.
     [[nodiscard]] int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets,
                                                 qv::IList<RuleError>& errors) override;
+    [[nodiscard]] int32_t TakeRules(qv::IList<Rule>& rules, qv::IList<RuleError>& errors) override;
     void SetStopWaitTimeout(uint32_t milliseconds) override { stopWaitTimeoutMs_ = milliseconds; }
 
     // A rule's condition changed: asks for an evaluation. Any thread.
@@ -139,11 +140,18 @@ private:
     using OnMethodSetsRunEvent = qv::Event<
         qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
 
+    // Where new rules come from: a list to copy them from, or one whose
+    // rules are moved into the runner.
+    struct NewRules {
+        const qv::IList<Rule>* copyFrom = nullptr;
+        qv::IList<Rule>* takeFrom = nullptr;
+    };
     // Replaces the rules (the console's SetRules without its signal). Returns
     // the failure that left everything as it was (the rules could not be
     // saved); `remembered` gets the error of the rules left out, as the
     // operation reports it.
-    int32_t SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors, int32_t& remembered);
+    int32_t SetRulesLocked(NewRules rules, qv::IList<RuleError>& errors, int32_t& remembered);
+    int32_t SetRules(NewRules rules, qv::IList<RuleError>& errors);
     // Stores every method set that can be stored, in order; the first error.
     int32_t SetMethodsLocked(const qv::IList<Method>& methodSets);
     // Saves `lastRun_` as it is now; the error, logged by the store.
