@@ -164,12 +164,6 @@ private:
     // Asks for an evaluation and wakes a runner paused by a console update
     // (in memory only: the stored flag stays). Under the lock.
     void SignalEvaluation();
-    // What a method-set run told beyond its status and response.
-    struct RunOutcome {
-        bool notConnected = false;
-        bool agentNotFound = false;
-        bool givenUp = false;  // Stop gave the run up; nothing more may happen
-    };
     enum class PassEnd { kCompleted, kGivenUp };
     using RulesOfRun = std::map<const MethodRunData*, std::vector<const Rule*>>;
 
@@ -177,9 +171,12 @@ private:
     std::vector<TrueRule> CollectTrueRules(bool invalidateCache);
     static int32_t GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
                                     RulesOfRun& rulesOf);
+    // Runs the method sets of `toRun` in order, all on one run thread, and
+    // fills each run's status, response and output.
     PassEnd RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf, bool& leftUnapplied);
-    // Runs one method set; fills the run's status, response and output.
-    RunOutcome RunMethod(const std::wstring& methodSetId, MethodRunData& run);
+    // The policy runner's request for a method set, built from its stored
+    // node; the reading's error when that cannot be read.
+    int32_t MakeRequest(const std::wstring& methodSetId, std::wstring& request);
     void RunEvaluationThread();
     void ReleaseServiceControls();
 

@@ -1,6 +1,7 @@
 // One evaluation pass: which rules are true, whether that changed since the
 // last run, and the method-set runs that follow.
 #include <map>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
@@ -39,29 +40,15 @@ Json::Value ParseResponse(const std::wstring& response) {
 }
 }  // namespace
 
-ConditionalRunnerAL::RunOutcome ConditionalRunnerAL::RunMethod(const std::wstring& methodSetId, MethodRunData& run) {
-    logging::CallTrace trace(kRunMethod);
+int32_t ConditionalRunnerAL::MakeRequest(const std::wstring& methodSetId, std::wstring& request) {
     logging::Log(logging::kDetail, kRunMethod, L"Try to run method [%s]", methodSetId.c_str());
-    RunOutcome outcome;
     Method stored;
-    if (const int32_t status = store_.ReadMethod(methodSetId, stored); status != 0) {
-        run.status = status;
-        return outcome;
-    }
-    Json::Value request(Json::objectValue);
-    request["methods"] = stored.methods;
-    if (!stored.context.isNull()) request["context"] = stored.context;
-    PolicyRun policyRun(*policyRunner_.get(), os::Utf8ToWideLossy(request.toStyledString()), kCaller);
-    if (policyRun.Wait(giveUpRun_) == PolicyRun::Outcome::kGivenUp) {
-        outcome.givenUp = true;
-        return outcome;
-    }
-    run.status = policyRun.status();
-    run.runOutput = std::move(policyRun.details());
-    run.response = ParseResponse(policyRun.response());
-    outcome.notConnected = policyRun.agent().notConnected();
-    outcome.agentNotFound = policyRun.agent().agentNotFound();
-    return outcome;
+    if (const int32_t status = store_.ReadMethod(methodSetId, stored); status != 0) return status;
+    Json::Value document(Json::objectValue);
+    document["methods"] = stored.methods;
+    if (!stored.context.isNull()) document["context"] = stored.context;
+    request = os::Utf8ToWideLossy(document.toStyledString());
+    return 0;
 }
 
 std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache) {
@@ -117,6 +104,18 @@ int32_t ConditionalRunnerAL::GroupByMethodSet(const std::vector<TrueRule>& trueR
 
 ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf,
                                                          bool& leftUnapplied) {
+    logging::CallTrace trace(kRunMethod);
+    // The runs whose method set exists, each with the index of its request
+    // (kNoRequest when its stored node could not be read: its status is then
+    // that error and nothing is submitted).
+    constexpr size_t kNoRequest = static_cast<size_t>(-1);
+    struct Pending {
+        MethodRunData* run;
+        const Method* methodSet;
+        size_t request;
+    };
+    std::vector<Pending> pending;
+    std::vector<std::wstring> requests;
     for (qv::ListEnumPtr<MethodRunData> e(toRun.CreateEnum()); e->IsValid(); e->Next()) {
         MethodRunData& run = *e->Current();
         const auto found = methodSets_.find(run.methodSetId);
@@ -125,21 +124,44 @@ ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>
             run.status = qv::status::kNotFound;
             continue;
         }
-        const RunOutcome outcome = RunMethod(run.methodSetId, run);
+        std::wstring request;
+        if (const int32_t status = MakeRequest(run.methodSetId, request); status != 0) {
+            run.status = status;
+            pending.push_back(Pending{&run, &found->second, kNoRequest});
+            continue;
+        }
+        pending.push_back(Pending{&run, &found->second, requests.size()});
+        requests.push_back(std::move(request));
+    }
+    std::unique_ptr<PolicyRun> runs;
+    if (!requests.empty()) {
+        runs = std::make_unique<PolicyRun>(*policyRunner_.get(), std::move(requests), kCaller);
         // Given up by a Stop whose time limit passed: nothing more runs, is
         // reported or saved. The stored flag still says a run was under way,
         // so a restart runs every true rule again.
-        if (outcome.givenUp) return PassEnd::kGivenUp;
+        if (runs->Wait(giveUpRun_) == PolicyRun::Outcome::kGivenUp) return PassEnd::kGivenUp;
+    }
+    for (const Pending& entry : pending) {
+        MethodRunData& run = *entry.run;
+        bool notConnected = false;
+        bool agentNotFound = false;
+        if (entry.request != kNoRequest) {
+            run.status = runs->status(entry.request);
+            run.runOutput = std::move(runs->details(entry.request));
+            run.response = ParseResponse(runs->response(entry.request));
+            notConnected = runs->agent(entry.request).notConnected();
+            agentNotFound = runs->agent(entry.request).agentNotFound();
+        }
         logging::Log(logging::kDetail, kReEvalRules, L"Running methodSetId %s, err = %i", run.methodSetId.c_str(),
                      run.status);
-        const std::wstring& name = found->second.displayName;
-        if (outcome.notConnected)
+        const std::wstring& name = entry.methodSet->displayName;
+        if (notConnected)
             logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error 2250",
                          name.c_str());
-        if (outcome.agentNotFound)
+        if (agentNotFound)
             logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error AGENT_NOT_FOUND",
                          name.c_str());
-        if (outcome.notConnected || outcome.agentNotFound) {
+        if (notConnected || agentNotFound) {
             // The run did not reach its target: its rules count as changed
             // at the next pass, which a later signal brings.
             lastRun_.Forget(rulesOf[&run]);
