@@ -144,7 +144,10 @@ int32_t ConditionalRunnerAL::Start() {
         std::lock_guard lock(lock_);
         qv::List<Rule> lastRun;
         if (const int32_t status = store_.ReadLastRunRules(lastRun); status != 0) return status;
-        if (const int32_t status = lastRun_.Restore(lastRun); status != 0) return status;
+        std::vector<RulePtr> installed;
+        installed.reserve(rules_.size());
+        for (const RuleEntry& entry : rules_) installed.push_back(entry.rule);
+        if (const int32_t status = lastRun_.Restore(lastRun, installed); status != 0) return status;
         bool enabled = true;
         if (store_.ReadEnabled(enabled) == 0 && !enabled) {
             lastRun_.Clear();

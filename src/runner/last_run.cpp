@@ -2,17 +2,26 @@
 
 #include <algorithm>
 #include <new>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "qv/status.h"
 
 namespace Product::Integration::ConditionalRunner {
 
-int32_t LastRun::Restore(const qv::IList<Rule>& stored) {
+int32_t LastRun::Restore(const qv::IList<Rule>& stored, const std::vector<RulePtr>& installed) {
     Clear();
     try {
+        std::unordered_multimap<std::wstring_view, const RulePtr*> byId;
+        byId.reserve(installed.size());
+        for (const RulePtr& record : installed) byId.emplace(record->rule().id, &record);
         rules_.reserve(stored.Count());
-        stored.ForEach([&](const Rule& rule) { rules_.push_back(std::make_shared<const RuleRecord>(rule)); });
+        stored.ForEach([&](const Rule& rule) {
+            const auto [first, last] = byId.equal_range(rule.id);
+            const auto same = std::find_if(first, last, [&](const auto& entry) { return (*entry.second)->rule() == rule; });
+            rules_.push_back(same != last ? *same->second : std::make_shared<const RuleRecord>(rule));
+        });
     } catch (const std::bad_alloc&) {
         Clear();
         return qv::status::kNotEnoughMemory;
