@@ -1,9 +1,14 @@
 // The runner's costs as the number of rules grows: an evaluation that finds
-// nothing changed, one in which a single rule flips, replacing all rules
-// (persistence included), and starting over stored rules.
+// nothing changed, one in which a single rule flips (over the reference
+// settings store, and over a store that keeps nothing, which leaves the
+// runner's own share), replacing all rules (persistence included), starting
+// over stored rules, and the memory that installed rules take.
 #include <benchmark/benchmark.h>
 #include <json/reader.h>
+#include <malloc.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -12,9 +17,11 @@
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "host/settings_store.h"
+#include "network/network_provider.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
+#include "qv/status.h"
 #include "runner/conditional_runner_al.h"
 
 namespace {
@@ -47,11 +54,72 @@ private:
     std::filesystem::path path_;
 };
 
+// Settings that read from the reference store in a file and, once Discard()
+// was called, take every write and keep nothing: the method sets stored while
+// setting up stay readable, and what the runner saves later costs only the
+// runner's own share (making the value and handing it over).
+class DiscardingSettings final : public IEPSettings {
+public:
+    explicit DiscardingSettings(std::unique_ptr<host::SettingsStore> store) : store_(std::move(store)) {}
+    void Discard() { discard_ = true; }
+
+    void* QueryInterface(const GUID& iid) override {
+        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IEPSettings::iid)
+                   ? static_cast<IEPSettings*>(this)
+                   : nullptr;
+    }
+    int32_t OpenForRead(const wchar_t* path, IEPSettingsNode** node) override {
+        return store_->OpenForRead(path, node);
+    }
+    int32_t OpenForWrite(const wchar_t* path, IEPSettingsNode** node) override {
+        if (!discard_) return store_->OpenForWrite(path, node);
+        *node = new NullNode;
+        return 0;
+    }
+
+private:
+    struct NullNode final : IEPSettingsNode {
+        int32_t GetString(const wchar_t*, std::wstring&) override { return qv::status::kNotFound; }
+        int32_t SetString(const wchar_t*, const std::wstring&) override { return 0; }
+        int32_t GetBool(const wchar_t*, bool&) override { return qv::status::kNotFound; }
+        int32_t SetBool(const wchar_t*, bool) override { return 0; }
+        int32_t GetJson(const wchar_t*, Json::Value&) override { return qv::status::kNotFound; }
+        int32_t SetJson(const wchar_t*, const Json::Value&) override { return 0; }
+        int32_t GetChildNames(std::vector<std::wstring>& names) override {
+            names.clear();
+            return 0;
+        }
+        int32_t RemoveChild(const wchar_t*) override { return qv::status::kNotFound; }
+        int32_t Commit() override { return 0; }
+        void Release() override { delete this; }
+    };
+
+    std::unique_ptr<host::SettingsStore> store_;
+    bool discard_ = false;
+};
+
+// Which network provider the conditions see.
+enum class Network { kStandIn, kMachine };
+// Which settings store the runner writes to.
+enum class Store { kReference, kDiscarding };
+
 // A runner over the reference host and a settings file in `scratch`.
 class Bench {
 public:
-    explicit Bench(const Scratch& scratch) : host_(true, OpenStore(scratch.File(L"settings.json"))) {
-        host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
+    explicit Bench(const Scratch& scratch, Network network = Network::kStandIn, Store store = Store::kReference)
+        : host_(true, store == Store::kReference ? OpenStore(scratch.File(L"settings.json")) : nullptr) {
+        if (store == Store::kDiscarding) {
+            discarding_ = std::make_unique<DiscardingSettings>(OpenStore(scratch.File(L"settings.json")));
+            host_.components().Register(host::ReferenceHost::kSettingsName, discarding_.get());
+        }
+        if (network == Network::kMachine) {
+            machine_ = std::make_unique<Product::Integration::NetworkProvider>();
+            Check(machine_->Init(host_.main()));
+            host_.components().Register(host::NetworkProviderStandIn::kName,
+                                        static_cast<Product::Integration::INetworkProvider*>(machine_.get()));
+        } else {
+            host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
+        }
         host_.components().Register(qv::names::kConditionManager, static_cast<IServPlugin*>(&manager_));
         Check(manager_.Init(host_.main()));
         Check(runner_.Init(host_.main()));
@@ -62,6 +130,10 @@ public:
     }
 
     ConditionalRunnerAL& runner() { return runner_; }
+    // From now on the store keeps nothing (Store::kDiscarding only).
+    void DiscardWrites() {
+        if (discarding_) discarding_->Discard();
+    }
     static void Check(int32_t status) {
         if (status != 0) std::abort();
     }
@@ -72,8 +144,10 @@ private:
         return host::SettingsStore::Open(file, error);
     }
 
+    std::unique_ptr<DiscardingSettings> discarding_;
     host::ReferenceHost host_;
     host::NetworkProviderStandIn provider_;
+    std::unique_ptr<Product::Integration::NetworkProvider> machine_;
     Manager manager_;
     ConditionalRunnerAL runner_;
 };
@@ -126,11 +200,12 @@ BENCHMARK(BM_EvaluationWithNothingChanged)->Arg(100)->Arg(1000)->Arg(10000)->Uni
 // Every rule is true. Every pass asks each condition afresh (as after the
 // service connected) and finds rule 0 flipped: its method set runs and the
 // last run is stored.
-void BM_EvaluationWithOneRuleFlipped(benchmark::State& state) {
+void OneRuleFlipped(benchmark::State& state, Store store) {
     Scratch scratch;
-    Bench bench(scratch);
+    Bench bench(scratch, Network::kStandIn, store);
     const std::wstring watched = scratch.File(L"watched");
     SetUp(bench.runner(), static_cast<size_t>(state.range(0)), watched, Mix::kAllTrue);
+    bench.DiscardWrites();
     bool present = false;
     for (auto _ : state) {
         state.PauseTiming();
@@ -144,7 +219,13 @@ void BM_EvaluationWithOneRuleFlipped(benchmark::State& state) {
         Bench::Check(bench.runner().ReEvalRules());
     }
 }
+
+void BM_EvaluationWithOneRuleFlipped(benchmark::State& state) { OneRuleFlipped(state, Store::kReference); }
 BENCHMARK(BM_EvaluationWithOneRuleFlipped)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+// The same over a store that keeps nothing: the runner's own share.
+void BM_EvaluationWithOneRuleFlippedNullStore(benchmark::State& state) { OneRuleFlipped(state, Store::kDiscarding); }
+BENCHMARK(BM_EvaluationWithOneRuleFlippedNullStore)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 void BM_SetRules(benchmark::State& state) {
     Scratch scratch;
@@ -173,6 +254,78 @@ void BM_StartOverStoredRules(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_StartOverStoredRules)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
+
+// What the process holds: the heap in use (allocator's count) and the
+// resident set (from /proc), in bytes.
+struct Footprint {
+    double heap = 0;
+    double resident = 0;
+
+    static Footprint Now() {
+        const struct mallinfo2 info = mallinfo2();
+        Footprint now;
+        now.heap = static_cast<double>(info.uordblks + info.hblkhd);
+        long pages = 0;
+        long residentPages = 0;
+        if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+            if (std::fscanf(statm, "%ld %ld", &pages, &residentPages) != 2) residentPages = 0;
+            std::fclose(statm);
+        }
+        now.resident = static_cast<double>(residentPages) * static_cast<double>(sysconf(_SC_PAGESIZE));
+        return now;
+    }
+};
+
+// Typical rules: each is the AND of an address and a DNS suffix condition,
+// watching the machine's own network through the module's provider.
+qv::List<Rule> MakeNetworkRules(size_t count) {
+    qv::List<Rule> rules;
+    for (size_t i = 0; i < count; ++i) {
+        const std::string address = "10." + std::to_string(i / 256 % 256) + "." + std::to_string(i % 256) + ".0/24";
+        const std::string suffix = "site" + std::to_string(i) + ".corp.example.com";
+        const Json::Value matchIf = Parse(R"({"type":"boolean.AND","data":{"conditions":[)"
+                                          R"({"type":"network.IP","data":{"address":")" +
+                                          address + R"("}},{"type":"network.DNSSuffix","data":{"suffix":")" + suffix +
+                                          R"("}}]}})");
+        Bench::Check(rules.AddTail(Rule{L"rule" + std::to_wstring(i), L"Rule " + std::to_wstring(i),
+                                        L"set" + std::to_wstring(i % 100), matchIf}));
+    }
+    return rules;
+}
+
+// The memory that `count` installed typical rules take, all included (the
+// rule records and their JSON, the condition trees with their queues and
+// subscriptions, the stored state after a first pass), per rule. Counters:
+// heap_per_rule (bytes in use by the allocator) and rss_per_rule (resident
+// set growth). One iteration in a fresh process gives the steadiest figures:
+// run this benchmark alone (--benchmark_filter=BM_MemoryPerRule).
+void BM_MemoryPerRule(benchmark::State& state) {
+    const auto count = static_cast<size_t>(state.range(0));
+    Scratch scratch;
+    Footprint before;
+    Footprint after;
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto bench = std::make_unique<Bench>(scratch, Network::kMachine);
+        AddMethodSets(bench->runner());
+        qv::List<Rule> rules = MakeNetworkRules(count);
+        before = Footprint::Now();
+        state.ResumeTiming();
+        {
+            qv::List<RuleError> errors;
+            Bench::Check(bench->runner().SetRules(rules, errors));
+            Bench::Check(bench->runner().ReEvalRules());
+        }
+        state.PauseTiming();
+        after = Footprint::Now();
+        bench.reset();
+        state.ResumeTiming();
+    }
+    const double n = static_cast<double>(count);
+    state.counters["heap_per_rule"] = benchmark::Counter((after.heap - before.heap) / n);
+    state.counters["rss_per_rule"] = benchmark::Counter((after.resident - before.resident) / n);
+}
+BENCHMARK(BM_MemoryPerRule)->Arg(1000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

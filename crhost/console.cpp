@@ -125,8 +125,8 @@ void Console::Reject(uint64_t line, const std::string& reason) {
     output_.Write(out);
 }
 
-void Console::RunMethod(const Json::Value& in, Json::Value& out) {
-    const Json::Value* request = nullptr;
+void Console::RunMethod(Json::Value& in, Json::Value& out) {
+    Json::Value* request = nullptr;
     if (in.isMember("request")) {
         request = &in["request"];
         if (!request->isObject()) {
@@ -235,7 +235,7 @@ int32_t Console::PolicyResult(const Json::Value& in, Json::Value& out) {
 
 int32_t Console::CurrentRules(Json::Value& rules, Json::Value& out) {
     Json::Value response;
-    const Json::Value request(Json::objectValue);
+    Json::Value request(Json::objectValue);
     const int32_t status = hosted_.Command(L"GetRules", &request, response);
     if (status != 0) return Fail(out, status, "the module did not give its rules");
     rules = response["rules"];

@@ -60,7 +60,7 @@ private:
     static const HostAction kHostActions[];
 
     void Reject(uint64_t line, const std::string& reason);
-    void RunMethod(const Json::Value& in, Json::Value& out);
+    void RunMethod(Json::Value& in, Json::Value& out);  // hands in["request"] over
     Next RunHostAction(const Json::Value& in, Json::Value& out);
 
     // The module's current rules in order (the console's "GetRules").

@@ -1,5 +1,6 @@
 #include "hosted_module.h"
 
+#include <utility>
 #include <optional>
 
 #include "host/method_call.h"
@@ -116,13 +117,13 @@ EnterpriseIntegration::IAgent* HostedModule::agent() {
     return host_.agents().FindAgent(qv::names::AgentName().c_str());
 }
 
-int32_t HostedModule::Command(const std::wstring& method, const Json::Value* request, Json::Value& response) {
+int32_t HostedModule::Command(const std::wstring& method, Json::Value* request, Json::Value& response) {
     // The agent would read the name only up to a NUL: no command holds one.
     if (method.find(L'\0') != std::wstring::npos) return qv::status::kNotSupported;
     EnterpriseIntegration::IAgent* found = agent();
     if (!found) return qv::status::kNotFound;
     host::MethodCall call(qv::names::AgentName(), method.c_str(),
-                          request ? std::optional<Json::Value>(*request) : std::nullopt);
+                          request ? std::optional<Json::Value>(std::move(*request)) : std::nullopt);
     found->RunPolicyMethod(&call);
     if (call.response()) response = *call.response();
     return call.GetResult();

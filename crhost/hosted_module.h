@@ -61,10 +61,11 @@ public:
     EnterpriseIntegration::IAgent* agent();
     // One console command through the agent, as the host routes it: its
     // status, with the agent's response in `response`. `request` may be null
-    // (the call then has none). A `method` holding NUL is answered
+    // (the call then has none); it is moved into the call, not copied, and
+    // left null. A `method` holding NUL is answered
     // kNotSupported without reaching the agent, which reads the name as a C
     // string. kNotFound when the agent is not registered.
-    int32_t Command(const std::wstring& method, const Json::Value* request, Json::Value& response);
+    int32_t Command(const std::wstring& method, Json::Value* request, Json::Value& response);
     // The module's condition manager; null before Start.
     Product::Integration::ConditionManager::IManager* conditionManager() { return conditionManager_; }
     // True when the network provider is the host's stand-in.

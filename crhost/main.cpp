@@ -72,10 +72,11 @@ Json::Value PolicyRunLine(const host::PolicyRunner::Run& run) {
 
 // What the module resumed from `stateFile`, as the module itself reports it.
 std::wstring ResumedState(crhost::HostedModule& hosted, const std::wstring& stateFile) {
-    const Json::Value request(Json::objectValue);
+    Json::Value rulesRequest(Json::objectValue);
+    Json::Value idsRequest(Json::objectValue);
     Json::Value rules, ids;
-    const int32_t rulesStatus = hosted.Command(L"GetRules", &request, rules);
-    const int32_t idsStatus = hosted.Command(L"GetMethodSetIds", &request, ids);
+    const int32_t rulesStatus = hosted.Command(L"GetRules", &rulesRequest, rules);
+    const int32_t idsStatus = hosted.Command(L"GetMethodSetIds", &idsRequest, ids);
     if (rulesStatus != 0 || idsStatus != 0)
         return L"resumed from " + stateFile + L", but the module does not tell what (status " +
                std::to_wstring(rulesStatus != 0 ? rulesStatus : idsStatus) + L")";

@@ -15,7 +15,9 @@ bool ConditionalRunnerAgent::SetRules(IMethodCall* call) {
     qv::List<Rule> rules;
     if (!request || !ReadRules(*request, keys::kRules, rules)) return false;
     qv::List<RuleError> errors;
-    call->SetResult(plugin()->SetRules(rules, errors));
+    // The rules read here are needed no more: a runner that can take them
+    // over keeps them without a copy.
+    call->SetResult(extensions_ ? extensions_->TakeRules(rules, errors) : plugin()->SetRules(rules, errors));
     // Written whatever the status: a partial acceptance names the rules that failed.
     if (Json::Value* response = call->GetResponse()) WriteRuleErrors(*response, keys::kRulesErrors, errors);
     return true;

@@ -152,6 +152,10 @@ struct IConditionalRunnerExtensions {
     [[nodiscard]] virtual int32_t UpdateRulesAndMethods(const qv::IList<IConditionalRunner::Rule>& rules,
                                                         const qv::IList<IConditionalRunner::Method>& methodSets,
                                                         qv::IList<IConditionalRunner::RuleError>& errors) = 0;
+    // SetRules that takes the rules over instead of copying them: the
+    // elements of `rules` may be left moved from (the list keeps its length).
+    [[nodiscard]] virtual int32_t TakeRules(qv::IList<IConditionalRunner::Rule>& rules,
+                                            qv::IList<IConditionalRunner::RuleError>& errors) = 0;
     // How long Stop waits for the evaluation thread before it gives up a
     // method-set run that does not return (180000 ms unless set).
     virtual void SetStopWaitTimeout(uint32_t milliseconds) = 0;

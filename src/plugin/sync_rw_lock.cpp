@@ -118,18 +118,16 @@ void CSyncRWLock::BecomeWriter(uint32_t threadId, uint32_t readCount) noexcept {
 
 void CSyncRWLock::WaitAsReader(Guard& guard, uint32_t threadId) {
     ++waitingReaders_;
-    guard.unlock();
-    readersSemaphore_.Acquire();
-    guard.lock();
+    handedOver_.wait(guard, [this] { return readerPermits_ > 0; });
+    --readerPermits_;
     // The waker has already counted this thread among the readers.
     readers_.emplace(threadId, 1u);
 }
 
 void CSyncRWLock::WaitAsWriter(Guard& guard, uint32_t threadId) {
     ++waitingWriters_;
-    guard.unlock();
-    writersSemaphore_.Acquire();
-    guard.lock();
+    handedOver_.wait(guard, [this] { return writerPermits_ > 0; });
+    --writerPermits_;
     // The waker has already set the writer-active flag for this thread.
     BecomeWriter(threadId, 0);
 }
@@ -150,8 +148,9 @@ void CSyncRWLock::Upgrade(Guard& guard, uint32_t threadId, std::map<uint32_t, ui
     upgraderReadCount_ = reader->second;
     readers_.erase(reader);
     --readingThreads_;
+    handedOver_.wait(guard, [this] { return upgradePermits_ > 0; });
+    --upgradePermits_;
     guard.unlock();
-    upgradeSemaphore_.Acquire();
     // The last reader to leave has made this thread the writer.
 }
 
@@ -161,15 +160,17 @@ void CSyncRWLock::HandOverFromReaders(Guard& guard) {
         BecomeWriter(upgraderId_, upgraderReadCount_);
         upgraderId_ = 0;
         upgraderReadCount_ = 0;
+        ++upgradePermits_;
         guard.unlock();
-        upgradeSemaphore_.Release();
+        handedOver_.notify_all();
         return;
     }
     if (waitingWriters_ == 0) return;
     --waitingWriters_;
     writerActive_ = 1;
+    ++writerPermits_;
     guard.unlock();
-    writersSemaphore_.Release();
+    handedOver_.notify_all();
 }
 
 void CSyncRWLock::HandOverFromWriter(Guard& guard) {
@@ -178,16 +179,18 @@ void CSyncRWLock::HandOverFromWriter(Guard& guard) {
     if (waitingWriters_ > 0) {
         --waitingWriters_;
         writerActive_ = 1;
+        ++writerPermits_;
         guard.unlock();
-        writersSemaphore_.Release();
+        handedOver_.notify_all();
         return;
     }
     if (waitingReaders_ > 0) {
         const uint32_t woken = waitingReaders_;
         waitingReaders_ = 0;
         readingThreads_ = woken;
+        readerPermits_ += woken;
         guard.unlock();
-        readersSemaphore_.Release(woken);
+        handedOver_.notify_all();
     }
 }
 

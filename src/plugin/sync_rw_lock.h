@@ -30,11 +30,10 @@
 //
 // Thread rule: every operation may be called from any thread. All state is
 // changed under the internal mutex; waits happen outside it.
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
-
-#include "plugin/semaphore.h"
 
 namespace qv {
 
@@ -90,9 +89,15 @@ private:
     // the writer, then wakes a writer or else all waiting readers.
     void HandOverFromWriter(Guard& guard);
 
+    // Hand-offs are permits granted under guard_ and taken by the woken
+    // threads; one condition variable serves the three kinds of waiter (each
+    // wake-up is rare, so waking all of them costs little, and a lock small
+    // enough for every subscriber list matters more).
     mutable std::mutex guard_;
-    Semaphore readersSemaphore_;
-    Semaphore writersSemaphore_;
+    std::condition_variable handedOver_;
+    uint32_t readerPermits_ = 0;
+    uint32_t writerPermits_ = 0;
+    uint32_t upgradePermits_ = 0;
     uint32_t waitingReaders_ = 0;
     uint32_t waitingWriters_ = 0;
     uint32_t readingThreads_ = 0;
@@ -104,7 +109,6 @@ private:
 
     // The one reader waiting to become the writer, and the read nesting it
     // brings along. Served by the last reader to leave.
-    Semaphore upgradeSemaphore_;
     bool upgradePending_ = false;
     uint32_t upgraderId_ = 0;
     uint32_t upgraderReadCount_ = 0;

@@ -114,8 +114,8 @@ int32_t ConditionalRunnerAL::LoadSettings() {
     ++methodSetsVersion_;
     std::list<RuleEntry> entries;
     size_t index = 0;
-    for (qv::ConstListEnumPtr<Rule> e(rules.CreateConstEnum()); e->IsValid(); e->Next(), ++index) {
-        const Rule* rule = e->Current();
+    for (qv::ListEnumPtr<Rule> e(rules.CreateEnum()); e->IsValid(); e->Next(), ++index) {
+        Rule* rule = e->Current();
         int32_t error = 0;
         ConditionManager::ConditionPtr condition = conditionManager_->CreateCondition(rule->matchIf, &error, index);
         if (!condition) {
@@ -126,7 +126,7 @@ int32_t ConditionalRunnerAL::LoadSettings() {
             rules_.clear();
             return error != 0 ? error : qv::status::kFunctionFailed;
         }
-        entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(*rule), std::move(condition)});
+        entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(std::move(*rule)), std::move(condition)});
     }
     DetachFrom(rules_);
     rules_.swap(entries);
@@ -144,7 +144,10 @@ int32_t ConditionalRunnerAL::Start() {
         std::lock_guard lock(lock_);
         qv::List<Rule> lastRun;
         if (const int32_t status = store_.ReadLastRunRules(lastRun); status != 0) return status;
-        if (const int32_t status = lastRun_.Restore(lastRun); status != 0) return status;
+        std::vector<RulePtr> installed;
+        installed.reserve(rules_.size());
+        for (const RuleEntry& entry : rules_) installed.push_back(entry.rule);
+        if (const int32_t status = lastRun_.Restore(lastRun, installed); status != 0) return status;
         bool enabled = true;
         if (store_.ReadEnabled(enabled) == 0 && !enabled) {
             lastRun_.Clear();

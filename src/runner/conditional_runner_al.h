@@ -106,6 +106,7 @@ public:
     // The module's own extensions.
     [[nodiscard]] int32_t UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets,
                                                 qv::IList<RuleError>& errors) override;
+    [[nodiscard]] int32_t TakeRules(qv::IList<Rule>& rules, qv::IList<RuleError>& errors) override;
     void SetStopWaitTimeout(uint32_t milliseconds) override { stopWaitTimeoutMs_ = milliseconds; }
 
     // A rule's condition changed: asks for an evaluation. Any thread.
@@ -125,18 +126,32 @@ private:
         RulePtr rule;  // never null
         ConditionManager::ConditionPtr condition;
         uint64_t serial = 0;  // unique among the rules ever installed (see LastRun)
-        // Whether the rule's method set exists, as of methodSetsVersion_.
+        // The rule's method set in methodSets_ (null when it has none), as of
+        // methodSetsVersion_: every change of the map changes the version, so
+        // the pointer is never used after its entry went.
         uint64_t methodSetCheckedAt = 0;
-        bool methodSetKnown = false;
+        const Method* methodSet = nullptr;
+    };
+    // A true rule of a pass and its method set (in methodSets_).
+    struct TrueRule {
+        LastRun::Installed installed;
+        const Method* methodSet;
     };
     using OnMethodSetsRunEvent = qv::Event<
         qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
 
+    // Where new rules come from: a list to copy them from, or one whose
+    // rules are moved into the runner.
+    struct NewRules {
+        const qv::IList<Rule>* copyFrom = nullptr;
+        qv::IList<Rule>* takeFrom = nullptr;
+    };
     // Replaces the rules (the console's SetRules without its signal). Returns
     // the failure that left everything as it was (the rules could not be
     // saved); `remembered` gets the error of the rules left out, as the
     // operation reports it.
-    int32_t SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors, int32_t& remembered);
+    int32_t SetRulesLocked(NewRules rules, qv::IList<RuleError>& errors, int32_t& remembered);
+    int32_t SetRules(NewRules rules, qv::IList<RuleError>& errors);
     // Stores every method set that can be stored, in order; the first error.
     int32_t SetMethodsLocked(const qv::IList<Method>& methodSets);
     // Saves `lastRun_` as it is now; the error, logged by the store.
@@ -149,22 +164,19 @@ private:
     // Asks for an evaluation and wakes a runner paused by a console update
     // (in memory only: the stored flag stays). Under the lock.
     void SignalEvaluation();
-    // What a method-set run told beyond its status and response.
-    struct RunOutcome {
-        bool notConnected = false;
-        bool agentNotFound = false;
-        bool givenUp = false;  // Stop gave the run up; nothing more may happen
-    };
     enum class PassEnd { kCompleted, kGivenUp };
     using RulesOfRun = std::map<const MethodRunData*, std::vector<const Rule*>>;
 
     // The phases of a pass, under the lock.
-    std::vector<LastRun::Installed> CollectTrueRules(bool invalidateCache);
-    static int32_t GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries, qv::List<MethodRunData>& toRun,
+    std::vector<TrueRule> CollectTrueRules(bool invalidateCache);
+    static int32_t GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
                                     RulesOfRun& rulesOf);
+    // Runs the method sets of `toRun` in order, all on one run thread, and
+    // fills each run's status, response and output.
     PassEnd RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf, bool& leftUnapplied);
-    // Runs one method set; fills the run's status, response and output.
-    RunOutcome RunMethod(const std::wstring& methodSetId, MethodRunData& run);
+    // The policy runner's request for a method set, built from its stored
+    // node; the reading's error when that cannot be read.
+    int32_t MakeRequest(const std::wstring& methodSetId, std::wstring& request);
     void RunEvaluationThread();
     void ReleaseServiceControls();
 

@@ -2,17 +2,26 @@
 
 #include <algorithm>
 #include <new>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "qv/status.h"
 
 namespace Product::Integration::ConditionalRunner {
 
-int32_t LastRun::Restore(const qv::IList<Rule>& stored) {
+int32_t LastRun::Restore(const qv::IList<Rule>& stored, const std::vector<RulePtr>& installed) {
     Clear();
     try {
+        std::unordered_multimap<std::wstring_view, const RulePtr*> byId;
+        byId.reserve(installed.size());
+        for (const RulePtr& record : installed) byId.emplace(record->rule().id, &record);
         rules_.reserve(stored.Count());
-        stored.ForEach([&](const Rule& rule) { rules_.push_back(std::make_shared<const RuleRecord>(rule)); });
+        stored.ForEach([&](const Rule& rule) {
+            const auto [first, last] = byId.equal_range(rule.id);
+            const auto same = std::find_if(first, last, [&](const auto& entry) { return (*entry.second)->rule() == rule; });
+            rules_.push_back(same != last ? *same->second : std::make_shared<const RuleRecord>(rule));
+        });
     } catch (const std::bad_alloc&) {
         Clear();
         return qv::status::kNotEnoughMemory;
@@ -29,7 +38,7 @@ bool LastRun::Matches(const std::vector<Installed>& now) const {
     }
     for (size_t i = 0; i < now.size(); ++i) {
         const RulePtr& current = *now[i].rule;
-        if (current != rules_[i] && !(current->rule == rules_[i]->rule)) return false;
+        if (current != rules_[i] && !(current->rule() == rules_[i]->rule())) return false;
     }
     return true;
 }
@@ -55,7 +64,7 @@ bool LastRun::RemoveMethodSet(const std::wstring& methodSetId) {
     std::vector<RulePtr> kept;
     kept.reserve(rules_.size());
     for (size_t i = 0; i < rules_.size(); ++i) {
-        if (rules_[i]->rule.methodSetId != methodSetId) {
+        if (rules_[i]->rule().methodSetId != methodSetId) {
             kept.push_back(std::move(rules_[i]));
             continue;
         }
@@ -73,7 +82,7 @@ void LastRun::Forget(const std::vector<const Rule*>& rules) {
     // The rules are usually this list's own records: those go by identity,
     // and only the others are compared whole.
     std::unordered_set<const Rule*> records;
-    for (const RulePtr& entry : rules_) records.insert(&entry->rule);
+    for (const RulePtr& entry : rules_) records.insert(&entry->rule());
     std::unordered_set<const Rule*> forgotten;
     std::vector<const Rule*> others;
     for (const Rule* rule : rules) {
@@ -83,8 +92,8 @@ void LastRun::Forget(const std::vector<const Rule*>& rules) {
             others.push_back(rule);
     }
     std::erase_if(rules_, [&](const RulePtr& entry) {
-        return forgotten.contains(&entry->rule) ||
-               std::any_of(others.begin(), others.end(), [&](const Rule* rule) { return entry->rule == *rule; });
+        return forgotten.contains(&entry->rule()) ||
+               std::any_of(others.begin(), others.end(), [&](const Rule* rule) { return entry->rule() == *rule; });
     });
 }
 

@@ -34,8 +34,10 @@ public:
 
     const std::vector<RulePtr>& rules() const noexcept { return rules_; }
     // Becomes the rules read from the store; the serials are then unknown.
-    // kNotEnoughMemory (and empty) when they cannot be copied.
-    [[nodiscard]] int32_t Restore(const qv::IList<Rule>& stored);
+    // A stored rule equal to one of `installed` shares its record instead of
+    // being kept twice. kNotEnoughMemory (and empty) when they cannot be
+    // copied.
+    [[nodiscard]] int32_t Restore(const qv::IList<Rule>& stored, const std::vector<RulePtr>& installed = {});
     void Clear() noexcept {
         rules_.clear();
         serials_.clear();

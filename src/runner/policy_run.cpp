@@ -15,37 +15,50 @@ constexpr char kInThisModule = 0;
 }  // namespace
 
 struct PolicyRun::Shared {
+    struct Run {
+        explicit Run(std::wstring text) : request(std::move(text)) {}
+        const std::wstring request;
+        std::wstring response;
+        Json::Value details;
+        int32_t status = 0;
+        ConditionalRunnerRunPolicyAgent agent;
+    };
+
     EnterpriseIntegration::IRunPolicy& runner;
-    const std::wstring request;
     const wchar_t* const caller;  // a static text
-    std::wstring response;
-    Json::Value details;
-    int32_t status = 0;
-    ConditionalRunnerRunPolicyAgent agent;
+    std::vector<Run> runs;
     os::AutoResetEvent done;
     std::atomic<bool> givenUp{false};
 
-    Shared(EnterpriseIntegration::IRunPolicy& r, std::wstring text, const wchar_t* c)
-        : runner(r), request(std::move(text)), caller(c) {}
+    Shared(EnterpriseIntegration::IRunPolicy& r, std::vector<std::wstring> requests, const wchar_t* c)
+        : runner(r), caller(c) {
+        runs.reserve(requests.size());
+        for (std::wstring& request : requests) runs.emplace_back(std::move(request));
+    }
 
-    void Run() { status = runner.RunPolicy(request.c_str(), response, 0, details, caller, &agent); }
+    // Runs the requests in order until one returns after the waiter gave up.
+    void RunAll() {
+        for (Run& run : runs) {
+            if (givenUp) return;
+            run.status = runner.RunPolicy(run.request.c_str(), run.response, 0, run.details, caller, &run.agent);
+            if (givenUp) {
+                logging::Log(logging::kWarning, kRunMethod,
+                             L"A method-set run returned after the runner stopped waiting for it [%d]", run.status);
+                return;
+            }
+        }
+        done.Set();
+    }
 };
 
-PolicyRun::PolicyRun(EnterpriseIntegration::IRunPolicy& runner, std::wstring request, const wchar_t* caller)
-    : shared_(std::make_shared<Shared>(runner, std::move(request), caller)) {
+PolicyRun::PolicyRun(EnterpriseIntegration::IRunPolicy& runner, std::vector<std::wstring> requests,
+                     const wchar_t* caller)
+    : shared_(std::make_shared<Shared>(runner, std::move(requests), caller)) {
     try {
-        std::thread([shared = shared_] {
-            shared->Run();
-            if (shared->givenUp)
-                logging::Log(logging::kWarning, kRunMethod,
-                             L"A method-set run returned after the runner stopped waiting for it [%d]", shared->status);
-            else
-                shared->done.Set();
-        }).detach();
+        std::thread([shared = shared_] { shared->RunAll(); }).detach();
     } catch (const std::system_error&) {
-        // No thread to spare: the run cannot be given up, but it still runs.
-        shared_->Run();
-        shared_->done.Set();
+        // No thread to spare: the runs cannot be given up, but they still run.
+        shared_->RunAll();
     }
 }
 
@@ -60,14 +73,14 @@ PolicyRun::Outcome PolicyRun::Wait(os::AutoResetEvent& giveUp) {
         if (woken == os::kWaitFailed) break;
     }
     shared_->givenUp = true;
-    // The run may have returned meanwhile; either way it is not waited for.
+    // The runs may have returned meanwhile; either way they are not waited for.
     static_cast<void>(os::PinModuleOf(&kInThisModule));  // refused only for a program, never unloaded anyway
     return Outcome::kGivenUp;
 }
 
-int32_t PolicyRun::status() const noexcept { return shared_->status; }
-const std::wstring& PolicyRun::response() const noexcept { return shared_->response; }
-Json::Value& PolicyRun::details() noexcept { return shared_->details; }
-const ConditionalRunnerRunPolicyAgent& PolicyRun::agent() const noexcept { return shared_->agent; }
+int32_t PolicyRun::status(size_t i) const noexcept { return shared_->runs[i].status; }
+const std::wstring& PolicyRun::response(size_t i) const noexcept { return shared_->runs[i].response; }
+Json::Value& PolicyRun::details(size_t i) noexcept { return shared_->runs[i].details; }
+const ConditionalRunnerRunPolicyAgent& PolicyRun::agent(size_t i) const noexcept { return shared_->runs[i].agent; }
 
 }  // namespace Product::Integration::ConditionalRunner

@@ -1,25 +1,26 @@
 #pragma once
-// One method-set run handed to the host's policy runner on a thread of its
-// own, so that the evaluation thread waits for it and can still give up on a
-// run that never returns, when the runner is being stopped and its time
-// limit has passed.
+// The method-set runs of one evaluation pass handed to the host's policy
+// runner, one after the other, on a thread of their own, so that the
+// evaluation thread waits for them (once for the whole pass, not once per
+// run) and can still give up on a run that never returns, when the runner is
+// being stopped and its time limit has passed.
 //
 // Everything the run thread touches lives in a block it shares with the
-// waiter: the request, the response, the run's details and the policy agent
-// the host calls back during the run. A run given up keeps that block alive
-// until it returns and then drops it; it touches nothing of the runner, which
-// may be gone by then, and runs nothing more. Giving up pins the module, so
-// the run thread's code stays mapped after the host releases the library.
-//
-// When not to use it: a run that must finish before anything else happens
-// (there is none in the runner today) is simpler called directly.
+// waiter: the requests, the responses, the runs' details and the policy
+// agents the host calls back during the runs. Runs given up keep that block
+// alive until the one in progress returns and then drop it; they touch
+// nothing of the runner, which may be gone by then, and no further run of
+// the pass starts. Giving up pins the module, so the run thread's code stays
+// mapped after the host releases the library.
 //
 // Thread rules: construct, Wait and read the results on one thread (the
-// evaluation thread); the host calls the agent on the run thread. The results
-// may be read only after Wait answered kFinished.
+// evaluation thread); the host calls the agents on the run thread. The
+// results may be read only after Wait answered kFinished.
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <json/value.h>
 
@@ -33,22 +34,25 @@ class PolicyRun {
 public:
     enum class Outcome { kFinished, kGivenUp };
 
-    // Starts `runner.RunPolicy(request, …, caller, agent)` on a new thread, or
-    // on this one when no thread can be made. The policy runner must outlive
-    // the run, as the host's runner outlives every run in progress.
-    PolicyRun(EnterpriseIntegration::IRunPolicy& runner, std::wstring request, const wchar_t* caller);
+    // Starts `runner.RunPolicy(request, …, caller, agent)` for each request,
+    // in order, on a new thread, or on this one when no thread can be made.
+    // The policy runner must outlive the runs, as the host's runner outlives
+    // every run in progress.
+    PolicyRun(EnterpriseIntegration::IRunPolicy& runner, std::vector<std::wstring> requests, const wchar_t* caller);
     ~PolicyRun();
     PolicyRun(const PolicyRun&) = delete;
     PolicyRun& operator=(const PolicyRun&) = delete;
 
-    // Waits until the run returned (kFinished) or `giveUp` was set (kGivenUp,
-    // the run goes on alone and is forgotten).
+    // Waits until every run returned (kFinished) or `giveUp` was set
+    // (kGivenUp: the run in progress goes on alone and is forgotten, and no
+    // later one starts).
     [[nodiscard]] Outcome Wait(os::AutoResetEvent& giveUp);
 
-    int32_t status() const noexcept;
-    const std::wstring& response() const noexcept;
-    Json::Value& details() noexcept;
-    const ConditionalRunnerRunPolicyAgent& agent() const noexcept;
+    // The results of run `i` (in the order of the requests).
+    int32_t status(size_t i) const noexcept;
+    const std::wstring& response(size_t i) const noexcept;
+    Json::Value& details(size_t i) noexcept;
+    const ConditionalRunnerRunPolicyAgent& agent(size_t i) const noexcept;
 
 private:
     struct Shared;

@@ -3,10 +3,17 @@
 // stored, made together and never changed after. The installed rules and the
 // last-run list share records instead of copying rules.
 //
-// Thread rules: a record is read-only, except that RunnerStore lends its
-// JSON form to a document being saved and takes it back before returning;
-// the runner does that under its lock, as it does everything else with them.
+// The condition tree is held once, in the rule: the JSON form keeps the other
+// members and an empty "matchIf" that the tree fills only while the form is
+// lent to a document being saved (Lend, then TakeBack), so that saving copies
+// nothing and the tree is not kept twice.
+//
+// Thread rules: a record is read-only, except while RunnerStore lends its
+// JSON form (with the tree) to a document being saved and takes it back
+// before returning; the runner does that under its lock, as it does
+// everything else with them.
 #include <memory>
+#include <utility>
 
 #include <json/value.h>
 
@@ -14,11 +21,39 @@
 
 namespace Product::Integration::ConditionalRunner {
 
-struct RuleRecord {
-    explicit RuleRecord(const Rule& from) : rule(from) { JsonForms::WriteRule(json, std::wstring(), rule); }
+class RuleRecord {
+public:
+    explicit RuleRecord(Rule from) : rule_(std::move(from)) {
+        // Written without the tree, which would only be copied to be dropped.
+        Json::Value tree;
+        tree.swap(rule_.matchIf);
+        JsonForms::WriteRule(json_, std::wstring(), rule_);
+        tree.swap(rule_.matchIf);
+        matchIf_ = &json_[kMatchIfKey];
+    }
+    RuleRecord(const RuleRecord&) = delete;
+    RuleRecord& operator=(const RuleRecord&) = delete;
 
-    const Rule rule;
-    mutable Json::Value json;  // {"id", "displayName", "methodSetId", "matchIf"}
+    const Rule& rule() const noexcept { return rule_; }
+
+    // Moves the whole JSON form into `element` (null before); the rule's tree
+    // is missing from rule() until TakeBack.
+    void Lend(Json::Value& element) const {
+        matchIf_->swap(rule_.matchIf);
+        element.swap(json_);
+    }
+    // Undoes Lend with the same `element`.
+    void TakeBack(Json::Value& element) const {
+        element.swap(json_);
+        matchIf_->swap(rule_.matchIf);
+    }
+
+private:
+    static constexpr const char* kMatchIfKey = "matchIf";
+
+    mutable Rule rule_;
+    mutable Json::Value json_;    // {"id", "displayName", "methodSetId", "matchIf": null}
+    Json::Value* matchIf_ = nullptr;  // json_'s "matchIf" member (swapping json_ moves no member)
 };
 
 using RulePtr = std::shared_ptr<const RuleRecord>;

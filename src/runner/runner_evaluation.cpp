@@ -1,6 +1,8 @@
 // One evaluation pass: which rules are true, whether that changed since the
 // last run, and the method-set runs that follow.
 #include <map>
+#include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include <json/reader.h>
@@ -38,76 +40,82 @@ Json::Value ParseResponse(const std::wstring& response) {
 }
 }  // namespace
 
-ConditionalRunnerAL::RunOutcome ConditionalRunnerAL::RunMethod(const std::wstring& methodSetId, MethodRunData& run) {
-    logging::CallTrace trace(kRunMethod);
+int32_t ConditionalRunnerAL::MakeRequest(const std::wstring& methodSetId, std::wstring& request) {
     logging::Log(logging::kDetail, kRunMethod, L"Try to run method [%s]", methodSetId.c_str());
-    RunOutcome outcome;
     Method stored;
-    if (const int32_t status = store_.ReadMethod(methodSetId, stored); status != 0) {
-        run.status = status;
-        return outcome;
-    }
-    Json::Value request(Json::objectValue);
-    request["methods"] = stored.methods;
-    if (!stored.context.isNull()) request["context"] = stored.context;
-    PolicyRun policyRun(*policyRunner_.get(), os::Utf8ToWideLossy(request.toStyledString()), kCaller);
-    if (policyRun.Wait(giveUpRun_) == PolicyRun::Outcome::kGivenUp) {
-        outcome.givenUp = true;
-        return outcome;
-    }
-    run.status = policyRun.status();
-    run.runOutput = std::move(policyRun.details());
-    run.response = ParseResponse(policyRun.response());
-    outcome.notConnected = policyRun.agent().notConnected();
-    outcome.agentNotFound = policyRun.agent().agentNotFound();
-    return outcome;
+    if (const int32_t status = store_.ReadMethod(methodSetId, stored); status != 0) return status;
+    Json::Value document(Json::objectValue);
+    document["methods"] = stored.methods;
+    if (!stored.context.isNull()) document["context"] = stored.context;
+    request = os::Utf8ToWideLossy(document.toStyledString());
+    return 0;
 }
 
-std::vector<LastRun::Installed> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache) {
+std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache) {
     // Nothing is copied until the pass knows that something changed.
-    std::vector<LastRun::Installed> trueEntries;
-    trueEntries.reserve(rules_.size());
+    std::vector<TrueRule> trueRules;
+    trueRules.reserve(rules_.size());
     for (RuleEntry& entry : rules_) {
         if (!entry.condition) continue;
         bool state = false;
         const int32_t status = entry.condition->GetState(&state, invalidateCache);
-        logging::Log(logging::kDetail, kReEvalRules, L"Rule with id %s has state %s", entry.rule->rule.id.c_str(),
+        logging::Log(logging::kDetail, kReEvalRules, L"Rule with id %s has state %s", entry.rule->rule().id.c_str(),
                      state ? L"true" : L"false");
         if (status != 0 || !state) continue;
         if (entry.methodSetCheckedAt != methodSetsVersion_) {
-            entry.methodSetKnown = methodSets_.find(entry.rule->rule.methodSetId) != methodSets_.end();
+            const auto found = methodSets_.find(entry.rule->rule().methodSetId);
+            entry.methodSet = found == methodSets_.end() ? nullptr : &found->second;
             entry.methodSetCheckedAt = methodSetsVersion_;
         }
-        if (!entry.methodSetKnown) {
+        if (!entry.methodSet) {
             logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found",
-                         entry.rule->rule.methodSetId.c_str());
+                         entry.rule->rule().methodSetId.c_str());
             continue;
         }
-        trueEntries.push_back(LastRun::Installed{&entry.rule, entry.serial});
+        trueRules.push_back(TrueRule{LastRun::Installed{&entry.rule, entry.serial}, entry.methodSet});
     }
-    return trueEntries;
+    return trueRules;
 }
 
-int32_t ConditionalRunnerAL::GroupByMethodSet(const std::vector<LastRun::Installed>& trueEntries,
-                                              qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf) {
-    std::map<std::wstring, MethodRunData*> runOf;  // the run of each method set in `toRun`
-    for (const LastRun::Installed& installed : trueEntries) {
-        const Rule& rule = (*installed.rule)->rule;
-        MethodRunData*& run = runOf[rule.methodSetId];
-        if (!run) {
+int32_t ConditionalRunnerAL::GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
+                                              RulesOfRun& rulesOf) {
+    // The run of each method set in `toRun` and the rules that asked for it,
+    // found by the method set's entry rather than by its id.
+    struct Group {
+        MethodRunData* run;
+        std::vector<const Rule*>* rules;
+    };
+    std::unordered_map<const Method*, Group> groupOf;
+    for (const TrueRule& trueRule : trueRules) {
+        const Rule& rule = (*trueRule.installed.rule)->rule();
+        Group& group = groupOf[trueRule.methodSet];
+        if (!group.run) {
             MethodRunData created;
             created.methodSetId = rule.methodSetId;
             if (toRun.AddTail(created) != 0) return qv::status::kNotEnoughMemory;
-            run = toRun.GetTail();  // list elements stay where they are
+            group.run = toRun.GetTail();  // list elements stay where they are
+            group.rules = &rulesOf[group.run];
         }
-        if (run->ruleIds.AddTail(rule.id) != 0) return qv::status::kNotEnoughMemory;
-        rulesOf[run].push_back(&rule);
+        if (group.run->ruleIds.AddTail(rule.id) != 0) return qv::status::kNotEnoughMemory;
+        group.rules->push_back(&rule);
     }
     return 0;
 }
 
 ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf,
                                                          bool& leftUnapplied) {
+    logging::CallTrace trace(kRunMethod);
+    // The runs whose method set exists, each with the index of its request
+    // (kNoRequest when its stored node could not be read: its status is then
+    // that error and nothing is submitted).
+    constexpr size_t kNoRequest = static_cast<size_t>(-1);
+    struct Pending {
+        MethodRunData* run;
+        const Method* methodSet;
+        size_t request;
+    };
+    std::vector<Pending> pending;
+    std::vector<std::wstring> requests;
     for (qv::ListEnumPtr<MethodRunData> e(toRun.CreateEnum()); e->IsValid(); e->Next()) {
         MethodRunData& run = *e->Current();
         const auto found = methodSets_.find(run.methodSetId);
@@ -116,21 +124,44 @@ ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>
             run.status = qv::status::kNotFound;
             continue;
         }
-        const RunOutcome outcome = RunMethod(run.methodSetId, run);
+        std::wstring request;
+        if (const int32_t status = MakeRequest(run.methodSetId, request); status != 0) {
+            run.status = status;
+            pending.push_back(Pending{&run, &found->second, kNoRequest});
+            continue;
+        }
+        pending.push_back(Pending{&run, &found->second, requests.size()});
+        requests.push_back(std::move(request));
+    }
+    std::unique_ptr<PolicyRun> runs;
+    if (!requests.empty()) {
+        runs = std::make_unique<PolicyRun>(*policyRunner_.get(), std::move(requests), kCaller);
         // Given up by a Stop whose time limit passed: nothing more runs, is
         // reported or saved. The stored flag still says a run was under way,
         // so a restart runs every true rule again.
-        if (outcome.givenUp) return PassEnd::kGivenUp;
+        if (runs->Wait(giveUpRun_) == PolicyRun::Outcome::kGivenUp) return PassEnd::kGivenUp;
+    }
+    for (const Pending& entry : pending) {
+        MethodRunData& run = *entry.run;
+        bool notConnected = false;
+        bool agentNotFound = false;
+        if (entry.request != kNoRequest) {
+            run.status = runs->status(entry.request);
+            run.runOutput = std::move(runs->details(entry.request));
+            run.response = ParseResponse(runs->response(entry.request));
+            notConnected = runs->agent(entry.request).notConnected();
+            agentNotFound = runs->agent(entry.request).agentNotFound();
+        }
         logging::Log(logging::kDetail, kReEvalRules, L"Running methodSetId %s, err = %i", run.methodSetId.c_str(),
                      run.status);
-        const std::wstring& name = found->second.displayName;
-        if (outcome.notConnected)
+        const std::wstring& name = entry.methodSet->displayName;
+        if (notConnected)
             logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error 2250",
                          name.c_str());
-        if (outcome.agentNotFound)
+        if (agentNotFound)
             logging::Log(logging::kWarning, kReEvalRules, L"running methodset [%s] returned with error AGENT_NOT_FOUND",
                          name.c_str());
-        if (outcome.notConnected || outcome.agentNotFound) {
+        if (notConnected || agentNotFound) {
             // The run did not reach its target: its rules count as changed
             // at the next pass, which a later signal brings.
             lastRun_.Forget(rulesOf[&run]);
@@ -158,7 +189,10 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     const bool invalidateCache = invalidateCache_.exchange(false);
     logging::Log(logging::kDetail, kReEvalRules, L"Invalidate cache is %d.", invalidateCache ? 1 : 0);
 
-    const std::vector<LastRun::Installed> trueEntries = CollectTrueRules(invalidateCache);
+    const std::vector<TrueRule> trueRules = CollectTrueRules(invalidateCache);
+    std::vector<LastRun::Installed> trueEntries;
+    trueEntries.reserve(trueRules.size());
+    for (const TrueRule& trueRule : trueRules) trueEntries.push_back(trueRule.installed);
     // The same rules true in the same order as at the last run: nothing to do.
     if (lastRun_.Matches(trueEntries)) {
         logging::Log(logging::kDetail, kReEvalRules, L"Nothing changed from the last run");
@@ -168,7 +202,7 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     // One run per method set, in order of first appearance, naming its rules.
     qv::List<MethodRunData> toRun;
     RulesOfRun rulesOf;
-    if (const int32_t status = GroupByMethodSet(trueEntries, toRun, rulesOf); status != 0) return status;
+    if (const int32_t status = GroupByMethodSet(trueRules, toRun, rulesOf); status != 0) return status;
     if (const int32_t status = lastRun_.Set(trueEntries); status != 0) return status;
     // True on disk exactly while method sets may be half run.
     static_cast<void>(store_.SaveMethodsRunStarted(true));  // a failure is logged by the store

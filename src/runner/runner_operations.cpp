@@ -2,6 +2,7 @@
 // the settings tree in step under the runner's lock, and asks for an
 // evaluation where the change can alter what should run.
 #include <algorithm>
+#include <vector>
 
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -35,8 +36,7 @@ bool IsStorableMethodSetId(const std::wstring& id) {
 }
 }  // namespace
 
-int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors,
-                                            int32_t& remembered) {
+int32_t ConditionalRunnerAL::SetRulesLocked(NewRules rules, qv::IList<RuleError>& errors, int32_t& remembered) {
     logging::CallTrace trace(kSetRulesLocked);
     std::lock_guard lock(lock_);
     remembered = 0;
@@ -45,10 +45,11 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
     // is left out and reported; a type this module does not know is reported
     // only, every other failure is the operation's too (the last one wins).
     std::list<RuleEntry> entries;
-    qv::List<Rule> kept;
+    std::vector<RulePtr> kept;  // the records saved, shared with `entries`
+    kept.reserve(rules.copyFrom ? rules.copyFrom->Count() : rules.takeFrom->Count());
     int32_t index = 0;
-    for (qv::ConstListEnumPtr<Rule> e(rules.CreateConstEnum()); e->IsValid(); e->Next(), ++index) {
-        const Rule& rule = *e->Current();
+    // Builds the condition of rule number `index`; `keep` makes its record.
+    auto add = [&](const Rule& rule, auto keep) -> int32_t {
         int32_t error = 0;
         ConditionManager::ConditionPtr condition =
             conditionManager_->CreateCondition(rule.matchIf, &error, static_cast<size_t>(index));
@@ -58,10 +59,24 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
                          error);
             if (const int32_t status = errors.AddTail(RuleError{index, error}); status != 0) return status;
             if (error != qv::status::kCallNotImplemented) remembered = error;
-            continue;
+            return 0;
         }
-        if (const int32_t status = kept.AddTail(rule); status != 0) return status;
-        entries.push_back(RuleEntry{std::make_shared<const RuleRecord>(rule), std::move(condition)});
+        entries.push_back(RuleEntry{keep(), std::move(condition)});
+        kept.push_back(entries.back().rule);
+        return 0;
+    };
+    if (rules.copyFrom) {
+        for (qv::ConstListEnumPtr<Rule> e(rules.copyFrom->CreateConstEnum()); e->IsValid(); e->Next(), ++index) {
+            const Rule& rule = *e->Current();
+            if (const int32_t status = add(rule, [&] { return std::make_shared<const RuleRecord>(rule); }))
+                return status;
+        }
+    } else {
+        for (qv::ListEnumPtr<Rule> e(rules.takeFrom->CreateEnum()); e->IsValid(); e->Next(), ++index) {
+            Rule& rule = *e->Current();
+            if (const int32_t status = add(rule, [&] { return std::make_shared<const RuleRecord>(std::move(rule)); }))
+                return status;
+        }
     }
     // Stored first: when that fails the old rules stay, in memory and stored.
     if (const int32_t status = store_.SaveRules(RunnerStore::kRulesPath, kept); status != 0) {
@@ -76,6 +91,14 @@ int32_t ConditionalRunnerAL::SetRulesLocked(const qv::IList<Rule>& rules, qv::IL
 }
 
 int32_t ConditionalRunnerAL::SetRules(const qv::IList<Rule>& rules, qv::IList<RuleError>& errors) {
+    return SetRules(NewRules{.copyFrom = &rules}, errors);
+}
+
+int32_t ConditionalRunnerAL::TakeRules(qv::IList<Rule>& rules, qv::IList<RuleError>& errors) {
+    return SetRules(NewRules{.takeFrom = &rules}, errors);
+}
+
+int32_t ConditionalRunnerAL::SetRules(NewRules rules, qv::IList<RuleError>& errors) {
     logging::CallTrace trace(kSetRules);
     std::lock_guard lock(lock_);
     int32_t remembered = 0;
@@ -88,7 +111,7 @@ int32_t ConditionalRunnerAL::GetRules(qv::IList<Rule>& rules) {
     logging::CallTrace trace(kGetRules);
     std::lock_guard lock(lock_);
     for (const RuleEntry& entry : rules_)
-        if (const int32_t status = rules.AddTail(entry.rule->rule); status != 0) return status;
+        if (const int32_t status = rules.AddTail(entry.rule->rule()); status != 0) return status;
     return 0;
 }
 
@@ -184,7 +207,7 @@ int32_t ConditionalRunnerAL::UpdateRulesAndMethods(const qv::IList<Rule>& rules,
     logging::CallTrace trace(kUpdateRulesAndMethods);
     std::lock_guard lock(lock_);
     int32_t remembered = 0;
-    int32_t status = SetRulesLocked(rules, errors, remembered);
+    int32_t status = SetRulesLocked(NewRules{.copyFrom = &rules}, errors, remembered);
     // Rules left out do not hold back the method sets; rules that could not
     // be saved leave everything as it was.
     if (status == 0) {
@@ -265,8 +288,8 @@ int32_t ConditionalRunnerAL::NavigateRulesById(const std::wstring& id, IRuleVisi
     logging::CallTrace trace(kNavigateRulesById);
     std::lock_guard lock(lock_);
     for (const RuleEntry& entry : rules_) {
-        if (entry.rule->rule.id != id) continue;
-        visitor.Visit(entry.rule->rule);
+        if (entry.rule->rule().id != id) continue;
+        visitor.Visit(entry.rule->rule());
         return 0;
     }
     return qv::status::kNotFound;

@@ -102,15 +102,21 @@ int32_t RunnerStore::SaveRules(const wchar_t* path, const qv::IList<Rule>& rules
 
 int32_t RunnerStore::SaveRules(const wchar_t* path, const std::vector<RulePtr>& rules) {
     logging::CallTrace trace(kSaveRules);
-    Json::Value document(Json::objectValue);
-    Json::Value& array = document[os::WideToUtf8Lossy(kDocumentData)] = Json::Value(Json::arrayValue);
+    Json::Value& document = lendingDocument_;
+    if (!document.isObject()) {
+        document = Json::Value(Json::objectValue);
+        document[os::WideToUtf8Lossy(kDocumentData)] = Json::Value(Json::arrayValue);
+    }
+    Json::Value& array = document[os::WideToUtf8Lossy(kDocumentData)];
     array.resize(static_cast<Json::ArrayIndex>(rules.size()));
-    auto lend = [&] {
+    // Every form is lent to its element and given back on every way out,
+    // which leaves the elements null again.
+    size_t lent = 0;
+    qv::ScopeExit giveBack([&] {
         auto element = array.begin();
-        for (const RulePtr& record : rules) (*element++).swap(record->json);
-    };
-    lend();
-    qv::ScopeExit giveBack(lend);  // swapping again gives every form back
+        for (size_t i = 0; i < lent; ++i) rules[i]->TakeBack(*element++);
+    });
+    for (auto element = array.begin(); lent < rules.size(); ++lent) rules[lent]->Lend(*element++);
     return SaveRulesDocument(path, document);
 }
 

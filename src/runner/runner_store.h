@@ -45,7 +45,8 @@ public:
     [[nodiscard]] int32_t SaveRules(const wchar_t* path, const qv::IList<Rule>& rules);
     // The same from the runner's records: their JSON forms are lent to the
     // document for the time of the call, not copied; each record appears at
-    // most once.
+    // most once. The document's array is kept between calls (its elements
+    // empty), so that a save makes no element anew when the count is steady.
     [[nodiscard]] int32_t SaveRules(const wchar_t* path, const std::vector<RulePtr>& rules);
 
     [[nodiscard]] int32_t ReadMethodsRunStarted(bool& started);
@@ -86,6 +87,7 @@ private:
     int32_t SaveRulesDocument(const wchar_t* path, const Json::Value& document);
 
     IEPSettings* settings_;
+    Json::Value lendingDocument_;  // {"data": [null, ...]} between SaveRules calls
 };
 
 }  // namespace Product::Integration::ConditionalRunner

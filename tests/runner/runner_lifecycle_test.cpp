@@ -48,8 +48,8 @@ TEST_F(RunnerTest, ADisabledRunnerRunsNothingWhileTheConsoleTogglesIt) {
 
 // A method-set run that never returns: Stop returns after its time limit,
 // the runner is uninitialised and destroyed, and when the run finally
-// returns it touches nothing that was freed (AddressSanitizer watches) and
-// reports or saves nothing.
+// returns it touches nothing that was freed (AddressSanitizer watches),
+// reports or saves nothing, and the pass's next method set never runs.
 TEST_F(RunnerTest, StopGivesUpARunThatDoesNotReturnAndTheRunTouchesNothingAfterwards) {
     testing_support::LogCapture capture;
     host_.policyRunner().SetResult(L"P", L"hang", 0, 1h);  // the host's clock stands still
@@ -59,8 +59,9 @@ TEST_F(RunnerTest, StopGivesUpARunThatDoesNotReturnAndTheRunTouchesNothingAfterw
     runner->SetStopWaitTimeout(100);
     ASSERT_EQ(runner->SetSettings(Settings{0, 60}), 0);
     ASSERT_EQ(runner->SetMethod(MakeMethod(L"M", R"([{"plugin":"P","method":"hang"}])"), false), 0);
+    ASSERT_EQ(runner->SetMethod(MakeMethod(L"N"), false), 0);
     qv::List<RuleError> errors;
-    ASSERT_EQ(runner->SetRules(qv::List<Rule>{MakeRule(L"r", L"M", kTrue)}, errors), 0);
+    ASSERT_EQ(runner->SetRules(qv::List<Rule>{MakeRule(L"r", L"M", kTrue), MakeRule(L"r2", L"N", kTrue)}, errors), 0);
     ASSERT_EQ(runner->Start(), 0);
     ASSERT_TRUE(Eventually([&] { return host_.policyRunner().WaitingMethods() == 1; }));
 
@@ -74,6 +75,7 @@ TEST_F(RunnerTest, StopGivesUpARunThatDoesNotReturnAndTheRunTouchesNothingAfterw
     host_.manualClock()->Advance(2h);
     EXPECT_TRUE(Eventually(
         [&] { return capture.Contains(L"A method-set run returned after the runner stopped waiting for it [0]"); }));
+    EXPECT_FALSE(Eventually([&] { return host_.policyRunner().Runs().size() > 1; }, 200ms));
     EXPECT_EQ(host_.policyRunner().Runs().size(), 1u);
     EXPECT_EQ(reports_.Count(), 0u);
     // Still marked as under way: the next start runs every true rule again.
