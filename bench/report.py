@@ -151,14 +151,14 @@ def build_table(runner, network, crhost, files, file_reason):
     flip = find(runner, "BM_EvaluationWithOneRuleFlipped/10000")
     t.target("one rule flips among 10,000 true rules", flip and flip.get("ms"), ms, "< 20 ms", lambda v: v < 20,
              (flip or {}).get("error", "bench_runner gave no figure"))
-    null_flip = find(runner, "BM_EvaluationWithOneRuleFlipped_NullStore/10000")
+    null_flip = find(runner, "BM_EvaluationWithOneRuleFlippedNullStore/10000")
     t.target("  module's share (null settings store)", null_flip and null_flip.get("ms"), ms, "< 5 ms",
              lambda v: v < 5, (null_flip or {}).get("error", "bench_runner has no null-store variant yet"))
 
     # --- figures without a target --------------------------------------------------
     for prefix, label in (("BM_EvaluationWithNothingChanged", "evaluation, nothing changed"),
                           ("BM_EvaluationWithOneRuleFlipped", "evaluation, one rule flipped"),
-                          ("BM_EvaluationWithOneRuleFlipped_NullStore", "one rule flipped, null store"),
+                          ("BM_EvaluationWithOneRuleFlippedNullStore", "one rule flipped, null store"),
                           ("BM_SetRules", "SetRules (runner)"), ("BM_StartOverStoredRules", "Start over stored rules")):
         for count in (100, 1000, 10000):
             entry = find(runner, f"{prefix}/{count}")

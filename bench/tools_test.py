@@ -65,7 +65,7 @@ class ReportTest(unittest.TestCase):
                    aggregate("BM_EvaluationWithOneRuleFlipped/10000", "median", flip_ms),
                    aggregate("BM_EvaluationWithOneRuleFlipped/10000", "stddev", 400)]
         if null_ms is not None:
-            entries.append(run("BM_EvaluationWithOneRuleFlipped_NullStore/10000", null_ms))
+            entries.append(run("BM_EvaluationWithOneRuleFlippedNullStore/10000", null_ms))
         return benchmark_doc(*entries)
 
     def test_targets_met_at_their_bounds_pass_and_the_median_is_the_figure(self):
