@@ -29,6 +29,7 @@ const Console::HostAction Console::kHostActions[] = {
     {"rules", &Console::Rules},
     {"sleep", &Console::Sleep},
     {"quit", &Console::Quit},
+    {"exit", &Console::Exit},
 };
 
 namespace {
@@ -148,6 +149,7 @@ Console::Next Console::RunHostAction(const Json::Value& in, Json::Value& out) {
         // The whole name must match: one holding NUL is longer than any entry's.
         if (name != entry.name) continue;
         out["status"] = (this->*entry.action)(in, out);
+        if (exitCode_) return Next::kExit;
         return quit_ ? Next::kQuit : Next::kGoOn;
     }
     out["status"] = Fail(out, qv::status::kNotFound, "unknown host action");
@@ -300,6 +302,16 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
 
 int32_t Console::Quit(const Json::Value&, Json::Value&) {
     quit_ = true;
+    return 0;
+}
+
+int32_t Console::Exit(const Json::Value& in, Json::Value& out) {
+    ActionMembers members(in);
+    const std::optional<int32_t> code = in.isMember("code") ? members.Int32("code") : 0;
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
+    if (*code < 0 || *code > 255)
+        return Fail(out, qv::status::kInvalidParameter, "\"code\" must be an exit status from 0 to 255");
+    exitCode_ = *code;
     return 0;
 }
 

@@ -27,6 +27,8 @@
 #include <string>
 #include <vector>
 
+#include <optional>
+
 #include <json/value.h>
 
 #include "hosted_module.h"
@@ -44,9 +46,11 @@ public:
 
     Console(HostedModule& hosted, Output& output, StopRequest& stop) : hosted_(hosted), output_(output), stop_(stop) {}
 
-    enum class Next { kGoOn, kQuit };
-    // Answers one line; kQuit after "quit".
+    enum class Next { kGoOn, kQuit, kExit };
+    // Answers one line; kQuit after "quit", kExit after "exit" (the caller
+    // then ends the process with ExitCode(), the module left running).
     Next Handle(const LineReader::Line& line);
+    int ExitCode() const { return exitCode_.value_or(0); }
 
     // A host action: reads its members from `in`, adds its own to `out` and
     // returns its status; a non-zero status comes with out["error"].
@@ -77,11 +81,13 @@ private:
     int32_t Rules(const Json::Value& in, Json::Value& out);
     int32_t Sleep(const Json::Value& in, Json::Value& out);
     int32_t Quit(const Json::Value& in, Json::Value& out);
+    int32_t Exit(const Json::Value& in, Json::Value& out);
 
     HostedModule& hosted_;
     Output& output_;
     StopRequest& stop_;
     bool quit_ = false;
+    std::optional<int> exitCode_;  // set by "exit"
 };
 
 }  // namespace crhost

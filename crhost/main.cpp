@@ -1,6 +1,7 @@
 // cr-host: the module hosted as the agent host hosts it, driven through JSON
 // lines on standard input and output (console.h), for development, tests,
 // support and demonstration.
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -121,7 +122,11 @@ int Run(const crhost::Options& options) {
         bool quit = false;
         while (!quit && !stop.Requested()) {
             if (std::optional<crhost::LineReader::Line> line = reader.Next()) {
-                quit = console.Handle(*line) == crhost::Console::Next::kQuit;
+                const crhost::Console::Next next = console.Handle(*line);
+                // What a host that ends without stopping its plug-ins does:
+                // the module's threads are still running as the process exits.
+                if (next == crhost::Console::Next::kExit) std::exit(console.ExitCode());
+                quit = next == crhost::Console::Next::kQuit;
                 continue;
             }
             if (reader.Ended()) break;

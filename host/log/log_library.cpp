@@ -10,6 +10,7 @@
 
 #include "os/environment.h"
 #include "os/file_io.h"
+#include "os/no_destructor.h"
 #include "os/utf8.h"
 #include "windows_format.h"
 
@@ -21,24 +22,37 @@
 
 namespace {
 
-std::mutex sinkMutex;
-std::wstring openPath;  // guarded by sinkMutex
-os::FilePtr openFile;   // guarded by sinkMutex
+// Where the lines go. Never destroyed: a module's thread may still write
+// while the process exits and static objects are destroyed (a host that ends
+// without stopping its plug-ins), and must then find the sink intact. Every
+// line is flushed as it is written, so nothing waits for a destructor;
+// LogDeinit gives back what the sink holds.
+struct Sink {
+    std::mutex mutex;
+    std::wstring openPath;  // guarded by mutex
+    os::FilePtr openFile;   // guarded by mutex
+};
+
+Sink& TheSink() {
+    static os::NoDestructor<Sink> sink;
+    return *sink;
+}
 
 void AppendLine(const std::string& line) {
     const std::wstring path = os::GetEnv(L"CR_LOG_FILE").value_or(L"");
-    std::lock_guard lock(sinkMutex);
+    Sink& sink = TheSink();
+    std::lock_guard lock(sink.mutex);
     if (path.empty()) {
         std::fwrite(line.data(), 1, line.size(), stderr);
         return;
     }
-    if (!openFile || path != openPath) {
-        openFile = os::OpenFile(path, L"ab");
-        openPath = path;
+    if (!sink.openFile || path != sink.openPath) {
+        sink.openFile = os::OpenFile(path, L"ab");
+        sink.openPath = path;
     }
-    if (!openFile) return;
-    std::fwrite(line.data(), 1, line.size(), openFile.get());
-    std::fflush(openFile.get());
+    if (!sink.openFile) return;
+    std::fwrite(line.data(), 1, line.size(), sink.openFile.get());
+    std::fflush(sink.openFile.get());
 }
 
 bool LevelEnabled(int32_t level) {
@@ -56,9 +70,10 @@ bool LevelEnabled(int32_t level) {
 LOG_EXPORT void LogInit() {}
 
 LOG_EXPORT void LogDeinit() {
-    std::lock_guard lock(sinkMutex);
-    openFile.reset();
-    openPath.clear();
+    Sink& sink = TheSink();
+    std::lock_guard lock(sink.mutex);
+    sink.openFile.reset();
+    std::wstring().swap(sink.openPath);
 }
 
 LOG_EXPORT void LogUninitDeskMetrics() {}

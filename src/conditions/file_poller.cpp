@@ -2,6 +2,8 @@
 
 #include <system_error>
 
+#include "os/no_destructor.h"
+
 namespace Product::Integration::ConditionManager {
 namespace {
 // The client whose Poll runs on this thread, if any.
@@ -35,8 +37,8 @@ FilePoller::~FilePoller() {
 }
 
 FilePoller& FilePoller::Shared() {
-    static FilePoller shared;
-    return shared;
+    static os::NoDestructor<FilePoller> shared;
+    return *shared;
 }
 
 bool FilePoller::Register(Client* client) {
