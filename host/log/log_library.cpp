@@ -1,5 +1,6 @@
 // Reference logging library. Appends one line per message,
-//   level<TAB>nesting step<TAB>function<TAB>message
+//   time<TAB>thread<TAB>level<TAB>nesting step<TAB>function<TAB>message
+// (time in UTC as 2026-11-24T08:45:01.123Z, thread as the system's thread id)
 // in UTF-8 to the file named by CR_LOG_FILE (standard error when unset).
 // CR_LOG_LEVEL, when set, drops messages whose level number is above it.
 #include <cstdarg>
@@ -11,7 +12,9 @@
 #include "os/environment.h"
 #include "os/file_io.h"
 #include "os/no_destructor.h"
+#include "os/thread_id.h"
 #include "os/utf8.h"
+#include "os/wall_time.h"
 #include "windows_format.h"
 
 #if defined(_WIN32)
@@ -85,8 +88,8 @@ LOG_EXPORT int32_t LogWrite(int16_t nestingStep, const int32_t* level, void* mod
                             const wchar_t* format, va_list args) {
     const int32_t lvl = level ? *level : 0;
     if (!LevelEnabled(lvl)) return 0;
-    std::wstring line = std::to_wstring(lvl) + L"\t" + std::to_wstring(nestingStep) + L"\t" +
-                        (function ? function : L"") + L"\t" + host::FormatWindowsStyle(format, args) + L"\n";
-    AppendLine(os::WideToUtf8Lossy(line));
+    const std::wstring text = std::to_wstring(lvl) + L"\t" + std::to_wstring(nestingStep) + L"\t" +
+                              (function ? function : L"") + L"\t" + host::FormatWindowsStyle(format, args) + L"\n";
+    AppendLine(os::Iso8601UtcNow() + "\t" + std::to_string(os::CurrentThreadId()) + "\t" + os::WideToUtf8Lossy(text));
     return 0;
 }
