@@ -18,18 +18,34 @@ namespace crhost {
 
 // The host's own services as the console reaches them.
 const Console::HostAction Console::kHostActions[] = {
-    {"users.logon", &Console::UserLogOn},
-    {"users.logoff", &Console::UserLogOff},
-    {"computer.groups", &Console::ComputerGroups},
-    {"computer.ou", &Console::ComputerOu},
-    {"agent.connected", &Console::AgentConnected},
-    {"service.connected", &Console::ServiceConnected},
-    {"policy.result", &Console::PolicyResult},
-    {"explain", &Console::Explain},
-    {"rules", &Console::Rules},
-    {"sleep", &Console::Sleep},
-    {"quit", &Console::Quit},
-    {"exit", &Console::Exit},
+    {"users.logon", &Console::UserLogOn, R"("user": {"sid", "name", "domain", optional "groups": [SIDs]})",
+     "logs the user on and reports it to the directory conditions"},
+    {"users.logoff", &Console::UserLogOff, R"("user": {"sid"})", "logs that user off and reports it"},
+    {"computer.groups", &Console::ComputerGroups, R"("groups": [{"dn", "sid"}])",
+     "reports the computer's groups to the computer-group conditions"},
+    {"computer.ou", &Console::ComputerOu, R"("ou": "<DN of the computer's account>")",
+     "reports the computer's place in the directory"},
+    {"agent.connected", &Console::AgentConnected, R"("value": true | false | null)",
+     "the agent's server connection as the agent-connection conditions see it"},
+    {"service.connected", &Console::ServiceConnected, "", "the service control's service-connected event"},
+    {"policy.result", &Console::PolicyResult, R"("plugin", "method", "result", optional "delayMs")",
+     "what that plug-in method returns from now on, and how long it takes"},
+    {"explain", &Console::Explain, R"("condition": {...} or "ruleId": "<id>")",
+     "builds the tree anew and answers each node's state"},
+    {"rules", &Console::Rules, "", "every current rule with the state of its condition tree"},
+    {"help", &Console::Help, "", "lists the console's commands and the host's actions"},
+    {"sleep", &Console::Sleep, R"("ms")", "answers after that long"},
+    {"quit", &Console::Quit, "", "answers, then stops the module and ends"},
+    {"exit", &Console::Exit, R"(optional "code" (0-255))",
+     "answers, then ends the process at once without stopping the module"},
+};
+
+// The module's console commands, as its agent answers them.
+const char* const Console::kModuleCommands[] = {
+    "SetRules",      "GetRules",     "SetMethodSet",       "GetMethodSet",
+    "DeleteMethodSet", "DeleteAllMethodSets", "GetMethodSetIds", "UpdateRulesAndMethods",
+    "UpdateMethods", "GetSettings",  "SetSettings",        "SetEnabled",
+    "IsEnabled",
 };
 
 namespace {
@@ -37,6 +53,13 @@ namespace {
 int32_t Fail(Json::Value& out, int32_t status, const std::string& reason) {
     out["error"] = reason;
     return status;
+}
+
+// Beside a non-zero "status", its name, for the person reading the answer.
+void AddStatusName(Json::Value& out) {
+    const Json::Value& status = out["status"];
+    if (!status.isInt() || status.asInt() == 0) return;
+    out["statusName"] = StatusName(status.asInt());
 }
 
 bool Blank(const std::string& text) { return text.find_first_not_of(" \t\r") == std::string::npos; }
@@ -115,6 +138,7 @@ Console::Next Console::Handle(const LineReader::Line& line) {
                                 std::string("the host failed handling this line: ") + failure.what());
         out = std::move(failed);
     }
+    AddStatusName(out);
     output_.Write(out);
     return next;
 }
@@ -297,6 +321,22 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         if (stop_.WaitFor(static_cast<uint32_t>(left.count()))) break;
     }
+    return 0;
+}
+
+int32_t Console::Help(const Json::Value&, Json::Value& out) {
+    Json::Value& methods = out["methods"] = Json::Value(Json::arrayValue);
+    for (const char* command : kModuleCommands) methods.append(command);
+    Json::Value& actions = out["actions"] = Json::Value(Json::arrayValue);
+    for (const HostAction& entry : kHostActions) {
+        Json::Value action(Json::objectValue);
+        action["host"] = entry.name;
+        action["members"] = entry.members;
+        action["does"] = entry.does;
+        actions.append(action);
+    }
+    out["usage"] =
+        R"({"id": any, "method": "<command>", "request": {...}} runs a module command; {"id": any, "host": "<action>", ...} a host action)";
     return 0;
 }
 

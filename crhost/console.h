@@ -58,10 +58,13 @@ public:
     struct HostAction {
         const char* name;
         Action action;
+        const char* members;  // the members it reads, as "help" lists them
+        const char* does;     // what it does, in a few words
     };
 
 private:
     static const HostAction kHostActions[];
+    static const char* const kModuleCommands[];
 
     void Reject(uint64_t line, const std::string& reason);
     void RunMethod(const Json::Value& in, Json::Value& out);
@@ -79,6 +82,7 @@ private:
     int32_t PolicyResult(const Json::Value& in, Json::Value& out);
     int32_t Explain(const Json::Value& in, Json::Value& out);
     int32_t Rules(const Json::Value& in, Json::Value& out);
+    int32_t Help(const Json::Value& in, Json::Value& out);
     int32_t Sleep(const Json::Value& in, Json::Value& out);
     int32_t Quit(const Json::Value& in, Json::Value& out);
     int32_t Exit(const Json::Value& in, Json::Value& out);

@@ -18,6 +18,7 @@
 #include "os/standard_streams.h"
 #include "os/stop_signal.h"
 #include "os/utf8.h"
+#include "os/wall_time.h"
 #include "output.h"
 #include "stop_request.h"
 
@@ -50,6 +51,7 @@ Json::Value EventLine(const host::AgentManager::SentEvent& event) {
     Json::Value line(Json::objectValue);
     line["event"] = os::WideToUtf8Lossy(event.name);
     line["payload"] = event.payload;
+    line["time"] = os::Iso8601UtcNow();
     return line;
 }
 
@@ -66,8 +68,10 @@ Json::Value PolicyRunLine(const host::PolicyRunner::Run& run) {
     body["request"] = run.request.isNull() ? Json::Value(os::WideToUtf8Lossy(run.requestText)) : run.request;
     body["results"] = results;
     body["status"] = run.status;
+    if (run.status != 0) body["statusName"] = crhost::StatusName(run.status);
     Json::Value line(Json::objectValue);
     line["policyRun"] = body;
+    line["time"] = os::Iso8601UtcNow();
     return line;
 }
 

@@ -1,8 +1,14 @@
 #include "output.h"
 
 #include "os/standard_streams.h"
+#include "qv/status.h"
 
 namespace crhost {
+
+const char* StatusName(int32_t status) {
+    const char* name = qv::status::Name(status);
+    return name ? name : "unknown status";
+}
 
 Output::Output() {
     builder_["indentation"] = "";

@@ -4,6 +4,7 @@
 // is written whole, so lines never interleave.
 //
 // Thread rule: Write from any thread.
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -11,6 +12,11 @@
 #include <json/writer.h>
 
 namespace crhost {
+
+// What the host writes beside a non-zero status for the person reading it:
+// the system's name of the status ("ERROR_INVALID_PARAMETER"), or "unknown
+// status".
+const char* StatusName(int32_t status);
 
 class Output {
 public:

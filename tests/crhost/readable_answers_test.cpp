@@ -1,0 +1,103 @@
+// cr-host's answers read by a person: a failed status comes with its name,
+// policy runs and events say when they happened, and "help" lists what the
+// console accepts.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "host_process.h"
+#include "os/utf8.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using crhost_test::HostProcess;
+using crhost_test::IsEvent;
+using crhost_test::IsPolicyRun;
+using crhost_test::Parse;
+
+bool IsUtcTime(const Json::Value& value) {
+    static const std::regex form(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z)");
+    return value.isString() && std::regex_match(value.asString(), form);
+}
+
+class CrHostReadableAnswers : public testing::Test {
+protected:
+    std::vector<std::wstring> Arguments() const {
+        return {L"--state", dir_.File(L"state.json"), L"--log", dir_.File(L"log.txt")};
+    }
+    testing_support::TempDir dir_;
+};
+
+TEST_F(CrHostReadableAnswers, AFailedStatusComesWithItsName) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+
+    Json::Value answer = host.Method("SetRules", Parse(R"({"rules":"none"})"));
+    EXPECT_EQ(answer["status"], 160);
+    EXPECT_EQ(answer["statusName"], "ERROR_BAD_ARGUMENTS");
+    answer = host.Host(Parse(R"({"host":"sleep","ms":"long"})"));
+    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["statusName"], "ERROR_INVALID_PARAMETER");
+    answer = host.Host(Parse(R"({"host":"no.such.action"})"));
+    EXPECT_EQ(answer["statusName"], "ERROR_NOT_FOUND");
+    answer = host.Host(Parse(R"({"host":"explain","condition":{"type":"no.such.type"}})"));
+    EXPECT_EQ(answer["status"], 120);
+    EXPECT_EQ(answer["statusName"], "ERROR_CALL_NOT_IMPLEMENTED");
+    // A success carries no name.
+    answer = host.Method("GetRules");
+    EXPECT_EQ(answer["status"], 0);
+    EXPECT_FALSE(answer.isMember("statusName"));
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
+TEST_F(CrHostReadableAnswers, RunsAndEventsSayWhenTheyHappened) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    ASSERT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":0,"maxPostponeTime":60}})"))["status"], 0);
+    ASSERT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":0})"))["status"], 0);
+    ASSERT_EQ(host.Method("SetMethodSet", Parse(R"({"id":"M","displayName":"m","methods":[
+                                                   {"plugin":"P","method":"m"},{"plugin":"Gone","method":"m"}]})"))
+                  ["status"],
+              0);
+    ASSERT_EQ(host.Method("SetRules", Parse(R"({"rules":[{"id":"r","displayName":"","methodSetId":"M",
+                                                "matchIf":{"type":"boolean.TRUE"}}]})"))["status"],
+              0);
+    const std::optional<Json::Value> run = host.WaitFor(IsPolicyRun());
+    ASSERT_TRUE(run.has_value());
+    EXPECT_TRUE(IsUtcTime((*run)["time"])) << run->toStyledString();
+    const std::optional<Json::Value> event = host.WaitFor(IsEvent());
+    ASSERT_TRUE(event.has_value());
+    EXPECT_TRUE(IsUtcTime((*event)["time"])) << event->toStyledString();
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
+TEST_F(CrHostReadableAnswers, HelpListsWhatTheConsoleAccepts) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const Json::Value help = host.Host(Parse(R"({"host":"help"})"));
+    ASSERT_EQ(help["status"], 0);
+    ASSERT_GE(help["methods"].size(), 13u);
+    ASSERT_GE(help["actions"].size(), 13u);
+
+    // Every command listed reaches the module's agent: none is unknown to it.
+    for (const Json::Value& method : help["methods"]) {
+        const Json::Value answer = host.Method(method.asString(), Parse(R"({})"));
+        EXPECT_NE(answer["status"], 50) << method.asString() << " is not a command of the module";
+    }
+    // Every action listed is one the host knows; those that end or wait are left out.
+    for (const Json::Value& action : help["actions"]) {
+        const std::string name = action["host"].asString();
+        EXPECT_FALSE(action["does"].asString().empty()) << name;
+        if (name == "quit" || name == "exit" || name == "help") continue;
+        Json::Value request(Json::objectValue);
+        request["host"] = name;
+        const Json::Value answer = host.Host(request);
+        EXPECT_NE(answer["error"], "unknown host action") << name;
+    }
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
+}  // namespace
