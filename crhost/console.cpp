@@ -33,6 +33,8 @@ const Console::HostAction Console::kHostActions[] = {
     {"explain", &Console::Explain, R"("condition": {...} or "ruleId": "<id>")",
      "builds the tree anew and answers each node's state"},
     {"rules", &Console::Rules, "", "every current rule with the state of its condition tree"},
+    {"types", &Console::Types, "",
+     "the condition types: each keyword, its \"data\" members (JSON type, optional or not) and an example"},
     {"help", &Console::Help, "", "lists the console's commands and the host's actions"},
     {"sleep", &Console::Sleep, R"("ms")", "answers after that long"},
     {"quit", &Console::Quit, "", "answers, then stops the module and ends"},
@@ -321,6 +323,13 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         if (stop_.WaitFor(static_cast<uint32_t>(left.count()))) break;
     }
+    return 0;
+}
+
+int32_t Console::Types(const Json::Value&, Json::Value& out) {
+    const Product::Integration::ConditionManager::IConditionCatalog* catalog = hosted_.conditionCatalog();
+    if (!catalog) return Fail(out, qv::status::kNotSupported, "the module's condition manager has no catalog");
+    out["types"] = catalog->Catalog();
     return 0;
 }
 

@@ -29,6 +29,24 @@ public:
     virtual ~IManager() = default;
 };
 
+// The condition types the manager builds, for people and tools: answered by
+// the manager's QueryInterface. A host that never asks pays nothing.
+class IConditionCatalog {
+public:
+    static constexpr GUID iid = qv::MakeGuid(0x8E41D2A7, 0x3F05, 0x4B9C, 0x9D16, 0x7A0C35E2B4F1);
+
+    // One object per type, in the catalog's order:
+    //   {"type": keyword, "meaning": text,
+    //    "data": [{"name", "json": "string" | "boolean" | "array" | "object",
+    //              "optional": bool, "meaning"}],
+    //    "example": a whole condition object of that type}
+    // Any thread.
+    [[nodiscard]] virtual Json::Value Catalog() const = 0;
+
+protected:
+    ~IConditionCatalog() = default;
+};
+
 // The combinators get the manager itself, to build their children.
 template <>
 struct DependencyTraits<IManager> {
@@ -42,4 +60,8 @@ struct DependencyTraits<IManager> {
 template <>
 struct qv::InterfaceName<Product::Integration::ConditionManager::IManager> {
     static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IManager";
+};
+template <>
+struct qv::InterfaceName<Product::Integration::ConditionManager::IConditionCatalog> {
+    static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IConditionCatalog";
 };
