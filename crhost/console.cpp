@@ -8,7 +8,9 @@
 #include <json/reader.h>
 
 #include "action_members.h"
+#include "build_failure.h"
 #include "explain.h"
+#include "log_messages.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
 #include "qv/service_control.h"
@@ -288,8 +290,21 @@ int32_t Console::Explain(const Json::Value& in, Json::Value& out) {
     }
     TreeExplainer explainer(*hosted_.conditionManager(), hosted_.host().queues());
     Json::Value tree;
-    if (const int32_t status = explainer.Explain(condition, tree); status != 0)
+    int32_t status = 0;
+    {
+        // What the module says while it builds the tree: its reasons for a refusal.
+        ThreadLogMessages said(ThreadLogMessages::kDetail);
+        status = explainer.Explain(condition, tree);
+        if (status != 0) {
+            Json::Value& messages = out["messages"] = Json::Value(Json::arrayValue);
+            for (const std::string& message : said.messages()) messages.append(message);
+        }
+    }
+    if (status != 0) {
+        out["failedAt"] =
+            BuildFailureLocator(*hosted_.conditionManager(), hosted_.conditionCatalog()).Locate(condition);
         return Fail(out, status, "the condition tree cannot be built");
+    }
     out["tree"] = tree;
     return 0;
 }

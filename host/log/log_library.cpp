@@ -15,6 +15,7 @@
 #include "os/thread_id.h"
 #include "os/utf8.h"
 #include "os/wall_time.h"
+#include "thread_sink.h"
 #include "windows_format.h"
 
 #if defined(_WIN32)
@@ -58,6 +59,10 @@ void AppendLine(const std::string& line) {
     std::fflush(sink.openFile.get());
 }
 
+// The calling thread's copy of its messages (LogSetThreadSink).
+thread_local host::log::ThreadSink threadSink = nullptr;
+thread_local void* threadSinkContext = nullptr;
+
 bool LevelEnabled(int32_t level) {
     auto limit = os::GetEnv(L"CR_LOG_LEVEL");
     if (!limit || limit->empty()) return true;
@@ -84,12 +89,21 @@ LOG_EXPORT void LogRemoveModule(const char*) {}
 
 LOG_EXPORT int32_t LogIsEnabled() { return 1; }
 
+LOG_EXPORT void LogSetThreadSink(host::log::ThreadSink sink, void* context) {
+    threadSink = sink;
+    threadSinkContext = context;
+}
+
 LOG_EXPORT int32_t LogWrite(int16_t nestingStep, const int32_t* level, void* module, const wchar_t* function,
                             const wchar_t* format, va_list args) {
     const int32_t lvl = level ? *level : 0;
-    if (!LevelEnabled(lvl)) return 0;
+    const bool enabled = LevelEnabled(lvl);
+    if (!enabled && !threadSink) return 0;
+    const std::wstring message = host::FormatWindowsStyle(format, args);
+    if (threadSink) threadSink(threadSinkContext, lvl, function ? function : L"", message.c_str());
+    if (!enabled) return 0;
     const std::wstring text = std::to_wstring(lvl) + L"\t" + std::to_wstring(nestingStep) + L"\t" +
-                              (function ? function : L"") + L"\t" + host::FormatWindowsStyle(format, args) + L"\n";
+                              (function ? function : L"") + L"\t" + message + L"\n";
     AppendLine(os::Iso8601UtcNow() + "\t" + std::to_string(os::CurrentThreadId()) + "\t" + os::WideToUtf8Lossy(text));
     return 0;
 }

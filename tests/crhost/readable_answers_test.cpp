@@ -53,6 +53,42 @@ TEST_F(CrHostReadableAnswers, AFailedStatusComesWithItsName) {
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }
 
+TEST_F(CrHostReadableAnswers, ATreeThatCannotBeBuiltNamesWhereAndWhy) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    auto explain = [&](const std::string& condition) {
+        return host.Host(Parse(R"({"host":"explain","condition":)" + condition + "}"));
+    };
+
+    // The third child's address is not an address; the second is fine.
+    Json::Value answer = explain(R"({"type":"boolean.AND","data":{"conditions":[{"type":"boolean.TRUE"},
+        {"type":"network.IP","data":{"address":"10.0.0.1"}},{"type":"network.IP","data":{"address":"10.0.0.300"}}]}})");
+    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["failedAt"], "data.conditions[2].data.address");
+    bool named = false;
+    for (const Json::Value& message : answer["messages"])
+        named = named || message.asString().find("10.0.0.300") != std::string::npos;
+    EXPECT_TRUE(named) << "the module's reason is not among the messages: " << answer.toStyledString();
+
+    // A member left out, below a NOT; a wrong JSON type; an unknown type; a
+    // combinator without children.
+    EXPECT_EQ(explain(R"({"type":"boolean.NOT","data":{"condition":{"type":"network.IPRange","data":{"start":"1.2.3.4"}}}})")
+                  ["failedAt"],
+              "data.condition.data.end");
+    EXPECT_EQ(explain(R"({"type":"boolean.OR","data":{"conditions":[{"type":"boolean.FALSE"},
+        {"type":"network.ConnectionType","data":{"type":"wifi","ssid":7}}]}})")["failedAt"],
+              "data.conditions[1].data.ssid");
+    answer = explain(R"({"type":"network.Unknown"})");
+    EXPECT_EQ(answer["status"], 120);
+    EXPECT_EQ(answer["failedAt"], "type");
+    EXPECT_EQ(explain(R"({"type":"boolean.OR","data":{"conditions":[]}})")["failedAt"], "data.conditions");
+    // A tree that builds has neither.
+    answer = explain(R"({"type":"boolean.TRUE"})");
+    EXPECT_FALSE(answer.isMember("failedAt"));
+    EXPECT_FALSE(answer.isMember("messages"));
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
 TEST_F(CrHostReadableAnswers, RunsAndEventsSayWhenTheyHappened) {
     HostProcess host(Arguments());
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
