@@ -103,7 +103,7 @@ int Run(const crhost::Options& options) {
     os::StopSignalWatcher signals([&stop] { stop.Request(); });
     if (!signals.Active()) Complain(L"cannot watch for stop signals; they end the process at once");
 
-    crhost::Output output;
+    crhost::Output output(options.pretty ? crhost::Output::Format::kPretty : crhost::Output::Format::kJsonLines);
     crhost::HostedModule hosted(std::move(store));
     if (options.stopLimitMs) hosted.SetStopLimit(*options.stopLimitMs);
     hosted.host().agents().SetEventSink([&output](const auto& event) { output.Write(EventLine(event)); });

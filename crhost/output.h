@@ -20,8 +20,11 @@ const char* StatusName(int32_t status);
 
 class Output {
 public:
-    Output();
-    // Writes `object` and a newline. Output that can no longer be written
+    // JSON lines for programs (the default), or text for a person (--pretty).
+    enum class Format { kJsonLines, kPretty };
+
+    explicit Output(Format format = Format::kJsonLines);
+    // Writes `object` and a newline (in the pretty format, its text). Output that can no longer be written
     // (the reader went away) is dropped: the host goes on until its input
     // ends or it is told to stop.
     void Write(const Json::Value& object);
@@ -29,6 +32,7 @@ public:
     std::string Compact(const Json::Value& value) const;
 
 private:
+    const Format format_;
     Json::StreamWriterBuilder builder_;
     std::mutex mutex_;
 };

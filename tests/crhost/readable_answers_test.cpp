@@ -7,7 +7,10 @@
 #include <string>
 #include <vector>
 
+#include <json/writer.h>
+
 #include "host_process.h"
+#include "os/file_io.h"
 #include "os/utf8.h"
 #include "support/log_capture.h"
 
@@ -21,6 +24,13 @@ using crhost_test::Parse;
 bool IsUtcTime(const Json::Value& value) {
     static const std::regex form(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z)");
     return value.isString() && std::regex_match(value.asString(), form);
+}
+
+// `json` written on one line, as the console reads it.
+std::string OneLine(const std::string& json) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, Parse(json));
 }
 
 class CrHostReadableAnswers : public testing::Test {
@@ -133,6 +143,41 @@ TEST_F(CrHostReadableAnswers, HelpListsWhatTheConsoleAccepts) {
         const Json::Value answer = host.Host(request);
         EXPECT_NE(answer["error"], "unknown host action") << name;
     }
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
+TEST_F(CrHostReadableAnswers, PrettyOutputDrawsTreesAndGivesRunsAndEventsALineEach) {
+    const std::wstring flag = dir_.File(L"flag");
+    ASSERT_TRUE(os::OpenFile(flag, L"wb"));
+    std::vector<std::wstring> arguments = Arguments();
+    arguments.push_back(L"--pretty");
+    HostProcess host(arguments);
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const std::string path = Json::Value(os::WideToUtf8Lossy(flag)).toStyledString();
+    ASSERT_TRUE(host.Send(OneLine(R"({"id":1,"host":"explain","condition":{"type":"boolean.AND","data":{"conditions":[
+        {"type":"boolean.TRUE"},{"type":"boolean.NOT","data":{"condition":
+        {"type":"Test.FileExists","data":{"filePath":)" + path + R"(}}}}]}}})")));
+    ASSERT_TRUE(host.Send(R"({"id":2,"host":"explain","condition":{"type":"network.IP","data":{"address":"1.2.3"}}})"));
+    ASSERT_TRUE(host.Send(R"({"id":3,"method":"SetSettings","request":{"settings":{"minEvalTime":0,"maxPostponeTime":60}}})"));
+    ASSERT_TRUE(host.Send(R"({"id":4,"method":"SetMethodSet","request":{"id":"M","displayName":"","methods":[{"plugin":"P","method":"m"}]}})"));
+    ASSERT_TRUE(host.Send(R"({"id":5,"method":"SetRules","request":{"rules":[{"id":"r1","displayName":"","methodSetId":"M","matchIf":{"type":"boolean.TRUE"}}]}})"));
+    const auto has = [&host](const std::string& wanted) {
+        return testing_support::Eventually([&] {
+            for (const std::string& line : host.RawLines())
+                if (line.find(wanted) != std::string::npos) return true;
+            return false;
+        });
+    };
+    EXPECT_TRUE(has("#1 explain  ok"));
+    EXPECT_TRUE(has("  \u2717 boolean.AND"));
+    EXPECT_TRUE(has("    \u2713 boolean.TRUE"));
+    EXPECT_TRUE(has("    \u2717 boolean.NOT"));
+    EXPECT_TRUE(has("      \u2713 Test.FileExists {\"filePath\":"));
+    EXPECT_TRUE(has("#2 explain  status 87 ERROR_INVALID_PARAMETER: the condition tree cannot be built"));
+    EXPECT_TRUE(has("  failedAt: data.address"));
+    EXPECT_TRUE(has(" run    P.m -> 0  status 0"));
+    EXPECT_TRUE(has(" event  Product.ConditionalRunner.MethodSetsRun"));
+    EXPECT_TRUE(has("rules r1 -> error 0"));
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }
 
