@@ -18,7 +18,7 @@ bool HasJsonType(const Json::Value& value, const std::string& json) {
 }  // namespace
 
 BuildFailureLocator::BuildFailureLocator(Product::Integration::ConditionManager::IManager& manager,
-                                         const Product::Integration::ConditionManager::IConditionCatalog* catalog)
+                                         const Product::Integration::ConditionManager::IManagerDiagnostics* catalog)
     : manager_(manager), catalog_(catalog ? catalog->Catalog() : Json::Value()) {}
 
 bool BuildFailureLocator::Builds(const Json::Value& condition) const {

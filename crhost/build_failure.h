@@ -24,7 +24,7 @@ class BuildFailureLocator {
 public:
     // `catalog` may be null (a module without one): members are then not told.
     BuildFailureLocator(Product::Integration::ConditionManager::IManager& manager,
-                        const Product::Integration::ConditionManager::IConditionCatalog* catalog);
+                        const Product::Integration::ConditionManager::IManagerDiagnostics* catalog);
 
     // The path of the failure in `condition`, which the manager refused.
     std::string Locate(const Json::Value& condition) const;

@@ -302,7 +302,7 @@ int32_t Console::Explain(const Json::Value& in, Json::Value& out) {
     }
     if (status != 0) {
         out["failedAt"] =
-            BuildFailureLocator(*hosted_.conditionManager(), hosted_.conditionCatalog()).Locate(condition);
+            BuildFailureLocator(*hosted_.conditionManager(), hosted_.managerDiagnostics()).Locate(condition);
         return Fail(out, status, "the condition tree cannot be built");
     }
     out["tree"] = tree;
@@ -342,7 +342,7 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
 }
 
 int32_t Console::Types(const Json::Value&, Json::Value& out) {
-    const Product::Integration::ConditionManager::IConditionCatalog* catalog = hosted_.conditionCatalog();
+    const Product::Integration::ConditionManager::IManagerDiagnostics* catalog = hosted_.managerDiagnostics();
     if (!catalog) return Fail(out, qv::status::kNotSupported, "the module's condition manager has no catalog");
     out["types"] = catalog->Catalog();
     return 0;

@@ -68,8 +68,8 @@ public:
     // The module's condition manager; null before Start.
     Product::Integration::ConditionManager::IManager* conditionManager() { return conditionManager_; }
     // Its catalog of condition types; null before Start, or when the module has none.
-    const Product::Integration::ConditionManager::IConditionCatalog* conditionCatalog() const {
-        return conditionCatalog_;
+    const Product::Integration::ConditionManager::IManagerDiagnostics* managerDiagnostics() const {
+        return managerDiagnostics_;
     }
     // True when the network provider is the host's stand-in.
     bool usesNetworkStandIn() const { return usesStandIn_; }
@@ -105,7 +105,7 @@ private:
     DestroyFn destroy_ = nullptr;
     std::vector<Object> objects_;  // in start order
     Product::Integration::ConditionManager::IManager* conditionManager_ = nullptr;
-    Product::Integration::ConditionManager::IConditionCatalog* conditionCatalog_ = nullptr;
+    Product::Integration::ConditionManager::IManagerDiagnostics* managerDiagnostics_ = nullptr;
 };
 
 }  // namespace crhost

@@ -2,7 +2,7 @@
 // The catalog of condition types: one row per type keyword with what it
 // means, the members of its "data" object and an example. It is the one list
 // of types: the manager fills its factory from it (each row names how to
-// build its type), and the manager's IConditionCatalog answers it, so what a
+// build its type), and the manager's IManagerDiagnostics answers it, so what a
 // person reads is what the module accepts.
 //
 // Thread rules: the table is built once, on first use, and only read after.
@@ -33,7 +33,7 @@ struct ConditionType {
 // Every type the module builds, in the order the catalog lists them.
 const std::vector<ConditionType>& ConditionTypes();
 
-// The table as IConditionCatalog answers it.
+// The table as IManagerDiagnostics answers it.
 Json::Value CatalogJson();
 
 }  // namespace Product::Integration::ConditionManager

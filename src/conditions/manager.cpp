@@ -5,6 +5,7 @@
 #include "conditions/catalog.h"
 #include "conditions/tree_shape.h"
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -41,7 +42,7 @@ void* Manager::QueryInterface(const GUID& iid) {
         return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
     if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
     if (qv::GuidEquals(iid, IManager::iid)) return static_cast<IManager*>(this);
-    if (qv::GuidEquals(iid, IConditionCatalog::iid)) return static_cast<IConditionCatalog*>(this);
+    if (qv::GuidEquals(iid, IManagerDiagnostics::iid)) return static_cast<IManagerDiagnostics*>(this);
     return nullptr;
 }
 
@@ -77,6 +78,13 @@ int32_t Manager::InitFactory() {
 }
 
 Json::Value Manager::Catalog() const { return CatalogJson(); }
+
+Json::Value Manager::LiveConditions() const {
+    Json::Value counts(Json::objectValue);
+    for (const auto& [type, count] : LiveConditions::Counts())
+        counts[os::WideToUtf8Lossy(type)] = static_cast<Json::UInt64>(count);
+    return counts;
+}
 
 int32_t Manager::InitDependencies(IComponentManager* components) {
     logging::CallTrace trace(kInitDependencies);

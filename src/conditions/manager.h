@@ -38,13 +38,14 @@
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
 #include "conditions/held_plugins.h"
+#include "conditions/live_conditions.h"
 #include "conditions/manager_interface.h"
 #include "plugin/serv_plugin.h"
 #include "qv/serv_plugin.h"
 
 namespace Product::Integration::ConditionManager {
 
-class Manager : public IManager, public IConditionCatalog, public IServPlugin {
+class Manager : public IManager, public IManagerDiagnostics, public IServPlugin {
 public:
     static constexpr size_t kMaxConditionDepth = 64;
     static constexpr size_t kMaxConditionNodes = 10000;
@@ -74,8 +75,10 @@ public:
     // keyword; otherwise the failing condition's Init status (the condition is
     // destroyed through its deleter).
     [[nodiscard]] ConditionPtr CreateCondition(const Json::Value& json, int32_t* error, size_t id) override;
-    // The catalog of condition types (see IConditionCatalog). Any thread.
+    // The catalog of condition types and the live conditions (see
+    // IManagerDiagnostics). Any thread.
     [[nodiscard]] Json::Value Catalog() const override;
+    [[nodiscard]] Json::Value LiveConditions() const override;
 
     // Resolves every dependency record of every type once: the manager itself,
     // the host's queue factory, or the host plug-in of that name. A record
@@ -124,7 +127,11 @@ protected:
     // A `create` function that makes a `T` with the deleter below.
     template <class T>
     static Creator MakeCreator() {
-        return [] { return std::unique_ptr<ConditionBase, ConditionDeleter>(new T(), &DestroyCondition<T>); };
+        return [] {
+            std::unique_ptr<ConditionBase, ConditionDeleter> made(new T(), &DestroyCondition<T>);
+            LiveConditions::Added(T::kType);
+            return made;
+        };
     }
 
     // Adds an entry by hand (an empty `create` is refused by CreateCondition).
@@ -139,6 +146,7 @@ private:
         T* typed = static_cast<T*>(condition);
         typed->Uninit();
         delete typed;
+        LiveConditions::Removed(T::kType);
     }
 
     template <class... D>

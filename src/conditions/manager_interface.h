@@ -29,9 +29,10 @@ public:
     virtual ~IManager() = default;
 };
 
-// The condition types the manager builds, for people and tools: answered by
-// the manager's QueryInterface. A host that never asks pays nothing.
-class IConditionCatalog {
+// What the manager can tell people and tools: the condition types it builds
+// and the conditions alive. Answered by the manager's QueryInterface; a host
+// that never asks pays nothing.
+class IManagerDiagnostics {
 public:
     static constexpr GUID iid = qv::MakeGuid(0x8E41D2A7, 0x3F05, 0x4B9C, 0x9D16, 0x7A0C35E2B4F1);
 
@@ -42,9 +43,12 @@ public:
     //    "example": a whole condition object of that type}
     // Any thread.
     [[nodiscard]] virtual Json::Value Catalog() const = 0;
+    // The conditions of this module alive now, by type keyword:
+    // {"network.IP": 1000, ...} (types with none left out). Any thread.
+    [[nodiscard]] virtual Json::Value LiveConditions() const = 0;
 
 protected:
-    ~IConditionCatalog() = default;
+    ~IManagerDiagnostics() = default;
 };
 
 // The combinators get the manager itself, to build their children.
@@ -62,6 +66,6 @@ struct qv::InterfaceName<Product::Integration::ConditionManager::IManager> {
     static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IManager";
 };
 template <>
-struct qv::InterfaceName<Product::Integration::ConditionManager::IConditionCatalog> {
-    static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IConditionCatalog";
+struct qv::InterfaceName<Product::Integration::ConditionManager::IManagerDiagnostics> {
+    static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IManagerDiagnostics";
 };
