@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 #include <memory>
 #include <optional>
 
@@ -13,6 +15,7 @@
 #include "log_messages.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
+#include "os/thread_name.h"
 #include "qv/service_control.h"
 #include "qv/status.h"
 
@@ -35,6 +38,8 @@ const Console::HostAction Console::kHostActions[] = {
     {"explain", &Console::Explain, R"("condition": {...} or "ruleId": "<id>")",
      "builds the tree anew and answers each node's state"},
     {"rules", &Console::Rules, "", "every current rule with the state of its condition tree"},
+    {"status", &Console::Status, "",
+     "the module at a glance: enabled, settings, rules, method sets, live conditions by type, threads, state file"},
     {"types", &Console::Types, "",
      "the condition types: each keyword, its \"data\" members (JSON type, optional or not) and an example"},
     {"help", &Console::Help, "", "lists the console's commands and the host's actions"},
@@ -338,6 +343,40 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         if (stop_.WaitFor(static_cast<uint32_t>(left.count()))) break;
     }
+    return 0;
+}
+
+int32_t Console::Status(const Json::Value&, Json::Value& out) {
+    const Json::Value request(Json::objectValue);
+    // What the console itself can ask the module.
+    Json::Value enabled, settings, rules, ids;
+    if (const int32_t status = hosted_.Command(L"IsEnabled", &request, enabled); status != 0)
+        return Fail(out, status, "the module did not say whether it is enabled");
+    if (const int32_t status = hosted_.Command(L"GetSettings", &request, settings); status != 0)
+        return Fail(out, status, "the module did not give its settings");
+    if (const int32_t status = hosted_.Command(L"GetRules", &request, rules); status != 0)
+        return Fail(out, status, "the module did not give its rules");
+    if (const int32_t status = hosted_.Command(L"GetMethodSetIds", &request, ids); status != 0)
+        return Fail(out, status, "the module did not give its method sets");
+    out["enabled"] = enabled["enabled"];
+    out["settings"] = settings["settings"];
+    out["rules"] = rules["rules"].size();
+    out["methodSets"] = ids["ids"].size();
+    if (const auto* diagnostics = hosted_.managerDiagnostics()) out["conditions"] = diagnostics->LiveConditions();
+
+    // The module names its threads "cr:<what>"; the others are the host's.
+    Json::Value& threads = out["threads"] = Json::Value(Json::objectValue);
+    Json::Value& module = threads["module"] = Json::Value(Json::arrayValue);
+    const std::vector<os::ThreadInfo> all = os::ProcessThreads();
+    for (const os::ThreadInfo& thread : all)
+        if (thread.name.rfind("cr:", 0) == 0) module.append(thread.name);
+    threads["process"] = static_cast<Json::UInt64>(all.size());
+
+    Json::Value& state = out["stateFile"] = Json::Value(Json::objectValue);
+    state["path"] = os::WideToUtf8Lossy(stateFile_);
+    std::error_code error;
+    const uintmax_t bytes = std::filesystem::file_size(std::filesystem::path(stateFile_), error);
+    state["bytes"] = error ? Json::Value() : Json::Value(static_cast<Json::UInt64>(bytes));
     return 0;
 }
 

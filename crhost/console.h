@@ -24,10 +24,10 @@
 //
 // Thread rule: one thread (the main loop) calls Handle.
 #include <cstdint>
-#include <string>
-#include <vector>
-
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <json/value.h>
 
@@ -44,7 +44,9 @@ public:
     // Longest "sleep", and the longest delay a "policy.result" may ask for.
     static constexpr uint32_t kMaxWaitMs = 24u * 60 * 60 * 1000;
 
-    Console(HostedModule& hosted, Output& output, StopRequest& stop) : hosted_(hosted), output_(output), stop_(stop) {}
+    // `stateFile` is the settings store's file, as "status" names it.
+    Console(HostedModule& hosted, Output& output, StopRequest& stop, std::wstring stateFile = L"")
+        : hosted_(hosted), output_(output), stop_(stop), stateFile_(std::move(stateFile)) {}
 
     enum class Next { kGoOn, kQuit, kExit };
     // Answers one line; kQuit after "quit", kExit after "exit" (the caller
@@ -82,6 +84,7 @@ private:
     int32_t PolicyResult(const Json::Value& in, Json::Value& out);
     int32_t Explain(const Json::Value& in, Json::Value& out);
     int32_t Rules(const Json::Value& in, Json::Value& out);
+    int32_t Status(const Json::Value& in, Json::Value& out);
     int32_t Types(const Json::Value& in, Json::Value& out);
     int32_t Help(const Json::Value& in, Json::Value& out);
     int32_t Sleep(const Json::Value& in, Json::Value& out);
@@ -91,6 +94,7 @@ private:
     HostedModule& hosted_;
     Output& output_;
     StopRequest& stop_;
+    const std::wstring stateFile_;
     bool quit_ = false;
     std::optional<int> exitCode_;  // set by "exit"
 };

@@ -122,7 +122,7 @@ int Run(const crhost::Options& options) {
     os::AutoResetEvent lineAvailable;
     {
         crhost::LineReader reader(lineAvailable);
-        crhost::Console console(hosted, output, stop);
+        crhost::Console console(hosted, output, stop, options.state);
         bool quit = false;
         while (!quit && !stop.Requested()) {
             if (std::optional<crhost::LineReader::Line> line = reader.Next()) {

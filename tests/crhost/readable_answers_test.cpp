@@ -99,6 +99,35 @@ TEST_F(CrHostReadableAnswers, ATreeThatCannotBeBuiltNamesWhereAndWhy) {
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }
 
+TEST_F(CrHostReadableAnswers, StatusShowsTheModuleAtAGlance) {
+    HostProcess host(Arguments());
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    ASSERT_EQ(host.Method("SetMethodSet", Parse(R"({"id":"M","displayName":"","methods":[]})"))["status"], 0);
+    ASSERT_EQ(host.Method("SetRules", Parse(R"({"rules":[
+        {"id":"a","displayName":"","methodSetId":"M","matchIf":{"type":"boolean.AND","data":{"conditions":[
+            {"type":"network.IP","data":{"address":"10.0.0.0/8"}},{"type":"boolean.TRUE"}]}}},
+        {"id":"b","displayName":"","methodSetId":"M","matchIf":{"type":"boolean.TRUE"}}]})"))["status"],
+              0);
+    ASSERT_EQ(host.Method("SetEnabled", Parse(R"({"enabled":false})"))["status"], 0);
+
+    const Json::Value status = host.Host(Parse(R"({"host":"status"})"));
+    ASSERT_EQ(status["status"], 0) << status.toStyledString();
+    EXPECT_EQ(status["enabled"], false);
+    EXPECT_EQ(status["rules"], 2);
+    EXPECT_EQ(status["methodSets"], 1);
+    EXPECT_TRUE(status["settings"].isMember("minEvalTime")) << status.toStyledString();
+    // The rules' own trees, and nothing else, are alive.
+    EXPECT_EQ(status["conditions"], Parse(R"({"boolean.AND":1,"boolean.TRUE":2,"network.IP":1})"));
+    EXPECT_GE(status["threads"]["process"].asUInt(), 1u);
+    EXPECT_EQ(status["stateFile"]["path"], os::WideToUtf8Lossy(dir_.File(L"state.json")));
+    EXPECT_GT(status["stateFile"]["bytes"].asUInt64(), 0u);
+
+    // Freed trees leave the count.
+    ASSERT_EQ(host.Method("SetRules", Parse(R"({"rules":[]})"))["status"], 0);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"status"})"))["conditions"], Parse(R"({})"));
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
 TEST_F(CrHostReadableAnswers, RunsAndEventsSayWhenTheyHappened) {
     HostProcess host(Arguments());
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
