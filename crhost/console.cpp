@@ -2,15 +2,20 @@
 
 #include <chrono>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 #include <memory>
 #include <optional>
 
 #include <json/reader.h>
 
 #include "action_members.h"
+#include "build_failure.h"
 #include "explain.h"
+#include "log_messages.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
+#include "os/thread_name.h"
 #include "qv/service_control.h"
 #include "qv/status.h"
 
@@ -18,17 +23,38 @@ namespace crhost {
 
 // The host's own services as the console reaches them.
 const Console::HostAction Console::kHostActions[] = {
-    {"users.logon", &Console::UserLogOn},
-    {"users.logoff", &Console::UserLogOff},
-    {"computer.groups", &Console::ComputerGroups},
-    {"computer.ou", &Console::ComputerOu},
-    {"agent.connected", &Console::AgentConnected},
-    {"service.connected", &Console::ServiceConnected},
-    {"policy.result", &Console::PolicyResult},
-    {"explain", &Console::Explain},
-    {"rules", &Console::Rules},
-    {"sleep", &Console::Sleep},
-    {"quit", &Console::Quit},
+    {"users.logon", &Console::UserLogOn, R"("user": {"sid", "name", "domain", optional "groups": [SIDs]})",
+     "logs the user on and reports it to the directory conditions"},
+    {"users.logoff", &Console::UserLogOff, R"("user": {"sid"})", "logs that user off and reports it"},
+    {"computer.groups", &Console::ComputerGroups, R"("groups": [{"dn", "sid"}])",
+     "reports the computer's groups to the computer-group conditions"},
+    {"computer.ou", &Console::ComputerOu, R"("ou": "<DN of the computer's account>")",
+     "reports the computer's place in the directory"},
+    {"agent.connected", &Console::AgentConnected, R"("value": true | false | null)",
+     "the agent's server connection as the agent-connection conditions see it"},
+    {"service.connected", &Console::ServiceConnected, "", "the service control's service-connected event"},
+    {"policy.result", &Console::PolicyResult, R"("plugin", "method", "result", optional "delayMs")",
+     "what that plug-in method returns from now on, and how long it takes"},
+    {"explain", &Console::Explain, R"("condition": {...} or "ruleId": "<id>")",
+     "builds the tree anew and answers each node's state"},
+    {"rules", &Console::Rules, "", "every current rule with the state of its condition tree"},
+    {"status", &Console::Status, "",
+     "the module at a glance: enabled, settings, rules, method sets, live conditions by type, threads, state file"},
+    {"types", &Console::Types, "",
+     "the condition types: each keyword, its \"data\" members (JSON type, optional or not) and an example"},
+    {"help", &Console::Help, "", "lists the console's commands and the host's actions"},
+    {"sleep", &Console::Sleep, R"("ms")", "answers after that long"},
+    {"quit", &Console::Quit, "", "answers, then stops the module and ends"},
+    {"exit", &Console::Exit, R"(optional "code" (0-255))",
+     "answers, then ends the process at once without stopping the module"},
+};
+
+// The module's console commands, as its agent answers them.
+const char* const Console::kModuleCommands[] = {
+    "SetRules",      "GetRules",     "SetMethodSet",       "GetMethodSet",
+    "DeleteMethodSet", "DeleteAllMethodSets", "GetMethodSetIds", "UpdateRulesAndMethods",
+    "UpdateMethods", "GetSettings",  "SetSettings",        "SetEnabled",
+    "IsEnabled",
 };
 
 namespace {
@@ -36,6 +62,13 @@ namespace {
 int32_t Fail(Json::Value& out, int32_t status, const std::string& reason) {
     out["error"] = reason;
     return status;
+}
+
+// Beside a non-zero "status", its name, for the person reading the answer.
+void AddStatusName(Json::Value& out) {
+    const Json::Value& status = out["status"];
+    if (!status.isInt() || status.asInt() == 0) return;
+    out["statusName"] = StatusName(status.asInt());
 }
 
 bool Blank(const std::string& text) { return text.find_first_not_of(" \t\r") == std::string::npos; }
@@ -114,6 +147,7 @@ Console::Next Console::Handle(const LineReader::Line& line) {
                                 std::string("the host failed handling this line: ") + failure.what());
         out = std::move(failed);
     }
+    AddStatusName(out);
     output_.Write(out);
     return next;
 }
@@ -148,6 +182,7 @@ Console::Next Console::RunHostAction(const Json::Value& in, Json::Value& out) {
         // The whole name must match: one holding NUL is longer than any entry's.
         if (name != entry.name) continue;
         out["status"] = (this->*entry.action)(in, out);
+        if (exitCode_) return Next::kExit;
         return quit_ ? Next::kQuit : Next::kGoOn;
     }
     out["status"] = Fail(out, qv::status::kNotFound, "unknown host action");
@@ -260,8 +295,21 @@ int32_t Console::Explain(const Json::Value& in, Json::Value& out) {
     }
     TreeExplainer explainer(*hosted_.conditionManager(), hosted_.host().queues());
     Json::Value tree;
-    if (const int32_t status = explainer.Explain(condition, tree); status != 0)
+    int32_t status = 0;
+    {
+        // What the module says while it builds the tree: its reasons for a refusal.
+        ThreadLogMessages said(ThreadLogMessages::kDetail);
+        status = explainer.Explain(condition, tree);
+        if (status != 0) {
+            Json::Value& messages = out["messages"] = Json::Value(Json::arrayValue);
+            for (const std::string& message : said.messages()) messages.append(message);
+        }
+    }
+    if (status != 0) {
+        out["failedAt"] =
+            BuildFailureLocator(*hosted_.conditionManager(), hosted_.managerDiagnostics()).Locate(condition);
         return Fail(out, status, "the condition tree cannot be built");
+    }
     out["tree"] = tree;
     return 0;
 }
@@ -298,8 +346,75 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
     return 0;
 }
 
+int32_t Console::Status(const Json::Value&, Json::Value& out) {
+    const Json::Value request(Json::objectValue);
+    // What the console itself can ask the module.
+    Json::Value enabled, settings, rules, ids;
+    if (const int32_t status = hosted_.Command(L"IsEnabled", &request, enabled); status != 0)
+        return Fail(out, status, "the module did not say whether it is enabled");
+    if (const int32_t status = hosted_.Command(L"GetSettings", &request, settings); status != 0)
+        return Fail(out, status, "the module did not give its settings");
+    if (const int32_t status = hosted_.Command(L"GetRules", &request, rules); status != 0)
+        return Fail(out, status, "the module did not give its rules");
+    if (const int32_t status = hosted_.Command(L"GetMethodSetIds", &request, ids); status != 0)
+        return Fail(out, status, "the module did not give its method sets");
+    out["enabled"] = enabled["enabled"];
+    out["settings"] = settings["settings"];
+    out["rules"] = rules["rules"].size();
+    out["methodSets"] = ids["ids"].size();
+    if (const auto* diagnostics = hosted_.managerDiagnostics()) out["conditions"] = diagnostics->LiveConditions();
+
+    // The module names its threads "cr:<what>"; the others are the host's.
+    Json::Value& threads = out["threads"] = Json::Value(Json::objectValue);
+    Json::Value& module = threads["module"] = Json::Value(Json::arrayValue);
+    const std::vector<os::ThreadInfo> all = os::ProcessThreads();
+    for (const os::ThreadInfo& thread : all)
+        if (thread.name.rfind("cr:", 0) == 0) module.append(thread.name);
+    threads["process"] = static_cast<Json::UInt64>(all.size());
+
+    Json::Value& state = out["stateFile"] = Json::Value(Json::objectValue);
+    state["path"] = os::WideToUtf8Lossy(stateFile_);
+    std::error_code error;
+    const uintmax_t bytes = std::filesystem::file_size(std::filesystem::path(stateFile_), error);
+    state["bytes"] = error ? Json::Value() : Json::Value(static_cast<Json::UInt64>(bytes));
+    return 0;
+}
+
+int32_t Console::Types(const Json::Value&, Json::Value& out) {
+    const Product::Integration::ConditionManager::IManagerDiagnostics* catalog = hosted_.managerDiagnostics();
+    if (!catalog) return Fail(out, qv::status::kNotSupported, "the module's condition manager has no catalog");
+    out["types"] = catalog->Catalog();
+    return 0;
+}
+
+int32_t Console::Help(const Json::Value&, Json::Value& out) {
+    Json::Value& methods = out["methods"] = Json::Value(Json::arrayValue);
+    for (const char* command : kModuleCommands) methods.append(command);
+    Json::Value& actions = out["actions"] = Json::Value(Json::arrayValue);
+    for (const HostAction& entry : kHostActions) {
+        Json::Value action(Json::objectValue);
+        action["host"] = entry.name;
+        action["members"] = entry.members;
+        action["does"] = entry.does;
+        actions.append(action);
+    }
+    out["usage"] =
+        R"({"id": any, "method": "<command>", "request": {...}} runs a module command; {"id": any, "host": "<action>", ...} a host action)";
+    return 0;
+}
+
 int32_t Console::Quit(const Json::Value&, Json::Value&) {
     quit_ = true;
+    return 0;
+}
+
+int32_t Console::Exit(const Json::Value& in, Json::Value& out) {
+    ActionMembers members(in);
+    const std::optional<int32_t> code = in.isMember("code") ? members.Int32("code") : 0;
+    if (!members.ok()) return Fail(out, qv::status::kInvalidParameter, members.error());
+    if (*code < 0 || *code > 255)
+        return Fail(out, qv::status::kInvalidParameter, "\"code\" must be an exit status from 0 to 255");
+    exitCode_ = *code;
     return 0;
 }
 

@@ -24,7 +24,9 @@
 //
 // Thread rule: one thread (the main loop) calls Handle.
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/value.h>
@@ -42,11 +44,15 @@ public:
     // Longest "sleep", and the longest delay a "policy.result" may ask for.
     static constexpr uint32_t kMaxWaitMs = 24u * 60 * 60 * 1000;
 
-    Console(HostedModule& hosted, Output& output, StopRequest& stop) : hosted_(hosted), output_(output), stop_(stop) {}
+    // `stateFile` is the settings store's file, as "status" names it.
+    Console(HostedModule& hosted, Output& output, StopRequest& stop, std::wstring stateFile = L"")
+        : hosted_(hosted), output_(output), stop_(stop), stateFile_(std::move(stateFile)) {}
 
-    enum class Next { kGoOn, kQuit };
-    // Answers one line; kQuit after "quit".
+    enum class Next { kGoOn, kQuit, kExit };
+    // Answers one line; kQuit after "quit", kExit after "exit" (the caller
+    // then ends the process with ExitCode(), the module left running).
     Next Handle(const LineReader::Line& line);
+    int ExitCode() const { return exitCode_.value_or(0); }
 
     // A host action: reads its members from `in`, adds its own to `out` and
     // returns its status; a non-zero status comes with out["error"].
@@ -54,10 +60,13 @@ public:
     struct HostAction {
         const char* name;
         Action action;
+        const char* members;  // the members it reads, as "help" lists them
+        const char* does;     // what it does, in a few words
     };
 
 private:
     static const HostAction kHostActions[];
+    static const char* const kModuleCommands[];
 
     void Reject(uint64_t line, const std::string& reason);
     void RunMethod(Json::Value& in, Json::Value& out);  // hands in["request"] over
@@ -75,13 +84,19 @@ private:
     int32_t PolicyResult(const Json::Value& in, Json::Value& out);
     int32_t Explain(const Json::Value& in, Json::Value& out);
     int32_t Rules(const Json::Value& in, Json::Value& out);
+    int32_t Status(const Json::Value& in, Json::Value& out);
+    int32_t Types(const Json::Value& in, Json::Value& out);
+    int32_t Help(const Json::Value& in, Json::Value& out);
     int32_t Sleep(const Json::Value& in, Json::Value& out);
     int32_t Quit(const Json::Value& in, Json::Value& out);
+    int32_t Exit(const Json::Value& in, Json::Value& out);
 
     HostedModule& hosted_;
     Output& output_;
     StopRequest& stop_;
+    const std::wstring stateFile_;
     bool quit_ = false;
+    std::optional<int> exitCode_;  // set by "exit"
 };
 
 }  // namespace crhost

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "conditions/diagnostics.h"
 #include "os/utf8.h"
 #include "qv/status.h"
 
@@ -11,6 +12,7 @@ namespace {
 
 using Product::Integration::ConditionManager::ConditionPtr;
 using Product::Integration::ConditionManager::ICondition;
+using Product::Integration::ConditionManager::IConditionDiagnostics;
 using Product::Integration::ConditionManager::IConditionVisitor;
 
 constexpr std::chrono::milliseconds kSettleLimit{2000};
@@ -22,6 +24,31 @@ public:
     std::vector<ICondition*> nodes;
 };
 
+// The condition objects of a tree's JSON in the order Accept visits the
+// built conditions: each one, then its children ("data"."conditions" of the
+// combinators, "data"."condition" of a negation).
+void JsonNodes(const Json::Value& condition, std::vector<const Json::Value*>& nodes) {
+    std::vector<const Json::Value*> pending{&condition};
+    while (!pending.empty()) {
+        const Json::Value* node = pending.back();
+        pending.pop_back();
+        nodes.push_back(node);
+        const Json::Value* data = node->isObject() ? node->find("data", "data" + 4) : nullptr;
+        if (!data || !data->isObject()) continue;
+        if (const Json::Value* children = data->find("conditions", "conditions" + 10); children && children->isArray()) {
+            for (Json::ArrayIndex i = children->size(); i-- > 0;) pending.push_back(&(*children)[i]);
+        } else if (const Json::Value* child = data->find("condition", "condition" + 9); child && child->isObject()) {
+            pending.push_back(child);
+        }
+    }
+}
+
+// What the condition saw, when it says.
+Json::Value ObservedBy(ICondition& condition) {
+    auto* diagnostics = static_cast<IConditionDiagnostics*>(condition.QueryInterface(IConditionDiagnostics::iid));
+    return diagnostics ? diagnostics->Observed() : Json::Value();
+}
+
 Json::Value StateOf(ICondition& condition, int32_t& status) {
     bool state = false;
     status = condition.GetState(&state, /*recompute=*/true);
@@ -31,16 +58,23 @@ Json::Value StateOf(ICondition& condition, int32_t& status) {
 // The explanation of nodes[at] with its subtree, whose size (itself
 // included) is sizes[at]. Recursion depth is the tree's depth, which the
 // condition manager bounds.
-Json::Value Describe(const std::vector<ICondition*>& nodes, const std::vector<size_t>& sizes, size_t at) {
+Json::Value Describe(const std::vector<ICondition*>& nodes, const std::vector<size_t>& sizes,
+                     const std::vector<const Json::Value*>& json, size_t at) {
     ICondition& condition = *nodes[at];
     Json::Value node(Json::objectValue);
     node["type"] = os::WideToUtf8Lossy(condition.GetType());
     int32_t status = 0;
     node["state"] = StateOf(condition, status);
     if (status != 0) node["error"] = status;
+    // The data as given; a combinator's children are shown as its children.
+    if (json.size() == nodes.size() && json[at]->isObject() && json[at]->isMember("data")) {
+        const Json::Value& data = (*json[at])["data"];
+        if (sizes[at] == 1) node["data"] = data;
+    }
+    if (Json::Value observed = ObservedBy(condition); !observed.isNull()) node["observed"] = std::move(observed);
     Json::Value& children = node["children"] = Json::Value(Json::arrayValue);
     for (size_t child = at + 1; child < at + sizes[at]; child += sizes[child])
-        children.append(Describe(nodes, sizes, child));
+        children.append(Describe(nodes, sizes, json, child));
     return node;
 }
 
@@ -64,7 +98,9 @@ int32_t TreeExplainer::Explain(const Json::Value& condition, Json::Value& tree) 
         static_cast<void>(node->Accept(subtree));
         sizes.push_back(subtree.nodes.empty() ? 1 : subtree.nodes.size());
     }
-    tree = Describe(all.nodes, sizes, 0);
+    std::vector<const Json::Value*> json;
+    JsonNodes(condition, json);
+    tree = Describe(all.nodes, sizes, json, 0);
     return 0;
 }
 

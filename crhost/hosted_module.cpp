@@ -101,8 +101,12 @@ bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
             return false;
         }
         if (object.name == qv::names::kConditionManager) {
+            using Product::Integration::ConditionManager::IManagerDiagnostics;
             using Product::Integration::ConditionManager::IManager;
             conditionManager_ = static_cast<IManager*>(object.plugin->QueryInterface(IManager::iid));
+            // Optional: a module without it still runs, and "types" says so.
+            managerDiagnostics_ =
+                static_cast<IManagerDiagnostics*>(object.plugin->QueryInterface(IManagerDiagnostics::iid));
         }
     }
     if (!conditionManager_) {
@@ -148,6 +152,7 @@ std::wstring HostedModule::Stop() {
         problems += step + L" failed" + StatusText(status);
     };
     conditionManager_ = nullptr;
+    managerDiagnostics_ = nullptr;
     for (Object* object : StopOrder()) {
         if (object->started) note(L"stopping " + object->name, object->plugin->Stop());
         object->started = false;

@@ -68,6 +68,10 @@ public:
     int32_t Command(const std::wstring& method, Json::Value* request, Json::Value& response);
     // The module's condition manager; null before Start.
     Product::Integration::ConditionManager::IManager* conditionManager() { return conditionManager_; }
+    // Its catalog of condition types; null before Start, or when the module has none.
+    const Product::Integration::ConditionManager::IManagerDiagnostics* managerDiagnostics() const {
+        return managerDiagnostics_;
+    }
     // True when the network provider is the host's stand-in.
     bool usesNetworkStandIn() const { return usesStandIn_; }
 
@@ -102,6 +106,7 @@ private:
     DestroyFn destroy_ = nullptr;
     std::vector<Object> objects_;  // in start order
     Product::Integration::ConditionManager::IManager* conditionManager_ = nullptr;
+    Product::Integration::ConditionManager::IManagerDiagnostics* managerDiagnostics_ = nullptr;
 };
 
 }  // namespace crhost

@@ -1,6 +1,7 @@
 // cr-host: the module hosted as the agent host hosts it, driven through JSON
 // lines on standard input and output (console.h), for development, tests,
 // support and demonstration.
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -17,6 +18,7 @@
 #include "os/standard_streams.h"
 #include "os/stop_signal.h"
 #include "os/utf8.h"
+#include "os/wall_time.h"
 #include "output.h"
 #include "stop_request.h"
 
@@ -49,6 +51,7 @@ Json::Value EventLine(const host::AgentManager::SentEvent& event) {
     Json::Value line(Json::objectValue);
     line["event"] = os::WideToUtf8Lossy(event.name);
     line["payload"] = event.payload;
+    line["time"] = os::Iso8601UtcNow();
     return line;
 }
 
@@ -65,8 +68,10 @@ Json::Value PolicyRunLine(const host::PolicyRunner::Run& run) {
     body["request"] = run.request.isNull() ? Json::Value(os::WideToUtf8Lossy(run.requestText)) : run.request;
     body["results"] = results;
     body["status"] = run.status;
+    if (run.status != 0) body["statusName"] = crhost::StatusName(run.status);
     Json::Value line(Json::objectValue);
     line["policyRun"] = body;
+    line["time"] = os::Iso8601UtcNow();
     return line;
 }
 
@@ -99,7 +104,7 @@ int Run(const crhost::Options& options) {
     os::StopSignalWatcher signals([&stop] { stop.Request(); });
     if (!signals.Active()) Complain(L"cannot watch for stop signals; they end the process at once");
 
-    crhost::Output output;
+    crhost::Output output(options.pretty ? crhost::Output::Format::kPretty : crhost::Output::Format::kJsonLines);
     crhost::HostedModule hosted(std::move(store));
     if (options.stopLimitMs) hosted.SetStopLimit(*options.stopLimitMs);
     hosted.host().agents().SetEventSink([&output](const auto& event) { output.Write(EventLine(event)); });
@@ -118,11 +123,15 @@ int Run(const crhost::Options& options) {
     os::AutoResetEvent lineAvailable;
     {
         crhost::LineReader reader(lineAvailable);
-        crhost::Console console(hosted, output, stop);
+        crhost::Console console(hosted, output, stop, options.state);
         bool quit = false;
         while (!quit && !stop.Requested()) {
             if (std::optional<crhost::LineReader::Line> line = reader.Next()) {
-                quit = console.Handle(*line) == crhost::Console::Next::kQuit;
+                const crhost::Console::Next next = console.Handle(*line);
+                // What a host that ends without stopping its plug-ins does:
+                // the module's threads are still running as the process exits.
+                if (next == crhost::Console::Next::kExit) std::exit(console.ExitCode());
+                quit = next == crhost::Console::Next::kQuit;
                 continue;
             }
             if (reader.Ended()) break;

@@ -35,6 +35,10 @@ bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, 
             options.help = true;
             continue;
         }
+        if (argument == L"--pretty") {
+            options.pretty = true;
+            continue;
+        }
         const ValueOption* match = nullptr;
         std::wstring value;
         bool inline_value = false;
@@ -78,7 +82,7 @@ bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, 
 }
 
 const char* UsageText() {
-    return "usage: cr-host [--module PATH] [--state FILE] [--log FILE] [--stop-limit MS] [--help]\n"
+    return "usage: cr-host [--module PATH] [--state FILE] [--log FILE] [--stop-limit MS] [--pretty] [--help]\n"
            "\n"
            "Loads the Conditional Runner module the way the agent host does and\n"
            "drives it through JSON lines on standard input and output (see README).\n"
@@ -89,6 +93,8 @@ const char* UsageText() {
            "  --log FILE     the logging library's output (default: standard error)\n"
            "  --stop-limit MS  how long stopping waits for a method-set run in\n"
            "                 progress before giving it up (default: 180000)\n"
+           "  --pretty       write for a person: explain trees drawn with their\n"
+           "                 marks and observed values, one line per run and event\n"
            "  --help         this text\n"
            "\n"
            "Exit status: 0 after a clean stop (end of input, \"quit\", SIGINT, SIGTERM\n"

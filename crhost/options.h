@@ -7,6 +7,8 @@
 //                   own, standard error)
 //   --stop-limit MS how long stopping waits for a method-set run in progress
 //                   before giving it up (default: the module's, 180000)
+//   --pretty        write for a person: explain trees drawn, one line per run
+//                   and event (default: JSON lines for programs)
 //   --help
 // Each option takes its value as the next argument or after '='
 // ("--state=FILE").
@@ -25,6 +27,7 @@ struct Options {
     std::wstring log;                     // empty: the logging library's default
     std::wstring stopLimit;               // as given; empty when not
     std::optional<uint32_t> stopLimitMs;  // its value; nullopt: the module's default
+    bool pretty = false;
     bool help = false;
 };
 

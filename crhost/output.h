@@ -4,6 +4,7 @@
 // is written whole, so lines never interleave.
 //
 // Thread rule: Write from any thread.
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -12,10 +13,18 @@
 
 namespace crhost {
 
+// What the host writes beside a non-zero status for the person reading it:
+// the system's name of the status ("ERROR_INVALID_PARAMETER"), or "unknown
+// status".
+const char* StatusName(int32_t status);
+
 class Output {
 public:
-    Output();
-    // Writes `object` and a newline. Output that can no longer be written
+    // JSON lines for programs (the default), or text for a person (--pretty).
+    enum class Format { kJsonLines, kPretty };
+
+    explicit Output(Format format = Format::kJsonLines);
+    // Writes `object` and a newline (in the pretty format, its text). Output that can no longer be written
     // (the reader went away) is dropped: the host goes on until its input
     // ends or it is told to stop.
     void Write(const Json::Value& object);
@@ -23,6 +32,7 @@ public:
     std::string Compact(const Json::Value& value) const;
 
 private:
+    const Format format_;
     Json::StreamWriterBuilder builder_;
     std::mutex mutex_;
 };

@@ -27,4 +27,35 @@ constexpr int32_t kInvalidDataType = 1804;     // ERROR_INVALID_DATATYPE
 constexpr int32_t kDependencyNotFound = 5002;  // ERROR_DEPENDENCY_NOT_FOUND
 // The host's policy runner: the agent a method belongs to is not there.
 constexpr int32_t kAgentNotFound = -5002;
+
+// The name of `status` as the system spells it ("ERROR_INVALID_PARAMETER"),
+// for people reading answers and logs; null for a status not listed above.
+constexpr const char* Name(int32_t status) {
+    switch (status) {
+    case kSuccess: return "ERROR_SUCCESS";
+    case kPathNotFound: return "ERROR_PATH_NOT_FOUND";
+    case kAccessDenied: return "ERROR_ACCESS_DENIED";
+    case kNotEnoughMemory: return "ERROR_NOT_ENOUGH_MEMORY";
+    case kNotReady: return "ERROR_NOT_READY";
+    case kNotSupported: return "ERROR_NOT_SUPPORTED";
+    case kInvalidParameter: return "ERROR_INVALID_PARAMETER";
+    case kCallNotImplemented: return "ERROR_CALL_NOT_IMPLEMENTED";
+    case kBadArguments: return "ERROR_BAD_ARGUMENTS";
+    case kAlreadyExists: return "ERROR_ALREADY_EXISTS";
+    case kNoData: return "ERROR_NO_DATA";
+    case kOperationAborted: return "ERROR_OPERATION_ABORTED";
+    case kInvalidSize: return "ERROR_INVALID_SIZE";
+    case kNotAllAssigned: return "ERROR_NOT_ALL_ASSIGNED";
+    case kTimeout: return "ERROR_TIMEOUT";
+    case kNotFound: return "ERROR_NOT_FOUND";
+    case kConnectionInvalid: return "ERROR_CONNECTION_INVALID";
+    case kFunctionFailed: return "ERROR_FUNCTION_FAILED";
+    case kCreateFailed: return "ERROR_CREATE_FAILED";
+    case kNotConnected: return "ERROR_NOT_CONNECTED";
+    case kInvalidDataType: return "ERROR_INVALID_DATATYPE";
+    case kDependencyNotFound: return "ERROR_DEPENDENCY_NOT_FOUND";
+    case kAgentNotFound: return "AGENT_NOT_FOUND";
+    default: return nullptr;
+    }
+}
 }  // namespace qv::status

@@ -50,6 +50,10 @@ public:
     // the condition did not declare are ignored, which is all this default does.
     virtual void Inject(const GUID& iid, void* object) {}
     virtual ~ICondition() = default;
+    // The condition's answer to one of the module's own optional interfaces
+    // (IConditionDiagnostics), or null. Declared after the destructor, so
+    // that every operation above keeps its place.
+    virtual void* QueryInterface(const GUID& iid) { return nullptr; }
 };
 
 // Owning handle of a condition, as the condition manager hands it out. The

@@ -20,6 +20,11 @@ int32_t ConditionBase::Accept(IConditionVisitor& visitor) {
     return 0;
 }
 
+void* ConditionBase::QueryInterface(const GUID& iid) {
+    if (qv::GuidEquals(iid, IConditionDiagnostics::iid)) return static_cast<IConditionDiagnostics*>(this);
+    return nullptr;
+}
+
 int32_t ConditionBase::Init(const InitData& data) {
     id_ = data.id;
     type_.clear();

@@ -8,6 +8,7 @@
 
 #include "conditions/condition.h"
 #include "conditions/dependencies.h"
+#include "conditions/diagnostics.h"
 #include "plugin/event_adaptor.h"
 #include "plugin/subscriber_container.h"
 
@@ -23,7 +24,7 @@ namespace Product::Integration::ConditionManager {
 // Unsubscribe and GetType may be called from any thread; the subscriber list
 // is guarded by its reader/writer lock (exclusive for changes, shared while
 // notifying).
-class ConditionBase : public ICondition {
+class ConditionBase : public ICondition, public IConditionDiagnostics {
 public:
     // What the manager passes to Init.
     struct InitData {
@@ -44,6 +45,10 @@ public:
     [[nodiscard]] int32_t Unsubscribe(IConditionEvent* subscriber) override;
     // Visits this condition only; conditions with children add theirs.
     [[nodiscard]] int32_t Accept(IConditionVisitor& visitor) override;
+    // Answers IConditionDiagnostics.
+    void* QueryInterface(const GUID& iid) override;
+    // Nothing to show (null); conditions over a source say what they saw.
+    [[nodiscard]] Json::Value Observed() override { return Json::Value(); }
 
     // Sets the identifier and the type keyword (the "type" member, "" when
     // absent); returns 0. Derived conditions call it first, then read "data".

@@ -2,6 +2,8 @@
 
 #include <system_error>
 
+#include "os/no_destructor.h"
+
 namespace Product::Integration::ConditionManager {
 namespace {
 // The client whose Poll runs on this thread, if any.
@@ -35,8 +37,8 @@ FilePoller::~FilePoller() {
 }
 
 FilePoller& FilePoller::Shared() {
-    static FilePoller shared;
-    return shared;
+    static os::NoDestructor<FilePoller> shared;
+    return *shared;
 }
 
 bool FilePoller::Register(Client* client) {
@@ -79,7 +81,10 @@ void FilePoller::Unregister(Client* client) {
         // very thread, it cannot be joined here.
         serving_ = false;
         ++generation_;
-        clients_.clear();
+        // Give the memory back: the shared poller is never destroyed, and a
+        // module unloaded now must leave nothing behind.
+        std::vector<Client*>().swap(clients_);
+        std::unordered_map<Client*, size_t>().swap(index_);
         holes_ = 0;
         // It is let go, and ends as soon as that Poll returns.
         if (thread_.get_id() == std::this_thread::get_id())

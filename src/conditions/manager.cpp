@@ -2,18 +2,10 @@
 
 #include <exception>
 
-#include "conditions/boolean_and_or.h"
-#include "conditions/boolean_constant.h"
-#include "conditions/boolean_not.h"
-#include "conditions/directory/ad_computer_conditions.h"
-#include "conditions/directory/ad_user_conditions.h"
-#include "conditions/file_exists.h"
-#include "conditions/network/address_conditions.h"
-#include "conditions/network/can_resolve_host.h"
-#include "conditions/network/name_conditions.h"
-#include "conditions/ovra_connected.h"
+#include "conditions/catalog.h"
 #include "conditions/tree_shape.h"
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -50,6 +42,7 @@ void* Manager::QueryInterface(const GUID& iid) {
         return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
     if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
     if (qv::GuidEquals(iid, IManager::iid)) return static_cast<IManager*>(this);
+    if (qv::GuidEquals(iid, IManagerDiagnostics::iid)) return static_cast<IManagerDiagnostics*>(this);
     return nullptr;
 }
 
@@ -80,30 +73,17 @@ int32_t Manager::Uninit() {
 
 int32_t Manager::InitFactory() {
     factory_.clear();
-    // Types without dependencies.
-    AddFactoryEntry(ConditionBooleanConstant<true>::kType, {MakeCreator<ConditionBooleanConstant<true>>(), {}});
-    AddFactoryEntry(ConditionBooleanConstant<false>::kType, {MakeCreator<ConditionBooleanConstant<false>>(), {}});
-    AddFactoryEntry(ConditionFileExists::kType, {MakeCreator<ConditionFileExists>(), {}});
-    // Types that declare what they need.
-    AddToFactory<ConditionBooleanAnd>();
-    AddToFactory<ConditionBooleanOr>();
-    AddToFactory<ConditionBooleanNot>();
-    AddToFactory<ConditionisOvraConnected>();
-    AddToFactory<ConditionCanResolveHost>();
-    AddToFactory<ConditionIP>();
-    AddToFactory<ConditionGateway>();
-    AddToFactory<ConditionDNS>();
-    AddToFactory<ConditionWINS>();
-    AddToFactory<ConditionIPRange>();
-    AddToFactory<ConditionDNSSuffix>();
-    AddToFactory<ConditionHostname>();
-    AddToFactory<ConditionConnectionType>();
-    AddToFactory<ConditionADUser>();
-    AddToFactory<ConditionADUserOU>();
-    AddToFactory<ConditionADGroup>();
-    AddToFactory<ConditionADComputerGroup>();
-    AddToFactory<ConditionADComputerGroupOU>();
+    for (const ConditionType& type : ConditionTypes()) factory_[type.keyword] = type.entry();
     return 0;
+}
+
+Json::Value Manager::Catalog() const { return CatalogJson(); }
+
+Json::Value Manager::LiveConditions() const {
+    Json::Value counts(Json::objectValue);
+    for (const auto& [type, count] : LiveConditions::Counts())
+        counts[os::WideToUtf8Lossy(type)] = static_cast<Json::UInt64>(count);
+    return counts;
 }
 
 int32_t Manager::InitDependencies(IComponentManager* components) {

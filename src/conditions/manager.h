@@ -38,13 +38,14 @@
 #include "conditions/condition_base.h"
 #include "conditions/dependencies.h"
 #include "conditions/held_plugins.h"
+#include "conditions/live_conditions.h"
 #include "conditions/manager_interface.h"
 #include "plugin/serv_plugin.h"
 #include "qv/serv_plugin.h"
 
 namespace Product::Integration::ConditionManager {
 
-class Manager : public IManager, public IServPlugin {
+class Manager : public IManager, public IManagerDiagnostics, public IServPlugin {
 public:
     static constexpr size_t kMaxConditionDepth = 64;
     static constexpr size_t kMaxConditionNodes = 10000;
@@ -55,7 +56,7 @@ public:
     Manager(const Manager&) = delete;
     Manager& operator=(const Manager&) = delete;
 
-    // IQvBaseInterface: the base, plug-in and manager identifiers.
+    // IQvBaseInterface: the base, plug-in, manager and catalog identifiers.
     void* QueryInterface(const GUID& iid) override;
 
     // Fills the type table, resolves the dependencies through the host's
@@ -74,6 +75,10 @@ public:
     // keyword; otherwise the failing condition's Init status (the condition is
     // destroyed through its deleter).
     [[nodiscard]] ConditionPtr CreateCondition(const Json::Value& json, int32_t* error, size_t id) override;
+    // The catalog of condition types and the live conditions (see
+    // IManagerDiagnostics). Any thread.
+    [[nodiscard]] Json::Value Catalog() const override;
+    [[nodiscard]] Json::Value LiveConditions() const override;
 
     // Resolves every dependency record of every type once: the manager itself,
     // the host's queue factory, or the host plug-in of that name. A record
@@ -82,7 +87,6 @@ public:
     // Whatever an earlier call resolved is dropped first.
     [[nodiscard]] int32_t InitDependencies(IComponentManager* components);
 
-protected:
     // One dependency record of a type.
     struct DependencyRecord {
         GUID iid{};
@@ -96,24 +100,38 @@ protected:
         std::vector<DependencyRecord> dependencies;
     };
 
-    // Fills the table with every type this module builds; 0. Tests that need
-    // a type of their own override it and add theirs with AddToFactory.
+    // The factory entry of `T` (a ConditionBase with its declared
+    // Dependencies): how to make one, and what to inject into it.
+    template <class T>
+    static FactoryEntry EntryFor() {
+        static_assert(std::is_base_of_v<ConditionBase, T>, "conditions derive from ConditionBase");
+        FactoryEntry entry{MakeCreator<T>(), {}};
+        AppendRecords(entry.dependencies, typename T::Dependencies{});
+        return entry;
+    }
+
+protected:
+
+    // Fills the table with every type of the catalog (conditions/catalog.h); 0.
+    // Tests that need a type of their own override it and add theirs with
+    // AddToFactory.
     [[nodiscard]] virtual int32_t InitFactory();
 
     // Registers `T` (a ConditionBase with a static `kType` keyword and its
     // declared Dependencies) under its keyword, replacing an earlier entry.
     template <class T>
     void AddToFactory() {
-        static_assert(std::is_base_of_v<ConditionBase, T>, "conditions derive from ConditionBase");
-        FactoryEntry entry{MakeCreator<T>(), {}};
-        AppendRecords(entry.dependencies, typename T::Dependencies{});
-        factory_[T::kType] = std::move(entry);
+        factory_[T::kType] = EntryFor<T>();
     }
 
     // A `create` function that makes a `T` with the deleter below.
     template <class T>
     static Creator MakeCreator() {
-        return [] { return std::unique_ptr<ConditionBase, ConditionDeleter>(new T(), &DestroyCondition<T>); };
+        return [] {
+            std::unique_ptr<ConditionBase, ConditionDeleter> made(new T(), &DestroyCondition<T>);
+            LiveConditions::Added(T::kType);
+            return made;
+        };
     }
 
     // Adds an entry by hand (an empty `create` is refused by CreateCondition).
@@ -128,6 +146,7 @@ private:
         T* typed = static_cast<T*>(condition);
         typed->Uninit();
         delete typed;
+        LiveConditions::Removed(T::kType);
     }
 
     template <class... D>

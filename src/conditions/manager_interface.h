@@ -29,6 +29,28 @@ public:
     virtual ~IManager() = default;
 };
 
+// What the manager can tell people and tools: the condition types it builds
+// and the conditions alive. Answered by the manager's QueryInterface; a host
+// that never asks pays nothing.
+class IManagerDiagnostics {
+public:
+    static constexpr GUID iid = qv::MakeGuid(0x8E41D2A7, 0x3F05, 0x4B9C, 0x9D16, 0x7A0C35E2B4F1);
+
+    // One object per type, in the catalog's order:
+    //   {"type": keyword, "meaning": text,
+    //    "data": [{"name", "json": "string" | "boolean" | "array" | "object",
+    //              "optional": bool, "meaning"}],
+    //    "example": a whole condition object of that type}
+    // Any thread.
+    [[nodiscard]] virtual Json::Value Catalog() const = 0;
+    // The conditions of this module alive now, by type keyword:
+    // {"network.IP": 1000, ...} (types with none left out). Any thread.
+    [[nodiscard]] virtual Json::Value LiveConditions() const = 0;
+
+protected:
+    ~IManagerDiagnostics() = default;
+};
+
 // The combinators get the manager itself, to build their children.
 template <>
 struct DependencyTraits<IManager> {
@@ -42,4 +64,8 @@ struct DependencyTraits<IManager> {
 template <>
 struct qv::InterfaceName<Product::Integration::ConditionManager::IManager> {
     static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IManager";
+};
+template <>
+struct qv::InterfaceName<Product::Integration::ConditionManager::IManagerDiagnostics> {
+    static constexpr const wchar_t* value = L"struct Product::Integration::ConditionManager::IManagerDiagnostics";
 };

@@ -2,6 +2,7 @@
 
 #include "conditions/guarded_callback.h"
 #include "model/json_composed_serializer.h"
+#include "os/clock.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -45,11 +46,15 @@ int32_t ConditionisOvraConnected::Init(const InitData& data) {
         logging::Log(logging::kError, kInit, L"failed to register for connection reports [%d]", status);
         return status;
     }
-    const bool state = StateFor(client->GetEcsConnectionState());
+    const std::optional<bool> connected = client->GetEcsConnectionState();
+    const bool state = StateFor(connected);
     {
         std::lock_guard lock(lock_);
         deliveredState_ = state;
-        if (generation_ == generationBefore) pendingState_ = state;
+        if (generation_ == generationBefore) {
+            pendingState_ = state;
+            lastReport_ = connected;
+        }
     }
     logging::Log(logging::kTrace, kInit, L"Condition isOvraConnected initial state %d", state ? 1 : 0);
     return 0;
@@ -78,6 +83,9 @@ void ConditionisOvraConnected::OnEcsConnected(std::optional<bool> connected) {
         logging::Log(logging::kTrace, kOnEcsConnected, L"state [%d]", state ? 1 : 0);
         const uint64_t generation = ++generation_;
         pendingState_ = state;
+        lastReport_ = connected;
+        deliveryPending_ = true;
+        pendingSinceTick_ = os::TickMs();
         const int32_t status =
             Slot<EvQueueWithName>().queue().Post([this, generation] { DoNotify(generation); }, kQuietPeriodMs);
         if (status != 0) logging::Log(logging::kWarning, kOnEcsConnected, L"cannot schedule the delivery [%d]", status);
@@ -91,8 +99,22 @@ void ConditionisOvraConnected::DoNotify(uint64_t expectedGeneration) {
     if (expectedGeneration != generation_) return;  // a newer report is pending
     const bool state = pendingState_.load();
     deliveredState_ = state;
+    deliveryPending_ = false;
     logging::Log(logging::kTrace, kDoNotify, L"20s passed since last notification. new status [%d]", state ? 1 : 0);
     static_cast<void>(NotifyChanged(state));  // the subscribers' statuses have nobody to go to here
+}
+
+Json::Value ConditionisOvraConnected::Observed() {
+    std::lock_guard lock(lock_);
+    Json::Value observed(Json::objectValue);
+    observed["connected"] = lastReport_ ? Json::Value(*lastReport_) : Json::Value();
+    observed["state"] = deliveredState_.load();
+    if (deliveryPending_) {
+        const uint32_t waited = os::TickMs() - pendingSinceTick_;
+        observed["pendingState"] = pendingState_.load();
+        observed["quietEndsInMs"] = waited < kQuietPeriodMs ? kQuietPeriodMs - waited : 0u;
+    }
+    return observed;
 }
 
 }  // namespace Product::Integration::ConditionManager

@@ -49,6 +49,10 @@ public:
     void Uninit() override;
     [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
     void OnEcsConnected(std::optional<bool> connected) override;
+    // {"connected": the last report (true, false or null: unknown),
+    //  "state": the value delivered, and while a report waits out its quiet
+    //  period "pendingState" and "quietEndsInMs"}
+    [[nodiscard]] Json::Value Observed() override;
 
 private:
     bool StateFor(std::optional<bool> connected) const noexcept;
@@ -57,7 +61,10 @@ private:
     bool wantConnected_ = true;
     std::atomic<bool> deliveredState_{false};
     std::atomic<bool> pendingState_{false};
-    uint64_t generation_ = 0;  // guarded by lock_
+    uint64_t generation_ = 0;              // guarded by lock_
+    std::optional<bool> lastReport_;       // guarded by lock_
+    bool deliveryPending_ = false;         // guarded by lock_
+    uint32_t pendingSinceTick_ = 0;        // os::TickMs() of the report waiting; guarded by lock_
     std::mutex lock_;
 };
 

@@ -32,3 +32,9 @@ size_t ProcessHandleCount() noexcept {
 }
 
 }  // namespace os
+
+namespace os {
+
+bool ProcessIsEnding() noexcept { return false; }
+
+}  // namespace os

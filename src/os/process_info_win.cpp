@@ -42,3 +42,19 @@ size_t ProcessHandleCount() noexcept {
 }
 
 }  // namespace os
+
+namespace os {
+
+// ntdll's RtlDllShutdownInProgress answers true from the moment the process
+// began to end (ExitProcess, or the return from main) until it is gone.
+bool ProcessIsEnding() noexcept {
+    using Fn = BOOLEAN(WINAPI*)();
+    static const Fn inProgress = [] {
+        HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+        return ntdll ? reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlDllShutdownInProgress")))
+                     : nullptr;
+    }();
+    return inProgress && inProgress() != 0;
+}
+
+}  // namespace os

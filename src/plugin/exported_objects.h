@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "os/process_info.h"
 #include "plugin/log.h"
 #include "qv/base_interface.h"
 
@@ -75,8 +76,11 @@ template <class T>
 class ExportedSingletonDeclaration final : public ExportedDeclarationBase {
 public:
     using ExportedDeclarationBase::ExportedDeclarationBase;
+    // Deletes a surviving instance, unless the process is ending: the system
+    // has then ended the module's threads wherever they were, and the
+    // instance's shutdown could wait for them or for a lock one of them held.
     ~ExportedSingletonDeclaration() {
-        if (instance_) {
+        if (instance_ && !os::ProcessIsEnding()) {
             delete instance_;
             instance_ = nullptr;
             logging::CLogDLL::Release();

@@ -143,6 +143,32 @@ TEST(CreateCondition, BuildsAConstantWithoutDataAndLogsItsProgress) {
                                          L"Condition of type [boolean.TRUE] successfully created"}));
 }
 
+// The manager tells which conditions are alive, by type: a tree's own
+// conditions while it lives, none of a refused tree's, none once freed.
+TEST(CreateCondition, LiveConditionsAreCountedByTypeUntilFreed) {
+    Bench bench;
+    auto* diagnostics = static_cast<IManagerDiagnostics*>(bench.manager.QueryInterface(IManagerDiagnostics::iid));
+    ASSERT_NE(diagnostics, nullptr);
+    const Json::Value before = diagnostics->LiveConditions();
+    auto count = [&](const char* type) {
+        return diagnostics->LiveConditions()[type].asUInt64() - before[type].asUInt64();
+    };
+    ConditionPtr tree = bench.Create(R"({"type":"boolean.OR","data":{"conditions":[
+        {"type":"boolean.TRUE"},{"type":"boolean.NOT","data":{"condition":{"type":"boolean.TRUE"}}}]}})");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(count("boolean.OR"), 1u);
+    EXPECT_EQ(count("boolean.NOT"), 1u);
+    EXPECT_EQ(count("boolean.TRUE"), 2u);
+    int32_t error = 0;
+    EXPECT_EQ(bench.Create(R"({"type":"boolean.AND","data":{"conditions":[{"type":"boolean.FALSE"},{"type":"x"}]}})",
+                           &error),
+              nullptr);
+    EXPECT_EQ(count("boolean.AND"), 0u);
+    EXPECT_EQ(count("boolean.FALSE"), 0u);
+    tree.reset();
+    EXPECT_EQ(diagnostics->LiveConditions(), before);
+}
+
 // Every way a tree can be refused: the status the caller gets, the line that
 // names the reason, and nothing left of the conditions built before the
 // failure (their leaves, queues and host subscriptions are gone).

@@ -28,6 +28,17 @@ bool ErrorMentions(const HostProcess& host, const std::string& text) {
     return Eventually([&] { return host.ErrorText().find(text) != std::string::npos; });
 }
 
+// An explanation's type, state and children only, without what each node
+// saw (the data and observed values have tests of their own).
+Json::Value Shape(const Json::Value& tree) {
+    Json::Value shape(Json::objectValue);
+    shape["type"] = tree["type"];
+    shape["state"] = tree["state"];
+    Json::Value& children = shape["children"] = Json::Value(Json::arrayValue);
+    for (const Json::Value& child : tree["children"]) children.append(Shape(child));
+    return shape;
+}
+
 class CrHostConsole : public testing::Test {
 protected:
     std::vector<std::wstring> Arguments() const { return {L"--state", state_, L"--log", log_}; }
@@ -182,7 +193,7 @@ TEST_F(CrHostConsole, ExplainShowsTheStateOfEveryNode) {
         {"type":"boolean.NOT","data":{"condition":{"type":"Test.FileExists","data":{"filePath":)" +
                                          missingPath + R"(}}}}]}}})"));
     EXPECT_EQ(answer["status"], 0);
-    EXPECT_EQ(answer["tree"], Parse(R"({"type":"boolean.AND","state":true,"children":[
+    EXPECT_EQ(Shape(answer["tree"]), Parse(R"({"type":"boolean.AND","state":true,"children":[
         {"type":"Test.FileExists","state":true,"children":[]},
         {"type":"boolean.NOT","state":true,"children":[{"type":"Test.FileExists","state":false,"children":[]}]}]})"));
 
@@ -194,7 +205,7 @@ TEST_F(CrHostConsole, ExplainShowsTheStateOfEveryNode) {
     ASSERT_EQ(host.Method("SetRules", rules)["status"], 0);
     answer = host.Host(Parse(R"({"host":"explain","ruleId":"r1"})"));
     EXPECT_EQ(answer["status"], 0);
-    EXPECT_EQ(answer["tree"], Parse(R"({"type":"boolean.OR","state":false,"children":[
+    EXPECT_EQ(Shape(answer["tree"]), Parse(R"({"type":"boolean.OR","state":false,"children":[
         {"type":"boolean.FALSE","state":false,"children":[]},
         {"type":"Test.FileExists","state":false,"children":[]}]})"));
     EXPECT_EQ(host.Host(Parse(R"({"host":"rules"})"))["rules"],

@@ -3,9 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include "module/module_exports.h"
 #include "os/module.h"
+#include "os/thread_id.h"
+#include "os/utf8.h"
+#include "os/wall_time.h"
 #include "plugin/module_names.h"
 #include "qv/serv_plugin.h"
 #include "support/log_capture.h"
@@ -35,6 +40,27 @@ TEST(ModuleLogging, WritesThroughTheLibraryBesideIt) {
     EXPECT_EQ(InitAgentWithoutHost(module), 5002);
     EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
                                  L"Null component manager"));
+}
+
+TEST(ModuleLogging, EachLineSaysWhenAndOnWhichThreadItWasWritten) {
+    testing_support::LogCapture capture;
+    LoadedModule module;
+    ASSERT_TRUE(module.Loaded()) << module.loadError();
+    const std::string before = os::Iso8601UtcNow();
+    ASSERT_EQ(InitAgentWithoutHost(module), 5002);
+    const std::string after = os::Iso8601UtcNow();
+    const std::vector<testing_support::LogLine> lines = capture.Lines();
+    ASSERT_FALSE(lines.empty());
+    for (const testing_support::LogLine& line : lines) {
+        // Written as 2026-11-24T08:45:01.123Z, which sorts as text in time order.
+        const std::string time = os::WideToUtf8Lossy(line.time);
+        ASSERT_EQ(time.size(), before.size()) << time;
+        EXPECT_EQ(time[10], 'T');
+        EXPECT_EQ(time.back(), 'Z');
+        EXPECT_GE(time, before);
+        EXPECT_LE(time, after);
+        EXPECT_EQ(line.thread, os::CurrentThreadId());
+    }
 }
 
 TEST(ModuleLogging, RunsUnchangedWithoutTheLibrary) {

@@ -47,14 +47,27 @@ std::vector<LogLine> LogCapture::Lines() const {
     std::istringstream in(ReadAll(path_));
     std::string raw;
     while (std::getline(in, raw)) {
-        std::wstring text = os::Utf8ToWideLossy(raw);
+        // time, thread, level, nesting step, function, then the message (which may hold tabs)
+        const std::wstring text = os::Utf8ToWideLossy(raw);
+        size_t tabs[5];
+        size_t from = 0;
+        bool whole = true;
+        for (size_t& tab : tabs) {
+            tab = text.find(L'\t', from);
+            if (tab == std::wstring::npos) {
+                whole = false;
+                break;
+            }
+            from = tab + 1;
+        }
+        if (!whole) continue;
         LogLine line;
-        size_t a = text.find(L'\t'), b = text.find(L'\t', a + 1), c = text.find(L'\t', b + 1);
-        if (a == std::wstring::npos || b == std::wstring::npos || c == std::wstring::npos) continue;
-        line.level = std::stoi(text.substr(0, a));
-        line.nesting = std::stoi(text.substr(a + 1, b - a - 1));
-        line.function = text.substr(b + 1, c - b - 1);
-        line.message = text.substr(c + 1);
+        line.time = text.substr(0, tabs[0]);
+        line.thread = static_cast<uint32_t>(std::stoul(text.substr(tabs[0] + 1, tabs[1] - tabs[0] - 1)));
+        line.level = std::stoi(text.substr(tabs[1] + 1, tabs[2] - tabs[1] - 1));
+        line.nesting = std::stoi(text.substr(tabs[2] + 1, tabs[3] - tabs[2] - 1));
+        line.function = text.substr(tabs[3] + 1, tabs[4] - tabs[3] - 1);
+        line.message = text.substr(tabs[4] + 1);
         lines.push_back(std::move(line));
     }
     return lines;

@@ -1,6 +1,7 @@
 #pragma once
 // Captures the module's log lines for one test: points the reference logging
 // library at a fresh file and keeps the logging façade alive meanwhile.
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,8 @@
 namespace testing_support {
 
 struct LogLine {
+    std::wstring time;    // when it was written, UTC
+    uint32_t thread = 0;  // the writing thread's system id
     int level = 0;
     int nesting = 0;
     std::wstring function;

@@ -3,6 +3,7 @@
 #include "conditions/directory/active_directory.h"
 #include "conditions/guarded_callback.h"
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -168,6 +169,30 @@ int32_t ConditionADComputerGroupOU::OnComputerOrganisationalUnitsChanged(const s
         ApplyReport(IsBelowTarget(ou, kOuChanged));
         return 0;
     });
+}
+
+Json::Value ConditionADComputerGroup::Observed() {
+    std::vector<ComputerGroup> groups;
+    if (!manager() || manager()->GetComputerGroups(&groups) != 0) return Json::Value();
+    Json::Value observed(Json::objectValue);
+    Json::Value& list = observed["groups"] = Json::Value(Json::arrayValue);
+    for (const ComputerGroup& group : groups) {
+        Json::Value entry(Json::objectValue);
+        entry["dn"] = os::WideToUtf8Lossy(group.dn);
+        entry["sid"] = os::WideToUtf8Lossy(group.sid);
+        entry["matched"] = IsMember({group});
+        list.append(entry);
+    }
+    return observed;
+}
+
+Json::Value ConditionADComputerGroupOU::Observed() {
+    std::wstring computerDn;
+    if (!manager() || manager()->GetComputerOrganisationalUnit(&computerDn) != 0) return Json::Value();
+    Json::Value observed(Json::objectValue);
+    observed["computerDn"] = os::WideToUtf8Lossy(computerDn);
+    observed["matched"] = IsBelowTarget(computerDn, kOuCompute);
+    return observed;
 }
 
 }  // namespace Product::Integration::ConditionManager

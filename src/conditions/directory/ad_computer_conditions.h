@@ -82,6 +82,9 @@ public:
     [[nodiscard]] int32_t LoadConditionData(const Json::Value& json) override;
     const wchar_t* TypeKeyword() const override { return kType; }
     int32_t OnComputerGroupsChanged(const std::vector<ComputerGroup>& groups) override;
+    // {"groups": [{"dn", "sid", "matched": bool}]}: the computer's groups as
+    // the computer manager reports them now.
+    [[nodiscard]] Json::Value Observed() override;
 
 private:
     // Whether one of `groups` has the target SID, ignoring case.
@@ -96,6 +99,9 @@ public:
     [[nodiscard]] int32_t LoadConditionData(const Json::Value& json) override;
     const wchar_t* TypeKeyword() const override { return kType; }
     int32_t OnComputerOrganisationalUnitsChanged(const std::wstring& ou) override;
+    // {"computerDn": the computer's DN as the computer manager reports it now,
+    //  "matched": whether it lies strictly below the OU}
+    [[nodiscard]] Json::Value Observed() override;
 
 private:
     // Whether the computer DN `computerDn` lies strictly below the target OU;

@@ -7,6 +7,7 @@
 #include "conditions/directory/active_directory.h"
 #include "conditions/guarded_callback.h"
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -160,13 +161,30 @@ int32_t ConditionADBase::OnUserLoggedOff(const UserInfo& user) {
     return 0;
 }
 
+Json::Value ConditionADBase::Observed() {
+    IUserManager* users = Dependency<IUserManager>();
+    std::vector<UserInfo> loggedOn;
+    if (!users || users->GetLoggedUsers(&loggedOn) != 0) return Json::Value();
+    Json::Value observed(Json::objectValue);
+    Json::Value& list = observed["users"] = Json::Value(Json::arrayValue);
+    for (const UserInfo& user : loggedOn) {
+        Json::Value entry(Json::objectValue);
+        entry["sid"] = os::WideToUtf8Lossy(user.sid);
+        entry["name"] = os::WideToUtf8Lossy(user.name);
+        entry["domain"] = os::WideToUtf8Lossy(user.domain);
+        entry["matched"] = Holds(user);
+        list.append(entry);
+    }
+    return observed;
+}
+
 int32_t ConditionADUser::LoadConditionData(const Json::Value& json) { return LoadDomainSid(json, kUserLoad, sid_); }
 
-bool ConditionADUser::Matches(const UserInfo& user, Event) { return EqualIgnoringCase(user.sid, sid_); }
+bool ConditionADUser::Holds(const UserInfo& user) const { return EqualIgnoringCase(user.sid, sid_); }
 
 int32_t ConditionADGroup::LoadConditionData(const Json::Value& json) { return LoadDomainSid(json, kGroupLoad, sid_); }
 
-bool ConditionADGroup::Matches(const UserInfo& user, Event) {
+bool ConditionADGroup::Holds(const UserInfo& user) const {
     for (const Product::UserManager::MemberOf& group : user.memberOf)
         if (EqualIgnoringCase(group.sid, sid_)) return true;
     return false;

@@ -64,8 +64,14 @@ public:
     int32_t OnUserSessionLocked(const UserInfo&) override { return 0; }
     int32_t OnUserSessionUnlocked(const UserInfo&) override { return 0; }
 
+    // {"users": [{"sid", "name", "domain", "matched": bool}]}: the users the
+    // user manager reports logged on now, each put to the type's test.
+    [[nodiscard]] Json::Value Observed() override;
+
 protected:
     enum class Event { kLogOn, kLogOff };
+    // Whether `user` passes the type's test now; remembers nothing.
+    virtual bool Holds(const UserInfo& user) const = 0;
     // The type's test of `user`, for a log-on (also of a user found logged on
     // at start) or a log-off.
     virtual bool Matches(const UserInfo& user, Event event) = 0;
@@ -91,7 +97,8 @@ public:
 
 protected:
     // The user's SID equals "sid", ignoring case.
-    bool Matches(const UserInfo& user, Event event) override;
+    bool Matches(const UserInfo& user, Event) override { return Holds(user); }
+    bool Holds(const UserInfo& user) const override;
 
 private:
     std::wstring sid_;
@@ -104,7 +111,8 @@ public:
 
 protected:
     // One of the user's groups has the SID "sid", ignoring case.
-    bool Matches(const UserInfo& user, Event event) override;
+    bool Matches(const UserInfo& user, Event) override { return Holds(user); }
+    bool Holds(const UserInfo& user) const override;
 
 private:
     std::wstring sid_;
@@ -126,6 +134,7 @@ protected:
     // uses that answer, so it never depends on the directory. Only a user
     // whose log-on this condition never saw is looked up at log-off.
     bool Matches(const UserInfo& user, Event event) override;
+    bool Holds(const UserInfo& user) const override { return IsUserPartOfOU(user); }
 
 private:
     std::wstring ouDn_;

@@ -4,6 +4,7 @@
 
 #include "conditions/network/address_match.h"
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -14,6 +15,16 @@ constexpr const wchar_t* kIPInit = L"Product::Integration::ConditionManager::Con
 constexpr const wchar_t* kRangeInit = L"Product::Integration::ConditionManager::ConditionIPRange::Init";
 using qv::Network::IPv4;
 using qv::Network::IPv6;
+
+// {"<name>": [each entry of `list` as text], "matched": `matched` as text, or null}
+template <class List>
+Json::Value ListAndMatch(const char* name, const List& list, const typename List::value_type* matched) {
+    Json::Value described(Json::objectValue);
+    Json::Value& entries = described[name] = Json::Value(Json::arrayValue);
+    for (const auto& entry : list) entries.append(os::WideToUtf8Lossy(entry.ToString()));
+    described["matched"] = matched ? Json::Value(os::WideToUtf8Lossy(matched->ToString())) : Json::Value();
+    return described;
+}
 }  // namespace
 
 int32_t ConditionIPBase::Init(const InitData& data) {
@@ -38,13 +49,19 @@ int32_t ConditionIPBase::Init(const InitData& data) {
 bool ConditionIPBase::Compute(const NetworkState& state) const {
     switch (kind_) {
         case AddressFamilyKind::kIPv4:
-            return AnyInPrefix(FourList(state), ipv4_);
+            return FindInPrefix(FourList(state), ipv4_) != nullptr;
         case AddressFamilyKind::kIPv6:
-            return AnyInPrefix(SixList(state), ipv6_);
+            return FindInPrefix(SixList(state), ipv6_) != nullptr;
         case AddressFamilyKind::kNone:
             break;
     }
     return false;
+}
+
+Json::Value ConditionIPBase::Describe(const NetworkState& state) const {
+    if (kind_ == AddressFamilyKind::kIPv6)
+        return ListAndMatch(ListName(), SixList(state), FindInPrefix(SixList(state), ipv6_));
+    return ListAndMatch(ListName(), FourList(state), FindInPrefix(FourList(state), ipv4_));
 }
 
 int32_t ConditionIPRange::Init(const InitData& data) {
@@ -70,13 +87,19 @@ int32_t ConditionIPRange::Init(const InitData& data) {
 bool ConditionIPRange::Compute(const NetworkState& state) const {
     switch (kind_) {
         case AddressFamilyKind::kIPv4:
-            return AnyInRange(state.ipv4Addresses, startIPv4_, endIPv4_);
+            return FindInRange(state.ipv4Addresses, startIPv4_, endIPv4_) != nullptr;
         case AddressFamilyKind::kIPv6:
-            return AnyInRange(state.ipv6Addresses, startIPv6_, endIPv6_);
+            return FindInRange(state.ipv6Addresses, startIPv6_, endIPv6_) != nullptr;
         case AddressFamilyKind::kNone:
             break;
     }
     return false;
+}
+
+Json::Value ConditionIPRange::Describe(const NetworkState& state) const {
+    if (kind_ == AddressFamilyKind::kIPv6)
+        return ListAndMatch("addresses", state.ipv6Addresses, FindInRange(state.ipv6Addresses, startIPv6_, endIPv6_));
+    return ListAndMatch("addresses", state.ipv4Addresses, FindInRange(state.ipv4Addresses, startIPv4_, endIPv4_));
 }
 
 }  // namespace Product::Integration::ConditionManager

@@ -33,7 +33,11 @@ protected:
     // The pair of lists of the state this condition reads.
     virtual const NetworkState::IPv4List& FourList(const NetworkState& state) const = 0;
     virtual const NetworkState::IPv6List& SixList(const NetworkState& state) const = 0;
+    // What those lists hold, as Observed names them ("addresses", "gateways"...).
+    virtual const char* ListName() const = 0;
     bool Compute(const NetworkState& state) const final;
+    // {"<list name>": [entries of the family asked for], "matched": entry or null}
+    Json::Value Describe(const NetworkState& state) const final;
 
 private:
     qv::Network::IPv4 ipv4_;
@@ -48,6 +52,7 @@ public:
 private:
     const NetworkState::IPv4List& FourList(const NetworkState& s) const override { return s.ipv4Addresses; }
     const NetworkState::IPv6List& SixList(const NetworkState& s) const override { return s.ipv6Addresses; }
+    const char* ListName() const override { return "addresses"; }
 };
 
 class ConditionGateway final : public ConditionIPBase {
@@ -57,6 +62,7 @@ public:
 private:
     const NetworkState::IPv4List& FourList(const NetworkState& s) const override { return s.ipv4Gateways; }
     const NetworkState::IPv6List& SixList(const NetworkState& s) const override { return s.ipv6Gateways; }
+    const char* ListName() const override { return "gateways"; }
 };
 
 class ConditionDNS final : public ConditionIPBase {
@@ -66,6 +72,7 @@ public:
 private:
     const NetworkState::IPv4List& FourList(const NetworkState& s) const override { return s.ipv4DnsServers; }
     const NetworkState::IPv6List& SixList(const NetworkState& s) const override { return s.ipv6DnsServers; }
+    const char* ListName() const override { return "dnsServers"; }
 };
 
 class ConditionWINS final : public ConditionIPBase {
@@ -75,6 +82,7 @@ public:
 private:
     const NetworkState::IPv4List& FourList(const NetworkState& s) const override { return s.ipv4WinsServers; }
     const NetworkState::IPv6List& SixList(const NetworkState& s) const override { return s.ipv6WinsServers; }
+    const char* ListName() const override { return "winsServers"; }
 };
 
 class ConditionIPRange final : public ConditionNetworkBase {
@@ -87,6 +95,8 @@ public:
 
 private:
     bool Compute(const NetworkState& state) const override;
+    // {"addresses": [unicast addresses of the range's family], "matched": address or null}
+    Json::Value Describe(const NetworkState& state) const override;
 
     qv::Network::IPv4 startIPv4_, endIPv4_;
     qv::Network::IPv6 startIPv6_, endIPv6_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -34,6 +35,18 @@ bool ConditionDNSSuffix::Compute(const NetworkState& state) const {
                        [&](const std::wstring& suffix) { return EqualIgnoringCase(suffix, suffix_); });
 }
 
+Json::Value ConditionDNSSuffix::Describe(const NetworkState& state) const {
+    Json::Value described(Json::objectValue);
+    Json::Value& suffixes = described["suffixes"] = Json::Value(Json::arrayValue);
+    described["matched"] = Json::Value();
+    for (const std::wstring& suffix : state.dnsSuffixes) {
+        suffixes.append(os::WideToUtf8Lossy(suffix));
+        if (described["matched"].isNull() && EqualIgnoringCase(suffix, suffix_))
+            described["matched"] = os::WideToUtf8Lossy(suffix);
+    }
+    return described;
+}
+
 int32_t ConditionHostname::Init(const InitData& data) {
     logging::CallTrace trace(kHostnameInit);
     if (const int32_t status = ConditionNetworkBase::Init(data); status != 0) {
@@ -54,6 +67,13 @@ int32_t ConditionHostname::Init(const InitData& data) {
 
 bool ConditionHostname::Compute(const NetworkState& state) const {
     return matcher_ && matcher_->Matches(state.hostName);
+}
+
+Json::Value ConditionHostname::Describe(const NetworkState& state) const {
+    Json::Value described(Json::objectValue);
+    described["hostName"] = os::WideToUtf8Lossy(state.hostName);
+    described["matched"] = Compute(state);
+    return described;
 }
 
 int32_t ConditionConnectionType::Init(const InitData& data) {
@@ -85,6 +105,21 @@ int32_t ConditionConnectionType::Init(const InitData& data) {
 bool ConditionConnectionType::Compute(const NetworkState& state) const {
     if (ssid_) return std::find(state.ssids.begin(), state.ssids.end(), *ssid_) != state.ssids.end();
     return std::find(state.connectionKinds.begin(), state.connectionKinds.end(), kind_) != state.connectionKinds.end();
+}
+
+Json::Value ConditionConnectionType::Describe(const NetworkState& state) const {
+    Json::Value described(Json::objectValue);
+    const bool matched = Compute(state);
+    if (ssid_) {
+        Json::Value& ssids = described["ssids"] = Json::Value(Json::arrayValue);
+        for (const std::wstring& ssid : state.ssids) ssids.append(os::WideToUtf8Lossy(ssid));
+        described["matched"] = matched ? Json::Value(os::WideToUtf8Lossy(*ssid_)) : Json::Value();
+        return described;
+    }
+    Json::Value& kinds = described["connectionKinds"] = Json::Value(Json::arrayValue);
+    for (ConnectionKind kind : state.connectionKinds) kinds.append(os::WideToUtf8Lossy(ConnectionKindName(kind)));
+    described["matched"] = matched ? Json::Value(os::WideToUtf8Lossy(ConnectionKindName(kind_))) : Json::Value();
+    return described;
 }
 
 }  // namespace Product::Integration::ConditionManager

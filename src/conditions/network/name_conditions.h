@@ -28,6 +28,8 @@ public:
 
 private:
     bool Compute(const NetworkState& state) const override;
+    // {"suffixes": [the machine's DNS suffixes], "matched": suffix or null}
+    Json::Value Describe(const NetworkState& state) const override;
     std::wstring suffix_;
 };
 
@@ -39,6 +41,8 @@ public:
 
 private:
     bool Compute(const NetworkState& state) const override;
+    // {"hostName": the computer's name, "matched": true | false}
+    Json::Value Describe(const NetworkState& state) const override;
     std::wstring pattern_;
     std::optional<HostnamePattern> matcher_;
 };
@@ -53,6 +57,9 @@ public:
 
 private:
     bool Compute(const NetworkState& state) const override;
+    // With an SSID {"ssids": [connected networks], "matched": SSID or null};
+    // without {"connectionKinds": ["Ethernet" | "Wireless"], "matched": kind or null}
+    Json::Value Describe(const NetworkState& state) const override;
     ConnectionKind kind_ = ConnectionKind::kEthernet;
     std::optional<std::wstring> ssid_;
 };

@@ -62,6 +62,13 @@ int32_t ConditionNetworkBase::OnNetworkStateChanged() {
     return Recompute(Notify::kYes);
 }
 
+Json::Value ConditionNetworkBase::Observed() {
+    INetworkProvider* provider = Dependency<INetworkProvider>();
+    NetworkState state;
+    if (!provider || provider->GetState(state) != 0) return Json::Value();
+    return Describe(state);
+}
+
 int32_t ConditionNetworkBase::Recompute(Notify notify) {
     INetworkProvider* provider = Dependency<INetworkProvider>();
     if (!provider) return qv::status::kNotReady;

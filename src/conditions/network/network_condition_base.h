@@ -47,10 +47,16 @@ public:
     // Recomputes and notifies the subscribers when the value flipped; returns
     // their status (0 when nothing flipped or a newer value was stored first).
     [[nodiscard]] int32_t OnNetworkStateChanged() override;
+    // What the condition compares in the provider's current state (read
+    // afresh) and which entry matched; null without a provider.
+    [[nodiscard]] Json::Value Observed() override;
 
 protected:
     // The condition's value over one state; called with no lock held.
     virtual bool Compute(const NetworkState& state) const = 0;
+    // The fields of `state` that Compute reads and the entry that matched
+    // ("matched": null when none), as a JSON object.
+    virtual Json::Value Describe(const NetworkState& state) const = 0;
     // Subscribes to the provider and computes the first value; 0, or the
     // provider's status.
     [[nodiscard]] int32_t Attach();

@@ -1,0 +1,126 @@
+#include "pretty.h"
+
+#include <json/writer.h>
+
+namespace crhost {
+namespace {
+
+std::string Compact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, value);
+}
+
+// "08:45:01.123" of "2026-11-24T08:45:01.123Z"; the text as it is otherwise.
+std::string ClockTime(const Json::Value& time) {
+    const std::string text = time.asString();
+    return text.size() == 24 && text[10] == 'T' ? text.substr(11, 12) : text;
+}
+
+const char* Mark(const Json::Value& state) {
+    if (state.isBool()) return state.asBool() ? "\u2713" : "\u2717";
+    return "?";
+}
+
+// A list of JSON values as "a, b, c" (strings without their quotes).
+std::string Listed(const Json::Value& list) {
+    std::string text;
+    for (const Json::Value& item : list) {
+        if (!text.empty()) text += ", ";
+        text += item.isString() ? item.asString() : Compact(item);
+    }
+    return text.empty() ? "none" : text;
+}
+
+// What a node saw: "addresses: 10.0.0.1/24, ...; matched: 10.0.0.1/24".
+std::string Observed(const Json::Value& observed) {
+    std::string text;
+    for (const std::string& name : observed.getMemberNames()) {
+        const Json::Value& value = observed[name];
+        if (!text.empty()) text += "; ";
+        text += name + ": ";
+        if (value.isArray())
+            text += Listed(value);
+        else if (value.isNull())
+            text += "none";
+        else
+            text += value.isString() ? value.asString() : Compact(value);
+    }
+    return text;
+}
+
+void DrawTree(const Json::Value& node, const std::string& indent, std::string& out) {
+    out += indent + Mark(node["state"]) + " " + node["type"].asString();
+    if (node.isMember("data")) out += " " + Compact(node["data"]);
+    if (node.isMember("error")) out += "  (error " + Compact(node["error"]) + ")";
+    out += "\n";
+    if (node.isMember("observed")) out += indent + "    saw " + Observed(node["observed"]) + "\n";
+    for (const Json::Value& child : node["children"]) DrawTree(child, indent + "  ", out);
+}
+
+std::string PolicyRun(const Json::Value& line) {
+    const Json::Value& run = line["policyRun"];
+    std::string methods;
+    for (const Json::Value& result : run["results"]) {
+        if (!methods.empty()) methods += ", ";
+        methods += result["plugin"].asString() + "." + result["method"].asString() + " -> " +
+                   Compact(result["result"]);
+    }
+    std::string text = ClockTime(line["time"]) + " run    " + (methods.empty() ? "(no methods)" : methods) +
+                       "  status " + Compact(run["status"]);
+    if (run.isMember("statusName")) text += " " + run["statusName"].asString();
+    return text + "\n";
+}
+
+std::string Event(const Json::Value& line) {
+    std::string text = ClockTime(line["time"]) + " event  " + line["event"].asString();
+    for (const Json::Value& report : line["payload"]["data"])
+        text += "\n                    rules " + Listed(report["rulesMatched"]) + " -> error " +
+                Compact(report["error"]);
+    return text + "\n";
+}
+
+std::string Answer(const Json::Value& answer) {
+    const bool isMethod = answer.isMember("method");
+    std::string text = "#" + (answer["id"].isString() ? answer["id"].asString() : Compact(answer["id"])) + " " +
+                       (isMethod ? answer["method"].asString() : answer["host"].asString()) + "  ";
+    const Json::Value& status = answer["status"];
+    if (status.isInt() && status.asInt() == 0) {
+        text += "ok";
+    } else {
+        text += "status " + Compact(status);
+        if (answer.isMember("statusName")) text += " " + answer["statusName"].asString();
+        if (answer.isMember("error")) text += ": " + answer["error"].asString();
+    }
+    text += "\n";
+    if (answer.isMember("tree")) {
+        DrawTree(answer["tree"], "  ", text);
+        return text;
+    }
+    for (const std::string& name : answer.getMemberNames()) {
+        if (name == "id" || name == "method" || name == "host" || name == "status" || name == "statusName" ||
+            name == "error")
+            continue;
+        const Json::Value& value = answer[name];
+        if (name == "messages" && value.isArray()) {
+            for (const Json::Value& message : value) text += "  said: " + message.asString() + "\n";
+            continue;
+        }
+        if (value.isObject() && value.empty()) continue;
+        text += "  " + name + ": " + (value.isString() ? value.asString() : Compact(value)) + "\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string PrettyText(const Json::Value& object) {
+    if (object.isMember("policyRun")) return PolicyRun(object);
+    if (object.isMember("event")) return Event(object);
+    if (object.isMember("line") && object.isMember("error"))
+        return "line " + Compact(object["line"]) + ": " + object["error"].asString() + "\n";
+    return Answer(object);
+}
+
+}  // namespace crhost

@@ -1,0 +1,84 @@
+#pragma once
+// The runner's last evaluations, kept in memory for a person asking why a
+// rule ran or did not (cr-host's "history"): when each pass ran, what asked
+// for it, which rules were true, each method set run with its results, each
+// true rule that did not run and why, and a retry it scheduled.
+//
+// Bounded: the oldest record goes when a record beyond kCapacity comes.
+// Nothing here is persisted; a restart begins a new history.
+//
+// Thread rules: Record on the evaluation thread, ToJson from any thread;
+// one mutex guards the records, held only to copy one in or out.
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+namespace Product::Integration::ConditionalRunner {
+
+// What asked for an evaluation. Several may be pending when a pass begins.
+enum class EvaluationTrigger : uint32_t {
+    kStart = 1u << 0,             // the runner started
+    kConditionChange = 1u << 1,   // a rule's condition changed
+    kRetry = 1u << 2,             // the retry after a run that did not reach its target
+    kEnabled = 1u << 3,           // the runner was enabled
+    kConsole = 1u << 4,           // rules, method sets or settings changed
+    kServiceConnected = 1u << 5,  // the host's service connected
+};
+
+// Why a true rule did not run in a pass.
+enum class NotRunReason {
+    kUnchanged,         // the true rules are those of the last run
+    kMethodSetUnknown,  // it names a method set the runner does not have
+    kRunnerDisabled,    // the runner is disabled
+    kTransactionOpen,   // the console is replacing rules and method sets
+};
+
+const char* TriggerName(EvaluationTrigger trigger) noexcept;
+const char* NotRunReasonText(NotRunReason reason) noexcept;
+
+struct EvaluationRecord {
+    struct MethodSetRun {
+        std::wstring methodSetId;
+        std::vector<std::wstring> ruleIds;  // the rules that asked for it
+        int32_t status = 0;
+        Json::Value results;  // per method: {"plugin", "method", "result"}
+    };
+    struct RuleNotRun {
+        std::wstring ruleId;
+        NotRunReason reason;
+    };
+
+    std::chrono::system_clock::time_point when;
+    uint32_t triggers = 0;  // EvaluationTrigger bits
+    std::vector<std::wstring> trueRules;
+    std::vector<MethodSetRun> runs;
+    std::vector<RuleNotRun> notRun;
+    std::optional<std::chrono::system_clock::time_point> retryAt;
+};
+
+class EvaluationHistory {
+public:
+    static constexpr size_t kCapacity = 100;
+
+    void Record(EvaluationRecord record);
+    // Oldest first:
+    //   [{"time", "triggers": ["conditionChange", ...], "trueRules": [ids],
+    //     "runs": [{"methodSetId", "rules": [ids], "status", "results": [...]}],
+    //     "notRun": [{"ruleId", "reason"}], "retryAt"?}]
+    Json::Value ToJson() const;
+    // The newest record, if any.
+    std::optional<EvaluationRecord> Last() const;
+    size_t size() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::deque<EvaluationRecord> records_;
+};
+
+}  // namespace Product::Integration::ConditionalRunner

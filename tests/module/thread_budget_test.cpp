@@ -1,0 +1,85 @@
+// The module's threads do not grow with its rules: a thousand network rules,
+// a hundred file rules and twenty name-resolution rules (whose names the
+// machine's DNS may take its time to refuse) cost the same few threads as
+// one rule of each. Counted in process, with the module's own network
+// provider, while the host's services run beside it.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <json/value.h>
+
+#include "hosted_module.h"
+#include "os/process_info.h"
+#include "os/utf8.h"
+#include "support/log_capture.h"
+#include "support/waiting.h"
+
+namespace {
+
+using module_test::HostedModule;
+using module_test::NetworkSource;
+using testing_support::ParseJson;
+using namespace std::chrono_literals;
+
+// The module may have this many threads of its own at most, whatever its rules.
+constexpr size_t kThreadBudget = 8;
+
+std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8Lossy(text)).toStyledString(); }
+
+std::string Rule(const std::string& id, const std::string& condition) {
+    return R"({"id":")" + id + R"(","displayName":"","methodSetId":"M","matchIf":)" + condition + "}";
+}
+
+// `network` rules over addresses and suffixes, `files` over files of `dir`
+// and `names` over host names that do not exist.
+std::string Rules(size_t network, size_t files, size_t names, const testing_support::TempDir& dir) {
+    std::string rules;
+    auto add = [&rules](const std::string& rule) { rules += (rules.empty() ? "" : ",") + rule; };
+    for (size_t i = 0; i < network; ++i)
+        add(Rule("n" + std::to_string(i), R"({"type":"boolean.AND","data":{"conditions":[
+                {"type":"network.IP","data":{"address":"10.)" + std::to_string(i / 250) + ".0." +
+                                              std::to_string(i % 250 + 1) + R"("}},
+                {"type":"network.DNSSuffix","data":{"suffix":"corp.example"}}]}})"));
+    for (size_t i = 0; i < files; ++i)
+        add(Rule("f" + std::to_string(i), R"({"type":"Test.FileExists","data":{"filePath":)" +
+                                              Quoted(dir.File(L"file" + std::to_wstring(i))) + "}}"));
+    for (size_t i = 0; i < names; ++i)
+        add(Rule("r" + std::to_string(i),
+                 R"({"type":"network.canResolveHost","data":{"address":"name)" + std::to_string(i) + R"(.invalid"}})"));
+    return R"({"rules":[)" + rules + "]}";
+}
+
+// The process's threads once the count has stopped changing for a moment.
+size_t SettledThreadCount() {
+    size_t last = os::ProcessThreadCount();
+    for (int quiet = 0, round = 0; quiet < 5 && round < 100; ++round) {
+        std::this_thread::sleep_for(20ms);
+        const size_t now = os::ProcessThreadCount();
+        quiet = now == last ? quiet + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
+TEST(ModuleThreads, StayFewWhateverTheNumberOfRules) {
+    testing_support::LogCapture capture;  // the module's log lines stay out of the test's output
+    testing_support::TempDir dir;
+    const size_t before = SettledThreadCount();
+    ASSERT_GT(before, 0u) << "the system does not tell the number of threads";
+    HostedModule hosted(dir.File(L"settings.json"), NetworkSource::kModule);
+    ASSERT_EQ(hosted.Command(L"SetMethodSet", R"({"id":"M","displayName":"","methods":[]})"), 0);
+
+    ASSERT_EQ(hosted.Command(L"SetRules", Rules(1, 1, 1, dir)), 0);
+    const size_t few = SettledThreadCount() - before;
+    ASSERT_EQ(hosted.Command(L"SetRules", Rules(1000, 100, 20, dir)), 0);
+    const size_t many = SettledThreadCount() - before;
+
+    EXPECT_LE(many, kThreadBudget) << "with one rule of each kind: " << few;
+    // A few threads may come and go with queries in flight; not one per rule.
+    EXPECT_LE(many, few + 3) << "with one rule of each kind: " << few;
+}
+
+}  // namespace
