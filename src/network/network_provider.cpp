@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "network/adapter_convert.h"
+#include "os/thread_name.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -86,6 +87,7 @@ int32_t NetworkProvider::InternalStart() {
     std::promise<void> firstSnapshot;
     try {
         listener_ = std::thread([this, &registered, taken = firstSnapshot.get_future()]() mutable {
+            os::SetCurrentThreadName("cr:net-watch");
             NetworkListenerThread(registered, taken);
         });
     } catch (const std::system_error&) {

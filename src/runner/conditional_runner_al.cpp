@@ -2,6 +2,7 @@
 // thread and the callbacks that wake it.
 #include "runner/conditional_runner_al.h"
 
+#include "os/thread_name.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "plugin/module_names.h"
@@ -162,7 +163,10 @@ int32_t ConditionalRunnerAL::Start() {
     evalThreadEnded_.Reset();
     signals_.Rearm();
     try {
-        evalThread_ = std::thread([this] { RunEvaluationThread(); });
+        evalThread_ = std::thread([this] {
+            os::SetCurrentThreadName("cr:eval");
+            RunEvaluationThread();
+        });
     } catch (const std::system_error&) {
         return qv::status::kNotReady;
     }

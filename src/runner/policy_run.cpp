@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "os/module.h"
+#include "os/thread_name.h"
 #include "plugin/log.h"
 
 namespace Product::Integration::ConditionalRunner {
@@ -55,7 +56,10 @@ PolicyRun::PolicyRun(EnterpriseIntegration::IRunPolicy& runner, std::vector<std:
                      const wchar_t* caller)
     : shared_(std::make_shared<Shared>(runner, std::move(requests), caller)) {
     try {
-        std::thread([shared = shared_] { shared->RunAll(); }).detach();
+        std::thread([shared = shared_] {
+            os::SetCurrentThreadName("cr:policy-run");
+            shared->RunAll();
+        }).detach();
     } catch (const std::system_error&) {
         // No thread to spare: the runs cannot be given up, but they still run.
         shared_->RunAll();

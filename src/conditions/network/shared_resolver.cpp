@@ -5,6 +5,8 @@
 
 #include "os/dns_query.h"
 #include "os/module.h"
+#include "os/no_destructor.h"
+#include "os/thread_name.h"
 #include "plugin/log.h"
 
 namespace Product::Integration::ConditionManager {
@@ -46,7 +48,9 @@ bool SharedResolver::ResolveByDns(const std::wstring& name) {
 }
 
 SharedResolver& SharedResolver::Shared() {
-    static SharedResolver* const shared = new SharedResolver(Options{&ResolveByDns});
+    // In static storage, never destroyed; what it holds on the heap it gives
+    // back when idle, so that an unloaded module leaves nothing behind.
+    static os::NoDestructor<SharedResolver> shared(Options{&ResolveByDns});
     return *shared;
 }
 
@@ -118,7 +122,10 @@ bool SharedResolver::Staff() {
     if (free_ > 0 || threads_ >= maxThreads_ || nameOf_.empty()) return true;
     const uint64_t generation = generation_;
     try {
-        std::thread thread([this, generation] { Run(generation); });
+        std::thread thread([this, generation] {
+            os::SetCurrentThreadName("cr:resolve");
+            Run(generation);
+        });
         const std::thread::id id = thread.get_id();
         live_.emplace(id, std::move(thread));
     } catch (const std::system_error& error) {
@@ -246,6 +253,14 @@ void SharedResolver::Release(std::unique_lock<std::mutex>& lock) {
         else
             thread.join();
     }
+    // Idle now: give back the tables' memory (clear() keeps their buckets).
+    lock.lock();
+    if (nameOf_.empty() && names_.empty()) {
+        decltype(nameOf_)().swap(nameOf_);
+        decltype(calling_)().swap(calling_);
+        decltype(ended_)().swap(ended_);
+    }
+    lock.unlock();
 }
 
 void SharedResolver::JoinEnded() {
