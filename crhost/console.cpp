@@ -38,6 +38,8 @@ const Console::HostAction Console::kHostActions[] = {
     {"explain", &Console::Explain, R"("condition": {...} or "ruleId": "<id>")",
      "builds the tree anew and answers each node's state"},
     {"rules", &Console::Rules, "", "every current rule with the state of its condition tree"},
+    {"history", &Console::History, "",
+     "the last 100 evaluations: when, what asked for each, the true rules, the runs, the rules that did not run and why, a retry"},
     {"status", &Console::Status, "",
      "the module at a glance: enabled, settings, rules, method sets, live conditions by type, threads, state file"},
     {"types", &Console::Types, "",
@@ -347,22 +349,26 @@ int32_t Console::Sleep(const Json::Value& in, Json::Value& out) {
 }
 
 int32_t Console::Status(const Json::Value&, Json::Value& out) {
-    const Json::Value request(Json::objectValue);
     // What the console itself can ask the module.
     Json::Value enabled, settings, rules, ids;
-    if (const int32_t status = hosted_.Command(L"IsEnabled", &request, enabled); status != 0)
+    const auto ask = [this](const wchar_t* method, Json::Value& response) {
+        Json::Value request(Json::objectValue);
+        return hosted_.Command(method, &request, response);
+    };
+    if (const int32_t status = ask(L"IsEnabled", enabled); status != 0)
         return Fail(out, status, "the module did not say whether it is enabled");
-    if (const int32_t status = hosted_.Command(L"GetSettings", &request, settings); status != 0)
+    if (const int32_t status = ask(L"GetSettings", settings); status != 0)
         return Fail(out, status, "the module did not give its settings");
-    if (const int32_t status = hosted_.Command(L"GetRules", &request, rules); status != 0)
+    if (const int32_t status = ask(L"GetRules", rules); status != 0)
         return Fail(out, status, "the module did not give its rules");
-    if (const int32_t status = hosted_.Command(L"GetMethodSetIds", &request, ids); status != 0)
+    if (const int32_t status = ask(L"GetMethodSetIds", ids); status != 0)
         return Fail(out, status, "the module did not give its method sets");
     out["enabled"] = enabled["enabled"];
     out["settings"] = settings["settings"];
     out["rules"] = rules["rules"].size();
     out["methodSets"] = ids["ids"].size();
     if (const auto* diagnostics = hosted_.managerDiagnostics()) out["conditions"] = diagnostics->LiveConditions();
+    if (auto* runner = hosted_.runnerDiagnostics()) out["evaluation"] = runner->EvaluationStatus();
 
     // The module names its threads "cr:<what>"; the others are the host's.
     Json::Value& threads = out["threads"] = Json::Value(Json::objectValue);
@@ -377,6 +383,13 @@ int32_t Console::Status(const Json::Value&, Json::Value& out) {
     std::error_code error;
     const uintmax_t bytes = std::filesystem::file_size(std::filesystem::path(stateFile_), error);
     state["bytes"] = error ? Json::Value() : Json::Value(static_cast<Json::UInt64>(bytes));
+    return 0;
+}
+
+int32_t Console::History(const Json::Value&, Json::Value& out) {
+    auto* runner = hosted_.runnerDiagnostics();
+    if (!runner) return Fail(out, qv::status::kNotSupported, "the module's runner keeps no history");
+    out["evaluations"] = runner->History();
     return 0;
 }
 

@@ -85,6 +85,7 @@ private:
     int32_t Explain(const Json::Value& in, Json::Value& out);
     int32_t Rules(const Json::Value& in, Json::Value& out);
     int32_t Status(const Json::Value& in, Json::Value& out);
+    int32_t History(const Json::Value& in, Json::Value& out);
     int32_t Types(const Json::Value& in, Json::Value& out);
     int32_t Help(const Json::Value& in, Json::Value& out);
     int32_t Sleep(const Json::Value& in, Json::Value& out);

@@ -85,15 +85,19 @@ bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
         static_cast<void>(Stop());  // the failure that matters is the one reported
         return false;
     }
-    if (stopLimitMs_) {
+    for (Object& object : objects_) {
+        if (object.name != qv::names::kModule) continue;
+        using Product::Integration::ConditionalRunner::IConditionalRunnerDiagnostics;
         using Product::Integration::ConditionalRunner::IConditionalRunnerExtensions;
-        for (Object& object : objects_) {
-            if (object.name != qv::names::kModule) continue;
-            auto* base = static_cast<IQvBaseInterface*>(object.raw);
+        auto* base = static_cast<IQvBaseInterface*>(object.raw);
+        if (stopLimitMs_) {
             if (auto* extensions =
                     static_cast<IConditionalRunnerExtensions*>(base->QueryInterface(IConditionalRunnerExtensions::iid)))
                 extensions->SetStopWaitTimeout(*stopLimitMs_);
         }
+        // Optional: a module without it still runs; "history" says so.
+        runnerDiagnostics_ =
+            static_cast<IConditionalRunnerDiagnostics*>(base->QueryInterface(IConditionalRunnerDiagnostics::iid));
     }
     for (Object& object : objects_) {
         if (!InitAndStart(object, error)) {
@@ -153,6 +157,7 @@ std::wstring HostedModule::Stop() {
     };
     conditionManager_ = nullptr;
     managerDiagnostics_ = nullptr;
+    runnerDiagnostics_ = nullptr;
     for (Object* object : StopOrder()) {
         if (object->started) note(L"stopping " + object->name, object->plugin->Stop());
         object->started = false;

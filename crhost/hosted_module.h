@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "conditions/manager_interface.h"
+#include "model/conditional_runner.h"
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
@@ -72,6 +73,11 @@ public:
     const Product::Integration::ConditionManager::IManagerDiagnostics* managerDiagnostics() const {
         return managerDiagnostics_;
     }
+    // The runner's history and evaluation state; null before Start, or when
+    // the module has none.
+    Product::Integration::ConditionalRunner::IConditionalRunnerDiagnostics* runnerDiagnostics() {
+        return runnerDiagnostics_;
+    }
     // True when the network provider is the host's stand-in.
     bool usesNetworkStandIn() const { return usesStandIn_; }
 
@@ -107,6 +113,7 @@ private:
     std::vector<Object> objects_;  // in start order
     Product::Integration::ConditionManager::IManager* conditionManager_ = nullptr;
     Product::Integration::ConditionManager::IManagerDiagnostics* managerDiagnostics_ = nullptr;
+    Product::Integration::ConditionalRunner::IConditionalRunnerDiagnostics* runnerDiagnostics_ = nullptr;
 };
 
 }  // namespace crhost

@@ -164,7 +164,32 @@ protected:
     ~IConditionalRunnerExtensions() = default;
 };
 
+// What the runner can tell a person asking why a rule ran or did not: the
+// module's own optional interface, answered by the runner's QueryInterface.
+struct IConditionalRunnerDiagnostics {
+    static constexpr GUID iid = qv::MakeGuid(0x6A93F2C4, 0x1B7E, 0x4D05, 0x8E3A, 0xC2715D9B0F36);
+
+    // The last evaluations, oldest first (at most 100, kept in memory):
+    // [{"time", "triggers": [...], "trueRules": [ids], "runs": [{"methodSetId",
+    //   "rules", "status", "response"}], "notRun": [{"ruleId", "reason"}],
+    //   "retryAt"?}]. Any thread.
+    [[nodiscard]] virtual Json::Value History() = 0;
+    // The evaluation's state now: {"evaluationPending": bool, "pendingTriggers":
+    // [...], "evaluationDueAt": time or null, "lastEvaluation": time or null,
+    // "retryAt": time or null, "transactionOpen": bool}. Any thread.
+    [[nodiscard]] virtual Json::Value EvaluationStatus() = 0;
+
+protected:
+    ~IConditionalRunnerDiagnostics() = default;
+};
+
 }  // namespace Product::Integration::ConditionalRunner
+
+template <>
+struct qv::InterfaceName<Product::Integration::ConditionalRunner::IConditionalRunnerDiagnostics> {
+    static constexpr const wchar_t* value =
+        L"struct Product::Integration::ConditionalRunner::IConditionalRunnerDiagnostics";
+};
 
 template <>
 struct qv::InterfaceName<Product::Integration::ConditionalRunner::IConditionalRunner> {

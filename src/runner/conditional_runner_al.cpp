@@ -42,6 +42,8 @@ void* ConditionalRunnerAL::QueryInterface(const GUID& iid) {
     if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
     if (qv::GuidEquals(iid, IConditionalRunner::iid)) return static_cast<IConditionalRunner*>(this);
     if (qv::GuidEquals(iid, IConditionalRunnerExtensions::iid)) return static_cast<IConditionalRunnerExtensions*>(this);
+    if (qv::GuidEquals(iid, IConditionalRunnerDiagnostics::iid))
+        return static_cast<IConditionalRunnerDiagnostics*>(this);
     return nullptr;
 }
 
@@ -140,7 +142,7 @@ int32_t ConditionalRunnerAL::Start() {
     if (const int32_t status = LoadSettings(); status != 0)
         logging::Log(logging::kError, kStart, L"Cannot load rules; err = %i", status);
     else
-        signals_.RequestEvaluation();  // a first evaluation
+        signals_.RequestEvaluation(EvaluationTrigger::kStart);  // a first evaluation
     {
         std::lock_guard lock(lock_);
         qv::List<Rule> lastRun;
@@ -230,7 +232,7 @@ void ConditionalRunnerAL::DetachFrom(std::list<RuleEntry>& entries) {
 }
 
 int32_t ConditionalRunnerAL::OnStateChanged(bool, size_t) {
-    signals_.RequestEvaluation();
+    signals_.RequestEvaluation(EvaluationTrigger::kConditionChange);
     return 0;
 }
 
@@ -239,7 +241,7 @@ void ConditionalRunnerAL::OnConnectionEvent(int32_t event) {
     logging::Log(logging::kDetail, kOnConnectionEvent,
                  L"Service connected. Evaluating rules with invalidate cache true.");
     invalidateCache_ = true;
-    signals_.RequestEvaluation();
+    signals_.RequestEvaluation(EvaluationTrigger::kServiceConnected);
 }
 
 int32_t ConditionalRunnerAL::RegisterControl(EndpointService::IControl*) { return qv::status::kNotSupported; }

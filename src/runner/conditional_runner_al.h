@@ -51,7 +51,8 @@ class ConditionalRunnerAL final : public IServPlugin,
                                   public IConditionalRunnerLocal,
                                   public ConditionManager::IConditionEvent,
                                   public EndpointService::IControl,
-                                  public IConditionalRunnerExtensions {
+                                  public IConditionalRunnerExtensions,
+                                  public IConditionalRunnerDiagnostics {
 public:
     static constexpr const wchar_t* kServiceControlGroup = qv::names::kServiceControlGroup;
     static constexpr const wchar_t* kQueueName = L"qv::EasyEventQueue";
@@ -108,6 +109,8 @@ public:
                                                 qv::IList<RuleError>& errors) override;
     [[nodiscard]] int32_t TakeRules(qv::IList<Rule>& rules, qv::IList<RuleError>& errors) override;
     void SetStopWaitTimeout(uint32_t milliseconds) override { stopWaitTimeoutMs_ = milliseconds; }
+    [[nodiscard]] Json::Value History() override { return history_.ToJson(); }
+    [[nodiscard]] Json::Value EvaluationStatus() override;
 
     // A rule's condition changed: asks for an evaluation. Any thread.
     [[nodiscard]] int32_t OnStateChanged(bool state, size_t conditionId) override;
@@ -167,8 +170,14 @@ private:
     enum class PassEnd { kCompleted, kGivenUp };
     using RulesOfRun = std::map<const MethodRunData*, std::vector<const Rule*>>;
 
-    // The phases of a pass, under the lock.
-    std::vector<TrueRule> CollectTrueRules(bool invalidateCache);
+    // The phases of a pass, under the lock. The true rules whose method set
+    // is unknown go to `unknownMethodSet`.
+    std::vector<TrueRule> CollectTrueRules(bool invalidateCache, std::vector<std::wstring>& unknownMethodSet);
+    // The ids of the rules whose condition says true now (cached), for a
+    // pass that runs nothing.
+    std::vector<std::wstring> TrueRuleIds();
+    // Keeps `record` in the history, notRun filled with `reason` for each of `ids`.
+    void Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids, NotRunReason reason);
     static int32_t GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
                                     RulesOfRun& rulesOf);
     // Runs the method sets of `toRun` in order, all on one run thread, and
@@ -208,6 +217,8 @@ private:
     std::atomic<bool> invalidateCache_{false};
     std::atomic<bool> transactionInProgress_{false};
     ConditionManager::ConditionQueue eventQueue_;
+    EvaluationHistory history_;
+    std::atomic<int64_t> retryAtMs_{0};  // wall-clock ms of a retry scheduled; 0: none
 };
 
 }  // namespace Product::Integration::ConditionalRunner

@@ -30,7 +30,7 @@ Json::Value RecordJson(const EvaluationRecord& record) {
         item["methodSetId"] = os::WideToUtf8Lossy(run.methodSetId);
         item["rules"] = Ids(run.ruleIds);
         item["status"] = run.status;
-        item["results"] = run.results.isNull() ? Json::Value(Json::arrayValue) : run.results;
+        item["response"] = run.response;
         runs.append(item);
     }
     Json::Value& notRun = entry["notRun"] = Json::Value(Json::arrayValue);

@@ -47,7 +47,7 @@ struct EvaluationRecord {
         std::wstring methodSetId;
         std::vector<std::wstring> ruleIds;  // the rules that asked for it
         int32_t status = 0;
-        Json::Value results;  // per method: {"plugin", "method", "result"}
+        Json::Value response;  // the policy runner's answer (its "results" per method); null when none
     };
     struct RuleNotRun {
         std::wstring ruleId;
@@ -69,7 +69,7 @@ public:
     void Record(EvaluationRecord record);
     // Oldest first:
     //   [{"time", "triggers": ["conditionChange", ...], "trueRules": [ids],
-    //     "runs": [{"methodSetId", "rules": [ids], "status", "results": [...]}],
+    //     "runs": [{"methodSetId", "rules": [ids], "status", "response"}],
     //     "notRun": [{"ruleId", "reason"}], "retryAt"?}]
     Json::Value ToJson() const;
     // The newest record, if any.

@@ -32,7 +32,7 @@ int32_t EvaluationLoop::Run() {
                 Note(L"Received timeout");
                 firstEventTime_ = -1;
                 evaluate_();
-                timeoutMs_ = EvalWaits::kNoTimeLimit;
+                SetTimeout(EvalWaits::kNoTimeLimit, 0);
                 break;
             case EvalWaits::kEval:
                 OnEval();
@@ -55,14 +55,14 @@ void EvaluationLoop::OnEval() {
     if (firstEventTime_ == -1) {
         Note(L"Cannot run this time; postponing first event");
         firstEventTime_ = now;
-        timeoutMs_ = minEvalTime * 1000;
+        SetTimeout(minEvalTime * 1000, now);
         return;
     }
     if (now - firstEventTime_ >= maxPostponeTime) {
         // The burst has waited long enough.
         firstEventTime_ = -1;
         evaluate_();
-        timeoutMs_ = EvalWaits::kNoTimeLimit;
+        SetTimeout(EvalWaits::kNoTimeLimit, 0);
         return;
     }
     Note(L"Cannot run this time; postponing");
@@ -71,8 +71,13 @@ void EvaluationLoop::OnEval() {
         // The figure logged is the timeout in force until now, in
         // milliseconds, not the shortened one: the line has always read so.
         logging::Log(logging::kDetail, kEvalThread, L"Postponing for %i", static_cast<int>(timeoutMs_));
-        timeoutMs_ = static_cast<uint32_t>(remaining * 1000);
+        SetTimeout(static_cast<uint32_t>(remaining * 1000), now);
     }
+}
+
+void EvaluationLoop::SetTimeout(uint32_t timeoutMs, int64_t now) {
+    timeoutMs_ = timeoutMs;
+    waits_.NoteDue(timeoutMs == EvalWaits::kNoTimeLimit ? EvalWaits::kNothingDue : now + timeoutMs / 1000);
 }
 
 }  // namespace Product::Integration::ConditionalRunner

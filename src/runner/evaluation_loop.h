@@ -33,6 +33,10 @@ public:
     // The wall clock in seconds.
     [[nodiscard]] virtual int64_t NowSeconds() = 0;
     virtual void Sleep(uint32_t ms) = 0;
+    // Told when the postponed evaluation is due, in the clock's seconds, or
+    // kNothingDue once none is postponed; for people asking (status).
+    static constexpr int64_t kNothingDue = -1;
+    virtual void NoteDue(int64_t dueSeconds) {}
 
 protected:
     ~EvalWaits() = default;
@@ -58,6 +62,8 @@ public:
 
 private:
     void OnEval();
+    // Sets the timeout of the next wait, and tells the waits when it ends.
+    void SetTimeout(uint32_t timeoutMs, int64_t now);
 
     EvalWaits& waits_;
     const PostponeSettings& settings_;

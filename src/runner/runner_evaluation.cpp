@@ -1,7 +1,9 @@
 // One evaluation pass: which rules are true, whether that changed since the
 // last run, and the method-set runs that follow.
+#include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -9,6 +11,7 @@
 #include <json/writer.h>
 
 #include "os/utf8.h"
+#include "os/wall_time.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -51,7 +54,8 @@ int32_t ConditionalRunnerAL::MakeRequest(const std::wstring& methodSetId, std::w
     return 0;
 }
 
-std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache) {
+std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules(
+    bool invalidateCache, std::vector<std::wstring>& unknownMethodSet) {
     // Nothing is copied until the pass knows that something changed.
     std::vector<TrueRule> trueRules;
     trueRules.reserve(rules_.size());
@@ -70,6 +74,7 @@ std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules
         if (!entry.methodSet) {
             logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found",
                          entry.rule->rule().methodSetId.c_str());
+            unknownMethodSet.push_back(entry.rule->rule().id);
             continue;
         }
         trueRules.push_back(TrueRule{LastRun::Installed{&entry.rule, entry.serial}, entry.methodSet});
@@ -171,31 +176,60 @@ ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>
     return PassEnd::kCompleted;
 }
 
+std::vector<std::wstring> ConditionalRunnerAL::TrueRuleIds() {
+    std::vector<std::wstring> ids;
+    for (const RuleEntry& entry : rules_) {
+        bool state = false;
+        if (entry.condition && entry.condition->GetState(&state, false) == 0 && state)
+            ids.push_back(entry.rule->rule().id);
+    }
+    return ids;
+}
+
+void ConditionalRunnerAL::Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids,
+                                   NotRunReason reason) {
+    for (const std::wstring& id : ids) record.notRun.push_back(EvaluationRecord::RuleNotRun{id, reason});
+    history_.Record(std::move(record));
+}
+
 int32_t ConditionalRunnerAL::ReEvalRules() {
     logging::CallTrace trace(kReEvalRules);
     std::lock_guard lock(lock_);
     // A stopping runner starts nothing new, and a disabled one runs nothing,
     // also when the pass was already waiting for the lock as it changed.
     if (stopping_) return 0;
+    EvaluationRecord record;
+    record.when = std::chrono::system_clock::now();
+    record.triggers = signals_.TakeTriggers();
     if (isDisabled_) {
         logging::Log(logging::kDetail, kReEvalRules, L"the runner is disabled. Skip evaluation this time");
+        Remember(record, TrueRuleIds(), NotRunReason::kRunnerDisabled);
         return 0;
     }
     if (transactionInProgress_) {
         logging::Log(logging::kDetail, kReEvalRules,
                      L"rules and methods transaction in progress. Skip evaluation this time");
+        Remember(record, TrueRuleIds(), NotRunReason::kTransactionOpen);
         return 0;
     }
+    if (record.triggers & static_cast<uint32_t>(EvaluationTrigger::kRetry)) retryAtMs_ = 0;
     const bool invalidateCache = invalidateCache_.exchange(false);
     logging::Log(logging::kDetail, kReEvalRules, L"Invalidate cache is %d.", invalidateCache ? 1 : 0);
 
-    const std::vector<TrueRule> trueRules = CollectTrueRules(invalidateCache);
+    std::vector<std::wstring> unknownMethodSet;
+    const std::vector<TrueRule> trueRules = CollectTrueRules(invalidateCache, unknownMethodSet);
     std::vector<LastRun::Installed> trueEntries;
     trueEntries.reserve(trueRules.size());
-    for (const TrueRule& trueRule : trueRules) trueEntries.push_back(trueRule.installed);
+    for (const TrueRule& trueRule : trueRules) {
+        trueEntries.push_back(trueRule.installed);
+        record.trueRules.push_back((*trueRule.installed.rule)->rule().id);
+    }
+    for (const std::wstring& id : unknownMethodSet)
+        record.notRun.push_back(EvaluationRecord::RuleNotRun{id, NotRunReason::kMethodSetUnknown});
     // The same rules true in the same order as at the last run: nothing to do.
     if (lastRun_.Matches(trueEntries)) {
         logging::Log(logging::kDetail, kReEvalRules, L"Nothing changed from the last run");
+        Remember(record, record.trueRules, NotRunReason::kUnchanged);
         return 0;
     }
 
@@ -211,17 +245,51 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     if (RunAll(toRun, rulesOf, leftUnapplied) == PassEnd::kGivenUp) return 0;
 
     static_cast<void>(onMethodSetsRun_(toRun));  // subscribers report their own failures
+    for (qv::ListEnumPtr<MethodRunData> e(toRun.CreateEnum()); e->IsValid(); e->Next()) {
+        const MethodRunData& run = *e->Current();
+        EvaluationRecord::MethodSetRun entry{run.methodSetId, {}, run.status, run.response};
+        for (qv::ConstListEnumPtr<std::wstring> id(run.ruleIds.CreateConstEnum()); id->IsValid(); id->Next())
+            entry.ruleIds.push_back(*id->Current());
+        record.runs.push_back(std::move(entry));
+    }
     if (leftUnapplied) {
         logging::Log(logging::kDetail, kReEvalRules,
                      L"There are some valid rules which were not applied; re-signal after 30s");
-        if (const int32_t status = eventQueue_.Post([this] { signals_.RequestEvaluation(); }, kRetryDelayMs);
-            status != 0)
+        if (const int32_t status = eventQueue_.Post(
+                [this] { signals_.RequestEvaluation(EvaluationTrigger::kRetry); }, kRetryDelayMs);
+            status != 0) {
             logging::Log(logging::kError, kReEvalRules, L"cannot schedule the re-evaluation [%d]", status);
+        } else {
+            record.retryAt = record.when + std::chrono::milliseconds(kRetryDelayMs);
+            retryAtMs_ = std::chrono::duration_cast<std::chrono::milliseconds>(record.retryAt->time_since_epoch()).count();
+        }
     }
+    history_.Record(std::move(record));
     // Saving failures are logged by the store and do not stop the pass.
     static_cast<void>(store_.SaveRules(RunnerStore::kLastRunPath, lastRun_.rules()));
     static_cast<void>(store_.SaveMethodsRunStarted(false));
     return 0;
+}
+
+Json::Value ConditionalRunnerAL::EvaluationStatus() {
+    using std::chrono::system_clock;
+    Json::Value status(Json::objectValue);
+    const uint32_t pending = signals_.PendingTriggers();
+    status["evaluationPending"] = pending != 0;
+    Json::Value& triggers = status["pendingTriggers"] = Json::Value(Json::arrayValue);
+    for (uint32_t bit = 1; bit != 0 && bit <= pending; bit <<= 1)
+        if (pending & bit) triggers.append(TriggerName(static_cast<EvaluationTrigger>(bit)));
+    const int64_t due = signals_.DueSeconds();
+    status["evaluationDueAt"] = due == EvalWaits::kNothingDue
+                                    ? Json::Value()
+                                    : Json::Value(os::Iso8601Utc(system_clock::time_point(std::chrono::seconds(due))));
+    const std::optional<EvaluationRecord> last = history_.Last();
+    status["lastEvaluation"] = last ? Json::Value(os::Iso8601Utc(last->when)) : Json::Value();
+    const int64_t retryAt = retryAtMs_.load();
+    status["retryAt"] = retryAt == 0 ? Json::Value()
+                                     : Json::Value(os::Iso8601Utc(system_clock::time_point(std::chrono::milliseconds(retryAt))));
+    status["transactionOpen"] = transactionInProgress_.load();
+    return status;
 }
 
 }  // namespace Product::Integration::ConditionalRunner

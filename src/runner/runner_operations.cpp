@@ -117,7 +117,7 @@ int32_t ConditionalRunnerAL::GetRules(qv::IList<Rule>& rules) {
 
 void ConditionalRunnerAL::SignalEvaluation() {
     std::lock_guard lock(lock_);
-    signals_.RequestEvaluation();
+    signals_.RequestEvaluation(EvaluationTrigger::kConsole);
     if (isDisabled_) {
         // A console update resumes a disabled runner, in memory only: the
         // stored flag keeps what the console last set with SetEnabled.
@@ -256,7 +256,7 @@ int32_t ConditionalRunnerAL::SetEnabled(bool enabled) {
         // made so too, in case a pass saved one meanwhile.
         if (const int32_t status = SaveLastRun(); status != 0) return status;
         if (const int32_t status = store_.SaveEnabled(true); status != 0) return status;
-        signals_.RequestEvaluation();
+        signals_.RequestEvaluation(EvaluationTrigger::kEnabled);
         isDisabled_ = false;
         signals_.Awake();
         return 0;

@@ -13,14 +13,25 @@
 #include <cstdint>
 
 #include "os/event.h"
+#include "runner/evaluation_history.h"
 #include "runner/evaluation_loop.h"
 
 namespace Product::Integration::ConditionalRunner {
 
 class RunnerSignals final : public EvalWaits {
 public:
-    // Asks for an evaluation soon (coalesced by the loop).
-    void RequestEvaluation() noexcept { eval_.Set(); }
+    // Asks for an evaluation soon (coalesced by the loop), for `why`.
+    void RequestEvaluation(EvaluationTrigger why) noexcept {
+        triggers_.fetch_or(static_cast<uint32_t>(why));
+        eval_.Set();
+    }
+    // What asked for evaluations since the last call (EvaluationTrigger bits).
+    uint32_t TakeTriggers() noexcept { return triggers_.exchange(0); }
+    // What asks for an evaluation that has not run yet, without taking it.
+    uint32_t PendingTriggers() const noexcept { return triggers_.load(); }
+    // When the postponed evaluation is due (the wall clock's seconds), or
+    // EvalWaits::kNothingDue.
+    int64_t DueSeconds() const noexcept { return due_.load(); }
     // Ends the loop; also wakes it from a pause.
     void RequestStop() noexcept {
         stopped_ = true;
@@ -47,6 +58,7 @@ public:
     void WaitForAwake() override;
     int64_t NowSeconds() override;
     void Sleep(uint32_t ms) override;
+    void NoteDue(int64_t dueSeconds) override { due_ = dueSeconds; }
 
 private:
     os::AutoResetEvent eval_;
@@ -55,6 +67,8 @@ private:
     os::AutoResetEvent awake_;
     std::atomic<bool> paused_{false};
     std::atomic<bool> stopped_{false};
+    std::atomic<uint32_t> triggers_{0};
+    std::atomic<int64_t> due_{EvalWaits::kNothingDue};
 };
 
 }  // namespace Product::Integration::ConditionalRunner

@@ -67,6 +67,9 @@ public:
     }
     int64_t NowSeconds() override { return kEpochSeconds + nowMs_ / 1000; }
     void Sleep(uint32_t ms) override { nowMs_ += ms; }
+    void NoteDue(int64_t dueSeconds) override { dues.push_back(dueSeconds); }
+
+    std::vector<int64_t> dues;  // every due time the loop told, in order
 
 private:
     void Deliver() {
@@ -113,6 +116,8 @@ TEST(EvaluationLoop, ALoneSignalIsEvaluatedAfterTheQuietPeriod) {
     ASSERT_EQ(times.size(), 1u);
     EXPECT_GE(times[0], 5'000);
     EXPECT_LE(times[0], 5'050);
+    // It told when the evaluation was due, then that nothing was.
+    EXPECT_EQ(waits.dues, (std::vector<int64_t>{ScriptedWaits::kEpochSeconds + 5, EvalWaits::kNothingDue}));
     EXPECT_TRUE(capture.Contains(logging::kDetail, L"ConditionalRunnerAL::EvalThread", L"Received timeout"));
     EXPECT_TRUE(capture.Contains(logging::kDetail, L"ConditionalRunnerAL::EvalThread", L"Received stop signal"));
 }
@@ -177,10 +182,18 @@ TEST(EvaluationLoop, RunsOnTheRunnersSignalsUntilStopped) {
     PostponeSettings settings;
     settings.minEvalTime = 0;  // evaluate as soon as the quiet period (none) ends
     std::atomic<int> evaluations{0};
-    EvaluationLoop loop(signals, settings, [&] { ++evaluations; });
+    std::atomic<uint32_t> triggers{0};
+    EvaluationLoop loop(signals, settings, [&] {
+        triggers = signals.TakeTriggers();
+        ++evaluations;
+    });
     std::thread thread([&] { EXPECT_EQ(loop.Run(), 0); });
-    signals.RequestEvaluation();
+    signals.RequestEvaluation(EvaluationTrigger::kConditionChange);
     EXPECT_TRUE(testing_support::Eventually([&] { return evaluations.load() == 1; }));
+    // The pass learns what asked for it, and nothing is due after it.
+    EXPECT_EQ(triggers.load(), static_cast<uint32_t>(EvaluationTrigger::kConditionChange));
+    EXPECT_EQ(signals.PendingTriggers(), 0u);
+    EXPECT_EQ(signals.DueSeconds(), EvalWaits::kNothingDue);
     signals.Pause();
     signals.RequestStop();
     thread.join();
