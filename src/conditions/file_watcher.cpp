@@ -68,12 +68,14 @@ struct FileWatcher::Run : std::enable_shared_from_this<Run> {
         Path* checking = nullptr;  // the path whose check runs, while it runs
         Clock::time_point since;
         Client* calling = nullptr;  // whose OnChecked runs
+        std::thread thread;         // joined before the place is used again
     };
 
     std::unique_ptr<os::FolderWatch> watch;  // null: every path is polled
     bool stop = false;
     bool woken = false;  // for a watcher without a watch
-    size_t threads = 0;
+    size_t threads = 0;  // started and not yet ended
+    std::thread watcher;
     std::unordered_map<std::wstring, std::shared_ptr<Path>> paths;
     std::unordered_map<Client*, std::shared_ptr<Path>> clients;
     std::unordered_map<std::wstring, Folder> folders;
@@ -91,12 +93,8 @@ FileWatcher::FileWatcher(Options options) : options_(std::move(options)) {}
 
 FileWatcher::~FileWatcher() {
     std::unique_lock lock(mutex_);
-    if (run_) {
-        run_->stop = true;
-        Wake(*run_);
-        run_.reset();
-    }
-    changed_.notify_all();
+    if (run_) End(lock, run_);
+    // A thread that ended the last run from inside a call may be on its way out.
     changed_.wait(lock, [this] { return threads_ == 0; });
 }
 
@@ -123,7 +121,8 @@ bool FileWatcher::Register(Client* client, const std::wstring& text) {
                 logging::Log(logging::kWarning, kFunction,
                              L"No change notifications (%s); file paths are polled", error.c_str());
         }
-        if (!StartThread(run, [this, run] { Watch(run); })) return false;
+        run->watcher = StartThread(*run, [this, run] { Watch(run); });
+        if (!run->watcher.joinable()) return false;
         run_ = std::move(run);
     }
     Run& run = *run_;
@@ -164,13 +163,31 @@ void FileWatcher::Unregister(Client* client) {
         Wake(*run);
     }
     if (!run->clients.empty()) return;
-    // The last client left: the threads end. One of them may be the caller.
+    End(lock, run);
+}
+
+// The last client left: the threads of `run` end, and are joined unless one
+// of them is the caller. Called with the lock held; returns with it held.
+void FileWatcher::End(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Run>& run) {
     run->stop = true;
     Wake(*run);
-    run_.reset();
+    if (run_ == run) run_.reset();
     changed_.notify_all();
     const size_t self = runServedHere == run.get() ? 1 : 0;
     changed_.wait(lock, [&] { return run->threads == self; });
+    // Every other thread has let go of the lock for good: joining is quick.
+    std::vector<std::thread> threads;
+    threads.push_back(std::move(run->watcher));
+    for (Run::Lane& lane : run->lanes) threads.push_back(std::move(lane.thread));
+    lock.unlock();
+    for (std::thread& thread : threads) {
+        if (!thread.joinable()) continue;
+        if (thread.get_id() == std::this_thread::get_id())
+            thread.detach();
+        else
+            thread.join();
+    }
+    lock.lock();
 }
 
 size_t FileWatcher::ClientCount() const {
@@ -195,25 +212,29 @@ size_t FileWatcher::WatchedFolderCount() const {
     return run_ ? run_->folders.size() : 0;
 }
 
-// Called with the lock held.
-bool FileWatcher::StartThread(const std::shared_ptr<Run>& run, std::function<void()> body) {
+// Called with the lock held; the body calls Ended last. Not joinable when
+// no thread could be started.
+std::thread FileWatcher::StartThread(Run& run, std::function<void()> body) {
+    std::thread thread;
     try {
-        std::thread([this, run, body = std::move(body)] {
-            runServedHere = run.get();
+        thread = std::thread([&run, body = std::move(body)] {
+            runServedHere = &run;
             body();
-            // The last use of this object by the thread.
-            std::lock_guard lock(mutex_);
-            --run->threads;
-            --threads_;
-            changed_.notify_all();
-        }).detach();
+        });
     } catch (const std::system_error& error) {
         logging::Log(logging::kError, kFunction, L"Cannot start a thread: %S", error.what());
-        return false;
+        return thread;
     }
-    ++run->threads;
+    ++run.threads;
     ++threads_;
-    return true;
+    return thread;
+}
+
+// The last use of the watcher by a thread of `run`. Called with the lock held.
+void FileWatcher::Ended(Run& run) {
+    --run.threads;
+    --threads_;
+    changed_.notify_all();
 }
 
 void FileWatcher::Wake(Run& run) {
@@ -286,6 +307,8 @@ void FileWatcher::Watch(std::shared_ptr<Run> shared) {
     std::unique_ptr<os::FolderWatch> watch = std::move(run.watch);
     lock.unlock();
     watch.reset();
+    lock.lock();
+    Ended(run);
 }
 
 // A report for folder `key`: the paths whose next name there is `name` (any,
@@ -390,11 +413,13 @@ void FileWatcher::EnsureLane(Run& run, Role role) {
     for (size_t slot = 0; slot < 2; ++slot) {
         Run::Lane& lane = run.lanes[slot];
         if (lane.alive) continue;
+        // The thread that held the place has ended but for returning.
+        if (lane.thread.joinable()) lane.thread.join();
         lane = Run::Lane{};
         lane.role = role;
-        lane.alive = true;
         const std::shared_ptr<Run> shared = run.shared_from_this();
-        if (!StartThread(shared, [this, shared, slot] { Check(shared, slot); })) lane.alive = false;
+        lane.thread = StartThread(run, [this, shared, slot] { Check(shared, slot); });
+        lane.alive = lane.thread.joinable();
         return;
     }
     // Both lanes serve the other role; an idle one is handed over.
@@ -481,6 +506,7 @@ void FileWatcher::Check(std::shared_ptr<Run> shared, size_t slot) {
     }
     lane.alive = false;
     lane.checking = nullptr;
+    Ended(run);
 }
 
 }  // namespace Product::Integration::ConditionManager

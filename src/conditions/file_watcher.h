@@ -47,6 +47,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace Product::Integration::ConditionManager {
 
@@ -111,7 +112,9 @@ private:
 
     void Watch(std::shared_ptr<Run> run);
     void Check(std::shared_ptr<Run> run, size_t slot);
-    bool StartThread(const std::shared_ptr<Run>& run, std::function<void()> body);
+    std::thread StartThread(Run& run, std::function<void()> body);
+    void Ended(Run& run);
+    void End(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Run>& run);
 
     void Arm(Run& run, Path& path);
     void Disarm(Run& run, Path& path, size_t keep);
