@@ -87,6 +87,10 @@ struct FileWatcher::Run : std::enable_shared_from_this<Run> {
     Clock::time_point nextPoll;
 };
 
+FileWatcher::Watching FileWatcher::DefaultWatching() {
+    return os::kWatchHoldsFolders ? Watching::kPollOnly : Watching::kSystem;
+}
+
 FileWatcher::FileWatcher() : FileWatcher(Options{}) {}
 
 FileWatcher::FileWatcher(Options options) : options_(std::move(options)) {}

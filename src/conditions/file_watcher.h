@@ -16,8 +16,14 @@
 // queue, a coalesced report) make every concerned path be looked at again.
 //
 // Paths that cannot be watched (relative paths, network shares, a watch
-// that the system refuses, no notification source at all, or polling forced
+// that the system refuses, no notification source at all, or polling chosen
 // by the owner) are polled every `pollInterval` instead.
+//
+// On Windows polling is the default: a watch there holds its folder open, so
+// a deleted folder stays in place until the watch lets go, and deleting the
+// folder tree above a watched path fails meanwhile (seen under Wine, where
+// the watch is not even told of the deletion). Watching on Windows must not
+// become the default before that is solved.
 //
 // Checks never run on the watcher thread: they run on a check lane, a thread
 // started when there is something to check and ended after `laneIdle`
@@ -66,10 +72,12 @@ public:
     using ExistenceCheck = std::function<bool(const std::wstring& path)>;
 
     enum class Watching { kSystem, kPollOnly };
+    // kSystem where watches leave folders free to be deleted, else kPollOnly.
+    static Watching DefaultWatching();
 
     struct Options {
         ExistenceCheck check;  // os::PathExists when empty
-        Watching watching = Watching::kSystem;
+        Watching watching = DefaultWatching();
         std::chrono::milliseconds pollInterval{100};
         std::chrono::milliseconds slowCheck{100};
         std::chrono::milliseconds laneIdle{1000};

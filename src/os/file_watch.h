@@ -72,6 +72,11 @@ struct WatchablePath {
     std::vector<std::wstring> names;
 };
 
+// Whether a watch holds its folder open, so that a deleted folder stays in
+// place (and deleting the folder above it fails) until its watch ends: true
+// on Windows, where a folder is watched through a handle to it.
+extern const bool kWatchHoldsFolders;
+
 // Splits `path`; nullopt when its folders cannot be watched: a relative path
 // (its meaning follows the current directory), one with "." or ".." names,
 // a network path (UNC, or a drive letter mapped to a share), or no name

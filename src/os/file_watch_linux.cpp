@@ -161,6 +161,8 @@ std::unique_ptr<FolderWatch> FolderWatch::Open(std::wstring& error) {
     return std::make_unique<InotifyWatch>(inotify, wake);
 }
 
+const bool kWatchHoldsFolders = false;
+
 std::optional<WatchablePath> SplitWatchablePath(const std::wstring& path) {
     if (path.empty() || path[0] != L'/' || path.find(L'\0') != std::wstring::npos) return std::nullopt;
     WatchablePath split{L"/", {}};

@@ -177,6 +177,8 @@ std::unique_ptr<FolderWatch> FolderWatch::Open(std::wstring& error) {
     return std::make_unique<CompletionPortWatch>(port);
 }
 
+const bool kWatchHoldsFolders = true;
+
 std::optional<WatchablePath> SplitWatchablePath(const std::wstring& path) {
     if (path.find(L'\0') != std::wstring::npos) return std::nullopt;
     std::wstring rest = path;
