@@ -73,7 +73,8 @@ struct FileWatcher::Run : std::enable_shared_from_this<Run> {
 
     std::unique_ptr<os::FolderWatch> watch;  // null: every path is polled
     bool stop = false;
-    bool woken = false;  // for a watcher without a watch
+    bool woken = false;         // for a watcher without a watch
+    bool watcherIdle = false;   // the watcher thread waits without a time limit
     size_t threads = 0;  // started and not yet ended
     std::thread watcher;
     std::unordered_map<std::wstring, std::shared_ptr<Path>> paths;
@@ -275,8 +276,12 @@ void FileWatcher::Watch(std::shared_ptr<Run> shared) {
         std::optional<std::chrono::milliseconds> timeout;
         if (polling)
             timeout = std::chrono::ceil<std::chrono::milliseconds>(std::max(run.nextPoll - now, Clock::duration{}));
-        const bool checking = run.lanes[0].checking || run.lanes[1].checking;
+        // A check on the fast lane is timed, to rescue the lane if it sticks.
+        const bool checking = std::any_of(std::begin(run.lanes), std::end(run.lanes), [](const Run::Lane& lane) {
+            return lane.alive && lane.role == Role::kFast && lane.checking;
+        });
         if (checking) timeout = timeout ? std::min(*timeout, kRescueTick) : kRescueTick;
+        run.watcherIdle = !timeout;
 
         if (run.watch) {
             os::FolderWatch& watch = *run.watch;
@@ -483,7 +488,11 @@ void FileWatcher::Check(std::shared_ptr<Run> shared, size_t slot) {
         path->started = true;
         lane.checking = path.get();
         lane.since = Clock::now();
-        Wake(run);  // the watcher times this check
+        if (run.watcherIdle) {
+            // The watcher times this check.
+            run.watcherIdle = false;
+            Wake(run);
+        }
         lock.unlock();
         const bool exists = Exists(path->text);
         lock.lock();
