@@ -4,7 +4,8 @@
 // condition is told by the watcher shared by all file conditions of the
 // process (file_watcher.h), which looks at the path when the system reports
 // a change of its folders, or polls it every 100 ms where it cannot be
-// watched; it notifies when the answer flips. A change that comes and goes
+// watched (on Windows, for now, everywhere); it notifies when the answer
+// flips. A change that comes and goes
 // before the watcher looks may not be seen.
 #include <mutex>
 #include <string>
