@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <new>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -104,8 +105,11 @@ FileWatcher::~FileWatcher() {
 }
 
 FileWatcher& FileWatcher::Shared() {
-    // Leaked on purpose: no static destructor joins threads at process exit.
-    static FileWatcher* const shared = new FileWatcher();
+    // Built in static storage and never destroyed: no static destructor
+    // joins threads at process exit, and nothing is left on the heap when
+    // the module is unloaded (its threads end with the last client).
+    alignas(FileWatcher) static unsigned char storage[sizeof(FileWatcher)];
+    static FileWatcher* const shared = new (storage) FileWatcher();
     return *shared;
 }
 
