@@ -259,6 +259,9 @@ void FileWatcher::Watch(std::shared_ptr<Run> shared) {
     Run& run = *shared;
     std::unique_lock lock(mutex_);
     while (!run.stop) {
+        // A lane that ended for want of work is joined (it ends but for returning).
+        for (Run::Lane& lane : run.lanes)
+            if (!lane.alive && lane.thread.joinable()) lane.thread.join();
         for (const os::FolderWatch::Id id : run.toRemove)
             if (run.watch) run.watch->Remove(id);
         run.toRemove.clear();
@@ -523,6 +526,7 @@ void FileWatcher::Check(std::shared_ptr<Run> shared, size_t slot) {
     }
     lane.alive = false;
     lane.checking = nullptr;
+    Wake(run);  // to be joined
     Ended(run);
 }
 
