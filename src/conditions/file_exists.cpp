@@ -1,7 +1,6 @@
 #include "conditions/file_exists.h"
 
 #include "model/json_composed_serializer.h"
-#include "os/file_system.h"
 #include "plugin/log.h"
 #include "qv/status.h"
 
@@ -14,7 +13,7 @@ ConditionFileExists::~ConditionFileExists() { ConditionFileExists::Uninit(); }
 
 int32_t ConditionFileExists::Init(const InitData& data) {
     if (const int32_t status = ConditionBase::Init(data); status != 0) return status;
-    poller_.Unregister(this);
+    watcher_.Unregister(this);
     filePath_.clear();
     bool loaded = qv::JsonComposedSerializer::Load(DataOf(data.json), L"filePath", filePath_);
     // The system call would end the path at an embedded NUL and test what
@@ -26,28 +25,27 @@ int32_t ConditionFileExists::Init(const InitData& data) {
     }
     {
         std::lock_guard lock(lock_);
-        exists_ = os::PathExists(filePath_);
+        exists_ = watcher_.Exists(filePath_);
     }
-    if (!poller_.Register(this)) return qv::status::kFunctionFailed;
+    if (!watcher_.Register(this, filePath_)) return qv::status::kFunctionFailed;
     return loaded && !filePath_.empty() ? 0 : qv::status::kInvalidParameter;
 }
 
-void ConditionFileExists::Uninit() { poller_.Unregister(this); }
+void ConditionFileExists::Uninit() { watcher_.Unregister(this); }
 
 int32_t ConditionFileExists::GetState(bool* state, bool recompute) {
     if (!state) return qv::status::kInvalidParameter;
     std::lock_guard lock(lock_);
-    if (recompute) exists_ = os::PathExists(filePath_);
+    if (recompute) exists_ = watcher_.Exists(filePath_);
     *state = exists_;
     return 0;
 }
 
-void ConditionFileExists::Poll() {
-    const bool now = os::PathExists(filePath_);
+void ConditionFileExists::OnChecked(bool now) {
     std::lock_guard lock(lock_);
     if (now != exists_) {
         exists_ = now;
-        static_cast<void>(NotifyChanged(now));  // nobody to report to on the poller thread
+        static_cast<void>(NotifyChanged(now));  // nobody to report to on the watcher's thread
     }
 }
 

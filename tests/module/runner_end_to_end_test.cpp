@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -282,6 +283,24 @@ TEST_F(RunnerEndToEnd, NetworkRulesFollowAddressesAndTheDefaultRoute) {
     });
     if (outcome.result == network_test::ChildOutcome::Result::kSkipped) GTEST_SKIP() << outcome.report;
     EXPECT_EQ(outcome.result, network_test::ChildOutcome::Result::kPassed) << outcome.report;
+}
+#endif
+
+#if GTEST_HAS_DEATH_TEST
+// A host may end its process without freeing its rules' trees: the threads
+// that serve file conditions still alive must not keep the process from
+// ending. On Windows the system ends those threads before the module's
+// static objects are destroyed, so nothing may join them there; on Linux
+// they still run, and log, while static objects are destroyed.
+TEST_F(RunnerEndToEnd, TheProcessEndsWithFileConditionsAlive) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            auto* hosted = new HostedModule(settings_);  // never freed, as by such a host
+            if (hosted->Command(L"SetRules", RulesOver(watched_)) != 0) std::_Exit(3);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 #endif
 
