@@ -1,6 +1,7 @@
 #include "conditions/file_exists.h"
 
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
 #include "plugin/log.h"
 #include "qv/status.h"
 
@@ -39,6 +40,16 @@ int32_t ConditionFileExists::GetState(bool* state, bool recompute) {
     if (recompute) exists_ = watcher_.Exists(filePath_);
     *state = exists_;
     return 0;
+}
+
+Json::Value ConditionFileExists::Observed() {
+    Json::Value observed(Json::objectValue);
+    observed["path"] = os::WideToUtf8Lossy(filePath_);
+    observed["exists"] = watcher_.Exists(filePath_);
+    const FileWatcher::Serving serving = watcher_.HowServed(filePath_);
+    if (*serving.how) observed["how"] = serving.how;
+    if (!serving.folder.empty()) observed["folder"] = os::WideToUtf8Lossy(serving.folder);
+    return observed;
 }
 
 void ConditionFileExists::OnChecked(bool now) {

@@ -40,6 +40,9 @@ public:
     void Uninit() override;
     // With `recompute` tests the path again; 0.
     [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
+    // {"path": the path, "exists": a check made now, "how": "watched" (with
+    // "folder", the deepest folder watched for it), "polled" or "never"}
+    [[nodiscard]] Json::Value Observed() override;
 
 private:
     void OnChecked(bool exists) override;

@@ -14,6 +14,7 @@
 #include "os/file_system.h"
 #include "os/file_watch.h"
 #include "os/path.h"
+#include "os/thread_name.h"
 #include "plugin/log.h"
 
 namespace Product::Integration::ConditionManager {
@@ -130,7 +131,10 @@ bool FileWatcher::Register(Client* client, const std::wstring& text) {
                 logging::Log(logging::kWarning, kFunction,
                              L"No change notifications (%s); file paths are polled", error.c_str());
         }
-        run->watcher = StartThread(*run, [this, run] { Watch(run); });
+        run->watcher = StartThread(*run, [this, run] {
+            os::SetCurrentThreadName("cr:file-watch");
+            Watch(run);
+        });
         if (!run->watcher.joinable()) return false;
         run_ = std::move(run);
     }
@@ -214,6 +218,17 @@ size_t FileWatcher::PolledPathCount() const {
     if (!run_) return 0;
     return static_cast<size_t>(std::count_if(run_->paths.begin(), run_->paths.end(),
                                              [](const auto& entry) { return !entry.second->split; }));
+}
+
+FileWatcher::Serving FileWatcher::HowServed(const std::wstring& path) const {
+    std::lock_guard lock(mutex_);
+    if (!run_) return {};
+    const auto found = run_->paths.find(path);
+    if (found == run_->paths.end()) return {};
+    const Path& served = *found->second;
+    if (served.never) return {"never", {}};
+    if (served.Polled()) return {"polled", {}};
+    return {"watched", served.armed.empty() ? std::wstring() : served.armed.back()};
 }
 
 size_t FileWatcher::WatchedFolderCount() const {
@@ -434,7 +449,10 @@ void FileWatcher::EnsureLane(Run& run, Role role) {
         lane = Run::Lane{};
         lane.role = role;
         const std::shared_ptr<Run> shared = run.shared_from_this();
-        lane.thread = StartThread(run, [this, shared, slot] { Check(shared, slot); });
+        lane.thread = StartThread(run, [this, shared, slot] {
+            os::SetCurrentThreadName("cr:file-check");
+            Check(shared, slot);
+        });
         lane.alive = lane.thread.joinable();
         return;
     }

@@ -112,6 +112,13 @@ public:
     size_t PolledPathCount() const;
     // Folders watched through the system.
     size_t WatchedFolderCount() const;
+    // How `path` is looked at now: "watched" with the deepest folder watched
+    // for it, "polled", "never" (the empty path), or "" when nobody asks.
+    struct Serving {
+        const char* how = "";
+        std::wstring folder;
+    };
+    Serving HowServed(const std::wstring& path) const;
 
 private:
     struct Path;

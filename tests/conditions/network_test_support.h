@@ -255,7 +255,8 @@ inline Product::Integration::ConditionManager::SharedResolver::Options ResolverO
     using Product::Integration::ConditionManager::SharedResolver;
     SharedResolver::Options options;
     options.resolve = [names](const std::wstring& name) {
-        return names ? names->Resolve(name) : SharedResolver::ResolveByDns(name);
+        if (!names) return SharedResolver::ResolveByDns(name);
+        return names->Resolve(name) ? SharedResolver::Answer::kA : SharedResolver::Answer::kNone;
     };
     options.period = period;
     return options;
@@ -264,10 +265,10 @@ inline Product::Integration::ConditionManager::SharedResolver::Options ResolverO
 // Records the answers a resolver gives it; `during`, when set, runs inside the call.
 class ResolverAnswers final : public SharedResolver::Subscriber {
 public:
-    void OnResolved(bool resolves) override {
+    void OnResolved(const SharedResolver::Resolution& resolution) override {
         {
             std::lock_guard lock(mutex_);
-            answers_.push_back(resolves);
+            answers_.push_back(resolution.resolves());
         }
         changed_.notify_all();
         if (during) during();

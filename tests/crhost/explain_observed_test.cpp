@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host_process.h"
+#include "os/file_io.h"
 #include "os/utf8.h"
 #include "support/log_capture.h"
 #ifdef __linux__
@@ -79,6 +80,40 @@ TEST(CrHostExplainObserved, EachNodeShowsItsDataAndWhatItComparedAndMatched) {
     // The agent connection as last reported, and the value delivered so far.
     EXPECT_EQ(nodes[4]["observed"]["connected"], false) << nodes[4].toStyledString();
     EXPECT_EQ(nodes[4]["observed"]["state"], false);
+    EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
+}
+
+TEST(CrHostExplainObserved, AnAndOverTwoFileRulesNamesBothPathsAndWhichExists) {
+    testing_support::TempDir dir;
+    const std::wstring present = dir.File(L"present");
+    const std::wstring missing = dir.File(L"missing");
+    ASSERT_TRUE(os::OpenFile(present, L"wb"));
+    HostProcess host(Arguments(dir));
+    ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
+    const auto path = [](const std::wstring& file) { return Json::Value(os::WideToUtf8Lossy(file)); };
+    Json::Value condition = Parse(R"({"type":"boolean.AND","data":{"conditions":[
+        {"type":"Test.FileExists","data":{}},{"type":"Test.FileExists","data":{}}]}})");
+    condition["data"]["conditions"][0]["data"]["filePath"] = path(present);
+    condition["data"]["conditions"][1]["data"]["filePath"] = path(missing);
+    Json::Value action(Json::objectValue);
+    action["host"] = "explain";
+    action["condition"] = condition;
+    const Json::Value answer = host.Host(action);
+    ASSERT_EQ(answer["status"], 0) << answer.toStyledString();
+    EXPECT_EQ(answer["tree"]["state"], false);
+    const Json::Value& nodes = answer["tree"]["children"];
+    ASSERT_EQ(nodes.size(), 2u);
+    EXPECT_EQ(nodes[0]["observed"]["path"], path(present));
+    EXPECT_EQ(nodes[0]["observed"]["exists"], true);
+    EXPECT_EQ(nodes[0]["state"], true);
+    EXPECT_EQ(nodes[1]["observed"]["path"], path(missing));
+    EXPECT_EQ(nodes[1]["observed"]["exists"], false);
+    EXPECT_EQ(nodes[1]["state"], false);
+    // Each says how it is looked at: watched through a folder, or polled.
+    for (const Json::Value& node : nodes) {
+        const std::string how = node["observed"]["how"].asString();
+        EXPECT_TRUE(how == "watched" || how == "polled") << node.toStyledString();
+    }
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }
 

@@ -1,6 +1,8 @@
 #include "conditions/network/can_resolve_host.h"
 
 #include "model/json_composed_serializer.h"
+#include "os/utf8.h"
+#include "os/wall_time.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -73,15 +75,27 @@ int32_t ConditionCanResolveHost::OnNetworkStateChanged() {
     return 0;
 }
 
-void ConditionCanResolveHost::OnResolved(bool resolves) {
+void ConditionCanResolveHost::OnResolved(const SharedResolver::Resolution& resolution) {
+    const bool resolves = resolution.resolves();
     {
         std::lock_guard lock(mutex_);
+        last_ = resolution;
         if (value_ == resolves) return;
         value_ = resolves;
     }
     // Answers come one at a time, so each flip is notified once and in order.
     logging::Log(logging::kDetail, kOnResolved, L"[%s] resolves: %s", hostName_.c_str(), resolves ? L"TRUE" : L"FALSE");
     static_cast<void>(NotifyChanged(resolves));
+}
+
+Json::Value ConditionCanResolveHost::Observed() {
+    std::lock_guard lock(mutex_);
+    Json::Value observed(Json::objectValue);
+    observed["name"] = os::WideToUtf8Lossy(hostName_);
+    observed["resolves"] = value_;
+    observed["answeredBy"] = last_ ? Json::Value(SharedResolver::AnswerName(last_->answer)) : Json::Value();
+    observed["askedAt"] = last_ ? Json::Value(os::Iso8601Utc(last_->askedAt)) : Json::Value();
+    return observed;
 }
 
 }  // namespace Product::Integration::ConditionManager

@@ -24,6 +24,7 @@
 // provider's listener thread.
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "conditions/condition_base.h"
@@ -59,14 +60,19 @@ public:
     [[nodiscard]] int32_t GetState(bool* state, bool recompute) override;
     // Asks the name again and returns at once.
     [[nodiscard]] int32_t OnNetworkStateChanged() override;
+    // {"name": the host name, "resolves": the value, "answeredBy": "A",
+    //  "AAAA" or "none", "askedAt": when the last answer's question was
+    //  asked} ("answeredBy" and "askedAt" null before the first answer)
+    [[nodiscard]] Json::Value Observed() override;
 
 private:
-    void OnResolved(bool resolves) override;
+    void OnResolved(const SharedResolver::Resolution& resolution) override;
 
     SharedResolver& resolver_;
     std::wstring hostName_;
-    std::mutex mutex_;  // guards value_
+    std::mutex mutex_;  // guards value_ and last_
     bool value_ = false;
+    std::optional<SharedResolver::Resolution> last_;  // the last answer
     bool started_ = false;
     bool subscribed_ = false;
     bool asking_ = false;  // subscribed to the resolver

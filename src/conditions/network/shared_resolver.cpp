@@ -43,8 +43,19 @@ SharedResolver::~SharedResolver() {
     JoinEnded();
 }
 
-bool SharedResolver::ResolveByDns(const std::wstring& name) {
-    return os::HasDnsRecord(name, os::DnsRecordType::kA) || os::HasDnsRecord(name, os::DnsRecordType::kAAAA);
+SharedResolver::Answer SharedResolver::ResolveByDns(const std::wstring& name) {
+    if (os::HasDnsRecord(name, os::DnsRecordType::kA)) return Answer::kA;
+    if (os::HasDnsRecord(name, os::DnsRecordType::kAAAA)) return Answer::kAAAA;
+    return Answer::kNone;
+}
+
+const char* SharedResolver::AnswerName(Answer answer) noexcept {
+    switch (answer) {
+        case Answer::kA: return "A";
+        case Answer::kAAAA: return "AAAA";
+        case Answer::kNone: break;
+    }
+    return "none";
 }
 
 SharedResolver& SharedResolver::Shared() {
@@ -180,7 +191,9 @@ void SharedResolver::Ask(std::unique_lock<std::mutex>& lock, Names::iterator ent
     const std::wstring& name = entry->first;
     Name& asked = entry->second;
     lock.unlock();
-    const bool resolves = resolve_(name);
+    Resolution resolution;
+    resolution.askedAt = std::chrono::system_clock::now();
+    resolution.answer = resolve_(name);
     lock.lock();
     asked.delivering = true;
     const std::vector<Subscriber*> receivers = asked.subscribers;
@@ -191,7 +204,7 @@ void SharedResolver::Ask(std::unique_lock<std::mutex>& lock, Names::iterator ent
         calling_.insert(subscriber);
         lock.unlock();
         calledHere = subscriber;
-        subscriber->OnResolved(resolves);
+        subscriber->OnResolved(resolution);
         calledHere = nullptr;
         lock.lock();
         calling_.erase(subscriber);

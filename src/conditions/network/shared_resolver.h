@@ -69,18 +69,28 @@ namespace Product::Integration::ConditionManager {
 
 class SharedResolver {
 public:
+    // What one question found: no record, or the record that answered.
+    enum class Answer : uint8_t { kNone, kA, kAAAA };
+    // The answer of one question and when it was asked.
+    struct Resolution {
+        Answer answer = Answer::kNone;
+        std::chrono::system_clock::time_point askedAt;
+        bool resolves() const noexcept { return answer != Answer::kNone; }
+    };
+
     // What the resolver calls; implemented by the host-resolution conditions.
     class Subscriber {
     public:
         // The answer of one question about the subscriber's name.
-        virtual void OnResolved(bool resolves) = 0;
+        virtual void OnResolved(const Resolution& resolution) = 0;
 
     protected:
         ~Subscriber() = default;
     };
 
-    // Whether a name resolves; called on pool threads, may block for long.
-    using ResolveFunction = std::function<bool(const std::wstring& name)>;
+    // Whether a name resolves, and through which record; called on pool
+    // threads, may block for long.
+    using ResolveFunction = std::function<Answer(const std::wstring& name)>;
 
     enum class Reason : bool { kValueRequest, kNetworkChanged };
 
@@ -106,7 +116,9 @@ public:
     // exit the threads may be gone already, and a join would never return).
     static SharedResolver& Shared();
     // The shared instance's question: an A record, or failing that an AAAA one.
-    static bool ResolveByDns(const std::wstring& name);
+    static Answer ResolveByDns(const std::wstring& name);
+    // "A", "AAAA" or "none".
+    static const char* AnswerName(Answer answer) noexcept;
 
     // Adds `subscriber` for `name` and asks the name (see above). False when
     // the subscriber is already registered, or when no thread could be
