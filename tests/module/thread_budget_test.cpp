@@ -13,6 +13,7 @@
 
 #include "hosted_module.h"
 #include "os/process_info.h"
+#include "os/thread_name.h"
 #include "os/utf8.h"
 #include "support/log_capture.h"
 #include "support/waiting.h"
@@ -64,6 +65,13 @@ size_t SettledThreadCount() {
     return last;
 }
 
+// The process's threads by name, for a failure message.
+std::string ThreadNames() {
+    std::string names;
+    for (const os::ThreadInfo& thread : os::ProcessThreads()) names += (names.empty() ? "" : ", ") + thread.name;
+    return names;
+}
+
 TEST(ModuleThreads, StayFewWhateverTheNumberOfRules) {
     testing_support::LogCapture capture;  // the module's log lines stay out of the test's output
     testing_support::TempDir dir;
@@ -77,9 +85,9 @@ TEST(ModuleThreads, StayFewWhateverTheNumberOfRules) {
     ASSERT_EQ(hosted.Command(L"SetRules", Rules(1000, 100, 20, dir)), 0);
     const size_t many = SettledThreadCount() - before;
 
-    EXPECT_LE(many, kThreadBudget) << "with one rule of each kind: " << few;
+    EXPECT_LE(many, kThreadBudget) << "with one rule of each kind: " << few << "; threads: " << ThreadNames();
     // A few threads may come and go with queries in flight; not one per rule.
-    EXPECT_LE(many, few + 3) << "with one rule of each kind: " << few;
+    EXPECT_LE(many, few + 3) << "with one rule of each kind: " << few << "; threads: " << ThreadNames();
 }
 
 }  // namespace

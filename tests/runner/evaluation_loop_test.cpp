@@ -19,6 +19,7 @@
 namespace {
 
 using Product::Integration::ConditionalRunner::EvaluationLoop;
+using Product::Integration::ConditionalRunner::EvaluationTrigger;
 using Product::Integration::ConditionalRunner::EvalWaits;
 using Product::Integration::ConditionalRunner::PostponeSettings;
 using Product::Integration::ConditionalRunner::RunnerSignals;
