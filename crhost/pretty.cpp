@@ -81,6 +81,21 @@ std::string Event(const Json::Value& line) {
     return text + "\n";
 }
 
+// One line per evaluation of a "history" answer.
+void DrawHistory(const Json::Value& evaluations, std::string& out) {
+    for (const Json::Value& evaluation : evaluations) {
+        std::string line = "  " + ClockTime(evaluation["time"]) + " " + Listed(evaluation["triggers"]) + ": true " +
+                           Listed(evaluation["trueRules"]);
+        for (const Json::Value& run : evaluation["runs"])
+            line += "; ran " + run["methodSetId"].asString() + " (" + Listed(run["rules"]) + ") -> " +
+                    Compact(run["status"]);
+        for (const Json::Value& rule : evaluation["notRun"])
+            line += "; not run " + rule["ruleId"].asString() + ": " + rule["reason"].asString();
+        if (evaluation.isMember("retryAt")) line += "; retry at " + ClockTime(evaluation["retryAt"]);
+        out += line + "\n";
+    }
+}
+
 std::string Answer(const Json::Value& answer) {
     const bool isMethod = answer.isMember("method");
     std::string text = "#" + (answer["id"].isString() ? answer["id"].asString() : Compact(answer["id"])) + " " +
@@ -96,6 +111,10 @@ std::string Answer(const Json::Value& answer) {
     text += "\n";
     if (answer.isMember("tree")) {
         DrawTree(answer["tree"], "  ", text);
+        return text;
+    }
+    if (answer.isMember("evaluations") && answer["evaluations"].isArray()) {
+        DrawHistory(answer["evaluations"], text);
         return text;
     }
     for (const std::string& name : answer.getMemberNames()) {
