@@ -64,12 +64,16 @@ protected:
 
 TEST_F(CrHostProcessExit, EndsPromptlyWhileTheModuleStillRuns) {
     const std::wstring file = dir_.File(L"flag");
-    // Objects left alive on purpose are no leak; and LeakSanitizer's own
-    // check, run while the module's threads come and go, may crash itself.
-    const std::optional<std::wstring> sanitizerOptions = os::GetEnv(L"ASAN_OPTIONS");
-    os::SetEnv(L"ASAN_OPTIONS", sanitizerOptions.value_or(L"") + L":detect_leaks=0");
+    // Objects and threads left alive on purpose are no leak; and
+    // LeakSanitizer's own check, run while the module's threads come and go,
+    // may crash itself.
+    const std::optional<std::wstring> asanOptions = os::GetEnv(L"ASAN_OPTIONS");
+    const std::optional<std::wstring> tsanOptions = os::GetEnv(L"TSAN_OPTIONS");
+    os::SetEnv(L"ASAN_OPTIONS", asanOptions.value_or(L"") + L":detect_leaks=0");
+    os::SetEnv(L"TSAN_OPTIONS", tsanOptions.value_or(L"") + L":report_thread_leaks=0");
     HostProcess host(Arguments());
-    os::SetEnv(L"ASAN_OPTIONS", sanitizerOptions);
+    os::SetEnv(L"ASAN_OPTIONS", asanOptions);
+    os::SetEnv(L"TSAN_OPTIONS", tsanOptions);
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
     ASSERT_NO_FATAL_FAILURE(StartEverything(host, file));
     // The method set's run is under way, and the file flips so that the

@@ -12,7 +12,6 @@
 #include <json/value.h>
 
 #include "hosted_module.h"
-#include "os/process_info.h"
 #include "os/thread_name.h"
 #include "os/utf8.h"
 #include "support/log_capture.h"
@@ -25,7 +24,9 @@ using module_test::NetworkSource;
 using testing_support::ParseJson;
 using namespace std::chrono_literals;
 
-// The module may have this many threads of its own at most, whatever its rules.
+// The module may have this many threads of its own at most, whatever its
+// rules (with no file check slow and no method set running: those add a
+// check lane and a run thread for as long as they last).
 constexpr size_t kThreadBudget = 8;
 
 std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8Lossy(text)).toStyledString(); }
@@ -53,12 +54,19 @@ std::string Rules(size_t network, size_t files, size_t names, const testing_supp
     return R"({"rules":[)" + rules + "]}";
 }
 
-// The process's threads once the count has stopped changing for a moment.
+// The module's own threads: it names each "cr:<what>".
+size_t ModuleThreadCount() {
+    size_t count = 0;
+    for (const os::ThreadInfo& thread : os::ProcessThreads()) count += thread.name.rfind("cr:", 0) == 0;
+    return count;
+}
+
+// The module's threads once their count has stopped changing for a moment.
 size_t SettledThreadCount() {
-    size_t last = os::ProcessThreadCount();
+    size_t last = ModuleThreadCount();
     for (int quiet = 0, round = 0; quiet < 5 && round < 100; ++round) {
         std::this_thread::sleep_for(20ms);
-        const size_t now = os::ProcessThreadCount();
+        const size_t now = ModuleThreadCount();
         quiet = now == last ? quiet + 1 : 0;
         last = now;
     }
@@ -75,15 +83,17 @@ std::string ThreadNames() {
 TEST(ModuleThreads, StayFewWhateverTheNumberOfRules) {
     testing_support::LogCapture capture;  // the module's log lines stay out of the test's output
     testing_support::TempDir dir;
-    const size_t before = SettledThreadCount();
-    ASSERT_GT(before, 0u) << "the system does not tell the number of threads";
     HostedModule hosted(dir.File(L"settings.json"), NetworkSource::kModule);
     ASSERT_EQ(hosted.Command(L"SetMethodSet", R"({"id":"M","displayName":"","methods":[]})"), 0);
+    // The evaluation thread runs from the start: without its name the
+    // system cannot name threads, and the module's cannot be told apart.
+    if (ThreadNames().find("cr:eval") == std::string::npos)
+        GTEST_SKIP() << "the system does not name threads: " << ThreadNames();
 
     ASSERT_EQ(hosted.Command(L"SetRules", Rules(1, 1, 1, dir)), 0);
-    const size_t few = SettledThreadCount() - before;
+    const size_t few = SettledThreadCount();
     ASSERT_EQ(hosted.Command(L"SetRules", Rules(1000, 100, 20, dir)), 0);
-    const size_t many = SettledThreadCount() - before;
+    const size_t many = SettledThreadCount();
 
     EXPECT_LE(many, kThreadBudget) << "with one rule of each kind: " << few << "; threads: " << ThreadNames();
     // A few threads may come and go with queries in flight; not one per rule.
