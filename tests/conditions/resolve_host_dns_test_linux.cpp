@@ -134,18 +134,11 @@ TEST(CanResolveHostDns, AServerThatNeverAnswersDelaysNoCaller) {
             char dirTemplate[] = "/tmp/cr-dns-XXXXXX";
             const char* dir = ::mkdtemp(dirTemplate);
             if (!dir) return std::string("mkdtemp failed\n");
-            const std::string resolv = std::string(dir) + "/resolv.conf";
-            std::string failures = Write(resolv, "nameserver 127.0.0.1\noptions timeout:3 attempts:1\n") +
-                                   network_test::Shell("ip link set lo up");
-            if (::mount(resolv.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
-                return failures + "cannot bind the resolver configuration: " + std::strerror(errno) + "\n";
-            const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
-            sockaddr_in address{};
-            address.sin_family = AF_INET;
-            address.sin_port = htons(53);
-            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            if (silent < 0 || ::bind(silent, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-                return failures + "cannot bind 127.0.0.1:53: " + std::strerror(errno) + "\n";
+            std::string failures =
+                network_test::UseResolverConfiguration(dir, "nameserver 127.0.0.1\noptions timeout:3 attempts:1\n");
+            if (!failures.empty()) return failures;
+            const int silent = network_test::BindSilentDnsServer(failures);
+            if (silent < 0) return failures;
             const auto quick = [](const std::function<void()>& step) {
                 const auto start = std::chrono::steady_clock::now();
                 step();

@@ -36,18 +36,11 @@ constexpr const char* kResolveRules = R"({"rules":[
   {"id":"r2","displayName":"two","methodSetId":"M","matchIf":{"type":"network.canResolveHost","data":{"address":"two.test"}}}]})";
 
 std::string ScenarioWithSilentServer(const std::string& dir) {
-    const std::string resolv = dir + "/resolv.conf";
-    std::ofstream(resolv) << "nameserver 127.0.0.1\noptions timeout:3 attempts:1\n";
-    std::string failures = network_test::Shell("ip link set lo up");
-    if (::mount(resolv.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
-        return failures + "cannot bind the resolver configuration: " + std::strerror(errno) + "\n";
-    const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(53);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (silent < 0 || ::bind(silent, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return failures + "cannot bind 127.0.0.1:53: " + std::strerror(errno) + "\n";
+    std::string failures =
+        network_test::UseResolverConfiguration(dir, "nameserver 127.0.0.1\noptions timeout:3 attempts:1\n");
+    if (!failures.empty()) return failures;
+    const int silent = network_test::BindSilentDnsServer(failures);
+    if (silent < 0) return failures;
 
     const std::wstring state = os::Utf8ToWideLossy(dir + "/state.json"), log = os::Utf8ToWideLossy(dir + "/log.txt");
     HostProcess host({L"--state", state, L"--log", log});
@@ -118,11 +111,9 @@ size_t SettledThreads() {
 }
 
 std::string ScenarioWithUnreachableServer(const std::string& dir) {
-    const std::string resolv = dir + "/resolv.conf";
-    std::ofstream(resolv) << "nameserver 127.0.0.1\n";  // nothing listens: every question fails at once
-    std::string failures = network_test::Shell("ip link set lo up");
-    if (::mount(resolv.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
-        return failures + "cannot bind the resolver configuration: " + std::strerror(errno) + "\n";
+    // Nothing listens: every question fails at once.
+    std::string failures = network_test::UseResolverConfiguration(dir, "nameserver 127.0.0.1\n");
+    if (!failures.empty()) return failures;
     const std::wstring state = os::Utf8ToWideLossy(dir + "/state.json"), log = os::Utf8ToWideLossy(dir + "/log.txt");
     HostProcess host({L"--state", state, L"--log", log});
     if (!host.Started()) return failures + "cannot start cr-host\n";

@@ -1,6 +1,9 @@
 #include "support/namespace_support_linux.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 
 namespace network_test {
 namespace {
@@ -88,6 +92,29 @@ std::string Shell(const std::string& command) {
     const int status = ::pclose(pipe);
     if (status == 0) return "";
     return "failed: " + command + ": " + output + "\n";
+}
+
+std::string UseResolverConfiguration(const std::string& dir, const std::string& resolvConf) {
+    const std::string resolv = dir + "/resolv.conf";
+    std::ofstream(resolv) << resolvConf;
+    std::string failures = Shell("ip link set lo up");
+    if (::mount(resolv.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
+        failures += std::string("cannot bind the resolver configuration: ") + std::strerror(errno) + "\n";
+    return failures;
+}
+
+int BindSilentDnsServer(std::string& failures) {
+    const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(53);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (silent < 0 || ::bind(silent, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        failures += std::string("cannot bind 127.0.0.1:53: ") + std::strerror(errno) + "\n";
+        if (silent >= 0) ::close(silent);
+        return -1;
+    }
+    return silent;
 }
 
 }  // namespace network_test

@@ -28,4 +28,14 @@ ChildOutcome RunInPrivateNetworkNamespace(const std::function<std::string()>& sc
 // naming it and its output.
 std::string Shell(const std::string& command);
 
+// In a child with private mounts: writes `resolvConf` to `dir`/resolv.conf
+// and binds it over /etc/resolv.conf (loopback brought up first). "" when
+// done, else the failures, one per line.
+std::string UseResolverConfiguration(const std::string& dir, const std::string& resolvConf);
+
+// A DNS server that takes questions and never answers: a UDP socket bound to
+// 127.0.0.1:53 that nobody reads. Its descriptor (close it when done), or -1
+// with the reason added to `failures`.
+int BindSilentDnsServer(std::string& failures);
+
 }  // namespace network_test
