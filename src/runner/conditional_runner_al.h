@@ -176,6 +176,9 @@ private:
     // The ids of the rules whose condition says true now (cached), for a
     // pass that runs nothing.
     std::vector<std::wstring> TrueRuleIds();
+    // The ids of the rules of `trueEntries`, shared with the last pass that
+    // found the same rules true.
+    std::shared_ptr<const std::vector<std::wstring>> TrueIds(const std::vector<LastRun::Installed>& trueEntries);
     // Keeps `record` in the history, notRun filled with `reason` for each of `ids`.
     void Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids, NotRunReason reason);
     static int32_t GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
@@ -218,6 +221,8 @@ private:
     std::atomic<bool> transactionInProgress_{false};
     ConditionManager::ConditionQueue eventQueue_;
     EvaluationHistory history_;
+    std::vector<uint64_t> trueSerials_;                          // the serials TrueIds last listed
+    std::shared_ptr<const std::vector<std::wstring>> trueIds_;  // their ids
     std::atomic<int64_t> retryAtMs_{0};  // wall-clock ms of a retry scheduled; 0: none
 };
 

@@ -23,7 +23,7 @@ Json::Value RecordJson(const EvaluationRecord& record) {
     Json::Value& triggers = entry["triggers"] = Json::Value(Json::arrayValue);
     for (EvaluationTrigger trigger : kTriggers)
         if (record.triggers & static_cast<uint32_t>(trigger)) triggers.append(TriggerName(trigger));
-    entry["trueRules"] = Ids(record.trueRules);
+    entry["trueRules"] = record.trueRules ? Ids(*record.trueRules) : Json::Value(Json::arrayValue);
     Json::Value& runs = entry["runs"] = Json::Value(Json::arrayValue);
     for (const EvaluationRecord::MethodSetRun& run : record.runs) {
         Json::Value item(Json::objectValue);
@@ -39,6 +39,14 @@ Json::Value RecordJson(const EvaluationRecord& record) {
         item["ruleId"] = os::WideToUtf8Lossy(rule.ruleId);
         item["reason"] = NotRunReasonText(rule.reason);
         notRun.append(item);
+    }
+    if (record.trueRulesUnchanged && record.trueRules) {
+        for (const std::wstring& id : *record.trueRules) {
+            Json::Value item(Json::objectValue);
+            item["ruleId"] = os::WideToUtf8Lossy(id);
+            item["reason"] = NotRunReasonText(NotRunReason::kUnchanged);
+            notRun.append(item);
+        }
     }
     if (record.retryAt) entry["retryAt"] = os::Iso8601Utc(*record.retryAt);
     return entry;

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -56,9 +57,13 @@ struct EvaluationRecord {
 
     std::chrono::system_clock::time_point when;
     uint32_t triggers = 0;  // EvaluationTrigger bits
-    std::vector<std::wstring> trueRules;
+    // Shared by the records of passes that found the same rules true, so
+    // that a run of quiet passes costs one list (null: none).
+    std::shared_ptr<const std::vector<std::wstring>> trueRules;
+    // Every true rule did not run: the same rules as at the last run.
+    bool trueRulesUnchanged = false;
     std::vector<MethodSetRun> runs;
-    std::vector<RuleNotRun> notRun;
+    std::vector<RuleNotRun> notRun;  // besides the unchanged ones
     std::optional<std::chrono::system_clock::time_point> retryAt;
 };
 

@@ -1,5 +1,6 @@
 // One evaluation pass: which rules are true, whether that changed since the
 // last run, and the method-set runs that follow.
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -186,6 +187,24 @@ std::vector<std::wstring> ConditionalRunnerAL::TrueRuleIds() {
     return ids;
 }
 
+std::shared_ptr<const std::vector<std::wstring>> ConditionalRunnerAL::TrueIds(
+    const std::vector<LastRun::Installed>& trueEntries) {
+    // A serial names one installed rule for good: equal serials, equal ids.
+    const bool same = trueIds_ && trueSerials_.size() == trueEntries.size() &&
+                      std::equal(trueEntries.begin(), trueEntries.end(), trueSerials_.begin(),
+                                 [](const LastRun::Installed& entry, uint64_t serial) { return entry.serial == serial; });
+    if (same) return trueIds_;
+    auto ids = std::make_shared<std::vector<std::wstring>>();
+    ids->reserve(trueEntries.size());
+    trueSerials_.clear();
+    for (const LastRun::Installed& entry : trueEntries) {
+        ids->push_back((*entry.rule)->rule().id);
+        trueSerials_.push_back(entry.serial);
+    }
+    trueIds_ = std::move(ids);
+    return trueIds_;
+}
+
 void ConditionalRunnerAL::Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids,
                                    NotRunReason reason) {
     for (const std::wstring& id : ids) record.notRun.push_back(EvaluationRecord::RuleNotRun{id, reason});
@@ -220,16 +239,15 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     const std::vector<TrueRule> trueRules = CollectTrueRules(invalidateCache, unknownMethodSet);
     std::vector<LastRun::Installed> trueEntries;
     trueEntries.reserve(trueRules.size());
-    for (const TrueRule& trueRule : trueRules) {
-        trueEntries.push_back(trueRule.installed);
-        record.trueRules.push_back((*trueRule.installed.rule)->rule().id);
-    }
+    for (const TrueRule& trueRule : trueRules) trueEntries.push_back(trueRule.installed);
+    record.trueRules = TrueIds(trueEntries);
     for (const std::wstring& id : unknownMethodSet)
         record.notRun.push_back(EvaluationRecord::RuleNotRun{id, NotRunReason::kMethodSetUnknown});
     // The same rules true in the same order as at the last run: nothing to do.
     if (lastRun_.Matches(trueEntries)) {
         logging::Log(logging::kDetail, kReEvalRules, L"Nothing changed from the last run");
-        Remember(record, record.trueRules, NotRunReason::kUnchanged);
+        record.trueRulesUnchanged = true;
+        history_.Record(std::move(record));
         return 0;
     }
 
