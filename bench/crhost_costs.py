@@ -284,8 +284,19 @@ def resolve_rule(i, name):
 
 # --- scenarios ------------------------------------------------------------------
 
-def settle(seconds=3.0):
-    """Lets the first evaluation (one second of quiet) and its run pass."""
+def settle(seconds=3.0, host=None):
+    """Lets the first evaluation and its run pass. With `host`, waits (up to
+    30 s) until its status says no evaluation is pending or due, then
+    `seconds` more, so that threads that end when idle have ended."""
+    if host is not None:
+        deadline = time.monotonic() + 30
+        while time.monotonic() < deadline:
+            answer = host.call({"host": "status"})[0] or {}
+            evaluation = answer.get("evaluation", {})
+            if answer.get("status") == 0 and not evaluation.get("evaluationPending") \
+                    and evaluation.get("evaluationDueAt") is None and evaluation.get("lastEvaluation"):
+                break
+            time.sleep(0.2)
     time.sleep(seconds)
 
 
@@ -320,7 +331,7 @@ def scenario_idle_files(args):
     """Ten file rules on local paths, nothing changing: wake-ups per second."""
     with Session(args.crhost) as s:
         s.set_rules([file_rule(i, s.folder) for i in range(10)])
-        settle()
+        settle(2.0, s.host)
         window = Window(s.host.pid)
         time.sleep(args.window_seconds)
         return window.close()
