@@ -171,8 +171,10 @@ private:
     using RulesOfRun = std::map<const MethodRunData*, std::vector<const Rule*>>;
 
     // The phases of a pass, under the lock. The true rules whose method set
-    // is unknown go to `unknownMethodSet`.
-    std::vector<TrueRule> CollectTrueRules(bool invalidateCache, std::vector<std::wstring>& unknownMethodSet);
+    // is unknown are counted in `unknownCount`, the first of them (as many as
+    // the history lists) go to `unknownMethodSet`.
+    std::vector<TrueRule> CollectTrueRules(bool invalidateCache, std::vector<std::wstring>& unknownMethodSet,
+                                           size_t& unknownCount);
     // The ids of the rules whose condition says true now (cached), for a
     // pass that runs nothing.
     std::vector<std::wstring> TrueRuleIds();

@@ -24,6 +24,9 @@ Json::Value RecordJson(const EvaluationRecord& record) {
     for (EvaluationTrigger trigger : kTriggers)
         if (record.triggers & static_cast<uint32_t>(trigger)) triggers.append(TriggerName(trigger));
     entry["trueRules"] = record.trueRules ? Ids(*record.trueRules) : Json::Value(Json::arrayValue);
+    entry["trueRuleCount"] = static_cast<Json::UInt64>(record.trueRuleCount);
+    entry["notRunCount"] =
+        static_cast<Json::UInt64>(record.notRunCount + (record.trueRulesUnchanged ? record.trueRuleCount : 0));
     Json::Value& runs = entry["runs"] = Json::Value(Json::arrayValue);
     for (const EvaluationRecord::MethodSetRun& run : record.runs) {
         Json::Value item(Json::objectValue);
@@ -42,6 +45,7 @@ Json::Value RecordJson(const EvaluationRecord& record) {
     }
     if (record.trueRulesUnchanged && record.trueRules) {
         for (const std::wstring& id : *record.trueRules) {
+            if (notRun.size() >= EvaluationHistory::kListedRules) break;
             Json::Value item(Json::objectValue);
             item["ruleId"] = os::WideToUtf8Lossy(id);
             item["reason"] = NotRunReasonText(NotRunReason::kUnchanged);

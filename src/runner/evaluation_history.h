@@ -4,7 +4,10 @@
 // for it, which rules were true, each method set run with its results, each
 // true rule that did not run and why, and a retry it scheduled.
 //
-// Bounded: the oldest record goes when a record beyond kCapacity comes.
+// Bounded: the oldest record goes when a record beyond kCapacity comes, and
+// a record keeps at most kListedRules ids of each list (the first ones) with
+// the list's length, so that the history costs the same with 10,000 rules
+// as with 100.
 // Nothing here is persisted; a restart begins a new history.
 //
 // Thread rules: Record on the evaluation thread, ToJson from any thread;
@@ -57,23 +60,27 @@ struct EvaluationRecord {
 
     std::chrono::system_clock::time_point when;
     uint32_t triggers = 0;  // EvaluationTrigger bits
-    // Shared by the records of passes that found the same rules true, so
-    // that a run of quiet passes costs one list (null: none).
+    // The first kListedRules true rules, shared by the records of passes
+    // that found the same rules true (null: none), and how many there were.
     std::shared_ptr<const std::vector<std::wstring>> trueRules;
+    size_t trueRuleCount = 0;
     // Every true rule did not run: the same rules as at the last run.
     bool trueRulesUnchanged = false;
     std::vector<MethodSetRun> runs;
-    std::vector<RuleNotRun> notRun;  // besides the unchanged ones
+    std::vector<RuleNotRun> notRun;  // besides the unchanged ones; the first kListedRules
+    size_t notRunCount = 0;          // of notRun, before it was cut
     std::optional<std::chrono::system_clock::time_point> retryAt;
 };
 
 class EvaluationHistory {
 public:
     static constexpr size_t kCapacity = 100;
+    static constexpr size_t kListedRules = 100;
 
     void Record(EvaluationRecord record);
     // Oldest first:
     //   [{"time", "triggers": ["conditionChange", ...], "trueRules": [ids],
+    //     "trueRuleCount", "notRunCount" (also the ones not listed),
     //     "runs": [{"methodSetId", "rules": [ids], "status", "response"}],
     //     "notRun": [{"ruleId", "reason"}], "retryAt"?}]
     Json::Value ToJson() const;

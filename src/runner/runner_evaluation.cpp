@@ -56,7 +56,7 @@ int32_t ConditionalRunnerAL::MakeRequest(const std::wstring& methodSetId, std::w
 }
 
 std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules(
-    bool invalidateCache, std::vector<std::wstring>& unknownMethodSet) {
+    bool invalidateCache, std::vector<std::wstring>& unknownMethodSet, size_t& unknownCount) {
     // Nothing is copied until the pass knows that something changed.
     std::vector<TrueRule> trueRules;
     trueRules.reserve(rules_.size());
@@ -75,7 +75,7 @@ std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules
         if (!entry.methodSet) {
             logging::Log(logging::kDetail, kReEvalRules, L"method (%s) was not found",
                          entry.rule->rule().methodSetId.c_str());
-            unknownMethodSet.push_back(entry.rule->rule().id);
+            if (unknownCount++ < EvaluationHistory::kListedRules) unknownMethodSet.push_back(entry.rule->rule().id);
             continue;
         }
         trueRules.push_back(TrueRule{LastRun::Installed{&entry.rule, entry.serial}, entry.methodSet});
@@ -189,17 +189,19 @@ std::vector<std::wstring> ConditionalRunnerAL::TrueRuleIds() {
 
 std::shared_ptr<const std::vector<std::wstring>> ConditionalRunnerAL::TrueIds(
     const std::vector<LastRun::Installed>& trueEntries) {
-    // A serial names one installed rule for good: equal serials, equal ids.
-    const bool same = trueIds_ && trueSerials_.size() == trueEntries.size() &&
-                      std::equal(trueEntries.begin(), trueEntries.end(), trueSerials_.begin(),
-                                 [](const LastRun::Installed& entry, uint64_t serial) { return entry.serial == serial; });
+    // Only the first rules are listed. A serial names one installed rule for
+    // good: equal serials, equal ids.
+    const size_t listed = std::min(trueEntries.size(), EvaluationHistory::kListedRules);
+    const bool same = trueIds_ && trueSerials_.size() == listed &&
+                      std::equal(trueSerials_.begin(), trueSerials_.end(), trueEntries.begin(),
+                                 [](uint64_t serial, const LastRun::Installed& entry) { return entry.serial == serial; });
     if (same) return trueIds_;
     auto ids = std::make_shared<std::vector<std::wstring>>();
-    ids->reserve(trueEntries.size());
+    ids->reserve(listed);
     trueSerials_.clear();
-    for (const LastRun::Installed& entry : trueEntries) {
-        ids->push_back((*entry.rule)->rule().id);
-        trueSerials_.push_back(entry.serial);
+    for (size_t i = 0; i < listed; ++i) {
+        ids->push_back((*trueEntries[i].rule)->rule().id);
+        trueSerials_.push_back(trueEntries[i].serial);
     }
     trueIds_ = std::move(ids);
     return trueIds_;
@@ -207,7 +209,11 @@ std::shared_ptr<const std::vector<std::wstring>> ConditionalRunnerAL::TrueIds(
 
 void ConditionalRunnerAL::Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids,
                                    NotRunReason reason) {
-    for (const std::wstring& id : ids) record.notRun.push_back(EvaluationRecord::RuleNotRun{id, reason});
+    record.notRunCount += ids.size();
+    for (const std::wstring& id : ids) {
+        if (record.notRun.size() >= EvaluationHistory::kListedRules) break;
+        record.notRun.push_back(EvaluationRecord::RuleNotRun{id, reason});
+    }
     history_.Record(std::move(record));
 }
 
@@ -236,11 +242,14 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     logging::Log(logging::kDetail, kReEvalRules, L"Invalidate cache is %d.", invalidateCache ? 1 : 0);
 
     std::vector<std::wstring> unknownMethodSet;
-    const std::vector<TrueRule> trueRules = CollectTrueRules(invalidateCache, unknownMethodSet);
+    size_t unknownCount = 0;
+    const std::vector<TrueRule> trueRules = CollectTrueRules(invalidateCache, unknownMethodSet, unknownCount);
     std::vector<LastRun::Installed> trueEntries;
     trueEntries.reserve(trueRules.size());
     for (const TrueRule& trueRule : trueRules) trueEntries.push_back(trueRule.installed);
     record.trueRules = TrueIds(trueEntries);
+    record.trueRuleCount = trueEntries.size();
+    record.notRunCount = unknownCount;
     for (const std::wstring& id : unknownMethodSet)
         record.notRun.push_back(EvaluationRecord::RuleNotRun{id, NotRunReason::kMethodSetUnknown});
     // The same rules true in the same order as at the last run: nothing to do.
