@@ -5,6 +5,7 @@ check's comparison with its baseline (over a stand-in for valgrind)."""
 
 import json
 import os
+import shutil
 import stat
 import subprocess
 import sys
@@ -50,6 +51,7 @@ class ReportTest(unittest.TestCase):
     def report(self, runner, crhost, network=None):
         """Runs report.py over the given inputs: (exit status, rows by measure, folder)."""
         folder = tempfile.mkdtemp(prefix="cr-report-test-")
+        self.addCleanup(shutil.rmtree, folder, True)
         for name, doc in (("runner.json", runner), ("network.json", network), ("crhost.json", crhost)):
             if doc is not None:
                 with open(os.path.join(folder, name), "w") as f:
@@ -149,6 +151,7 @@ class CallgrindCheckTest(unittest.TestCase):
 
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="cr-callgrind-test-")
+        self.addCleanup(shutil.rmtree, self.folder, True)
         fake = os.path.join(self.folder, "valgrind")
         with open(fake, "w") as f:
             f.write(textwrap.dedent("""\
