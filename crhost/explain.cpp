@@ -1,6 +1,7 @@
 #include "explain.h"
 
 #include <chrono>
+#include <string_view>
 
 #include "conditions/diagnostics.h"
 #include "os/utf8.h"
@@ -24,6 +25,11 @@ public:
     std::vector<ICondition*> nodes;
 };
 
+// Member `name` of `object`, or null (also when `object` is no object).
+const Json::Value* Member(const Json::Value& object, std::string_view name) {
+    return object.isObject() ? object.find(name.data(), name.data() + name.size()) : nullptr;
+}
+
 // The condition objects of a tree's JSON in the order Accept visits the
 // built conditions: each one, then its children ("data"."conditions" of the
 // combinators, "data"."condition" of a negation).
@@ -33,11 +39,11 @@ void JsonNodes(const Json::Value& condition, std::vector<const Json::Value*>& no
         const Json::Value* node = pending.back();
         pending.pop_back();
         nodes.push_back(node);
-        const Json::Value* data = node->isObject() ? node->find("data", "data" + 4) : nullptr;
-        if (!data || !data->isObject()) continue;
-        if (const Json::Value* children = data->find("conditions", "conditions" + 10); children && children->isArray()) {
+        const Json::Value* data = Member(*node, "data");
+        if (!data) continue;
+        if (const Json::Value* children = Member(*data, "conditions"); children && children->isArray()) {
             for (Json::ArrayIndex i = children->size(); i-- > 0;) pending.push_back(&(*children)[i]);
-        } else if (const Json::Value* child = data->find("condition", "condition" + 9); child && child->isObject()) {
+        } else if (const Json::Value* child = Member(*data, "condition"); child && child->isObject()) {
             pending.push_back(child);
         }
     }

@@ -1,5 +1,7 @@
 #include "output.h"
 
+#include <json/writer.h>
+
 #include "os/standard_streams.h"
 #include "pretty.h"
 #include "qv/status.h"
@@ -11,15 +13,21 @@ const char* StatusName(int32_t status) {
     return name ? name : "unknown status";
 }
 
-Output::Output(Format format) : format_(format) {
-    builder_["indentation"] = "";
-    builder_["emitUTF8"] = true;
+std::string CompactJson(const Json::Value& value) {
+    // The builder is made once and only read after: writeString takes it as const.
+    static const Json::StreamWriterBuilder builder = [] {
+        Json::StreamWriterBuilder made;
+        made["indentation"] = "";
+        made["emitUTF8"] = true;
+        return made;
+    }();
+    return Json::writeString(builder, value);
 }
 
-std::string Output::Compact(const Json::Value& value) const { return Json::writeString(builder_, value); }
+Output::Output(Format format) : format_(format) {}
 
 void Output::Write(const Json::Value& object) {
-    const std::string line = format_ == Format::kPretty ? PrettyText(object) : Compact(object) + "\n";
+    const std::string line = format_ == Format::kPretty ? PrettyText(object) : CompactJson(object) + "\n";
     std::lock_guard lock(mutex_);
     static_cast<void>(os::WriteStandardOutput(line));
 }

@@ -9,7 +9,6 @@
 #include <string>
 
 #include <json/value.h>
-#include <json/writer.h>
 
 namespace crhost {
 
@@ -18,22 +17,23 @@ namespace crhost {
 // status".
 const char* StatusName(int32_t status);
 
+// `value` as compact JSON text, without a newline (UTF-8 kept as it is).
+// Any thread.
+std::string CompactJson(const Json::Value& value);
+
 class Output {
 public:
     // JSON lines for programs (the default), or text for a person (--pretty).
     enum class Format { kJsonLines, kPretty };
 
     explicit Output(Format format = Format::kJsonLines);
-    // Writes `object` and a newline (in the pretty format, its text). Output that can no longer be written
-    // (the reader went away) is dropped: the host goes on until its input
-    // ends or it is told to stop.
+    // Writes `object` and a newline (in the pretty format, its text). Output
+    // that can no longer be written (the reader went away) is dropped: the
+    // host goes on until its input ends or it is told to stop.
     void Write(const Json::Value& object);
-    // `value` as compact JSON text, without a newline (UTF-8 kept as it is).
-    std::string Compact(const Json::Value& value) const;
 
 private:
     const Format format_;
-    Json::StreamWriterBuilder builder_;
     std::mutex mutex_;
 };
 

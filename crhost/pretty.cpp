@@ -1,16 +1,9 @@
 #include "pretty.h"
 
-#include <json/writer.h>
+#include "output.h"
 
 namespace crhost {
 namespace {
-
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    return Json::writeString(builder, value);
-}
 
 // "08:45:01.123" of "2026-11-24T08:45:01.123Z"; the text as it is otherwise.
 std::string ClockTime(const Json::Value& time) {
@@ -28,7 +21,7 @@ std::string Listed(const Json::Value& list) {
     std::string text;
     for (const Json::Value& item : list) {
         if (!text.empty()) text += ", ";
-        text += item.isString() ? item.asString() : Compact(item);
+        text += item.isString() ? item.asString() : CompactJson(item);
     }
     return text.empty() ? "none" : text;
 }
@@ -45,15 +38,15 @@ std::string Observed(const Json::Value& observed) {
         else if (value.isNull())
             text += "none";
         else
-            text += value.isString() ? value.asString() : Compact(value);
+            text += value.isString() ? value.asString() : CompactJson(value);
     }
     return text;
 }
 
 void DrawTree(const Json::Value& node, const std::string& indent, std::string& out) {
     out += indent + Mark(node["state"]) + " " + node["type"].asString();
-    if (node.isMember("data")) out += " " + Compact(node["data"]);
-    if (node.isMember("error")) out += "  (error " + Compact(node["error"]) + ")";
+    if (node.isMember("data")) out += " " + CompactJson(node["data"]);
+    if (node.isMember("error")) out += "  (error " + CompactJson(node["error"]) + ")";
     out += "\n";
     if (node.isMember("observed")) out += indent + "    saw " + Observed(node["observed"]) + "\n";
     for (const Json::Value& child : node["children"]) DrawTree(child, indent + "  ", out);
@@ -65,10 +58,10 @@ std::string PolicyRun(const Json::Value& line) {
     for (const Json::Value& result : run["results"]) {
         if (!methods.empty()) methods += ", ";
         methods += result["plugin"].asString() + "." + result["method"].asString() + " -> " +
-                   Compact(result["result"]);
+                   CompactJson(result["result"]);
     }
     std::string text = ClockTime(line["time"]) + " run    " + (methods.empty() ? "(no methods)" : methods) +
-                       "  status " + Compact(run["status"]);
+                       "  status " + CompactJson(run["status"]);
     if (run.isMember("statusName")) text += " " + run["statusName"].asString();
     return text + "\n";
 }
@@ -77,7 +70,7 @@ std::string Event(const Json::Value& line) {
     std::string text = ClockTime(line["time"]) + " event  " + line["event"].asString();
     for (const Json::Value& report : line["payload"]["data"])
         text += "\n                    rules " + Listed(report["rulesMatched"]) + " -> error " +
-                Compact(report["error"]);
+                CompactJson(report["error"]);
     return text + "\n";
 }
 
@@ -88,7 +81,7 @@ void DrawHistory(const Json::Value& evaluations, std::string& out) {
                            Listed(evaluation["trueRules"]);
         for (const Json::Value& run : evaluation["runs"])
             line += "; ran " + run["methodSetId"].asString() + " (" + Listed(run["rules"]) + ") -> " +
-                    Compact(run["status"]);
+                    CompactJson(run["status"]);
         for (const Json::Value& rule : evaluation["notRun"])
             line += "; not run " + rule["ruleId"].asString() + ": " + rule["reason"].asString();
         if (evaluation.isMember("retryAt")) line += "; retry at " + ClockTime(evaluation["retryAt"]);
@@ -98,13 +91,13 @@ void DrawHistory(const Json::Value& evaluations, std::string& out) {
 
 std::string Answer(const Json::Value& answer) {
     const bool isMethod = answer.isMember("method");
-    std::string text = "#" + (answer["id"].isString() ? answer["id"].asString() : Compact(answer["id"])) + " " +
+    std::string text = "#" + (answer["id"].isString() ? answer["id"].asString() : CompactJson(answer["id"])) + " " +
                        (isMethod ? answer["method"].asString() : answer["host"].asString()) + "  ";
     const Json::Value& status = answer["status"];
     if (status.isInt() && status.asInt() == 0) {
         text += "ok";
     } else {
-        text += "status " + Compact(status);
+        text += "status " + CompactJson(status);
         if (answer.isMember("statusName")) text += " " + answer["statusName"].asString();
         if (answer.isMember("error")) text += ": " + answer["error"].asString();
     }
@@ -127,7 +120,7 @@ std::string Answer(const Json::Value& answer) {
             continue;
         }
         if (value.isObject() && value.empty()) continue;
-        text += "  " + name + ": " + (value.isString() ? value.asString() : Compact(value)) + "\n";
+        text += "  " + name + ": " + (value.isString() ? value.asString() : CompactJson(value)) + "\n";
     }
     return text;
 }
@@ -138,7 +131,7 @@ std::string PrettyText(const Json::Value& object) {
     if (object.isMember("policyRun")) return PolicyRun(object);
     if (object.isMember("event")) return Event(object);
     if (object.isMember("line") && object.isMember("error"))
-        return "line " + Compact(object["line"]) + ": " + object["error"].asString() + "\n";
+        return "line " + CompactJson(object["line"]) + ": " + object["error"].asString() + "\n";
     return Answer(object);
 }
 

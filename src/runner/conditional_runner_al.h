@@ -109,6 +109,8 @@ public:
                                                 qv::IList<RuleError>& errors) override;
     [[nodiscard]] int32_t TakeRules(qv::IList<Rule>& rules, qv::IList<RuleError>& errors) override;
     void SetStopWaitTimeout(uint32_t milliseconds) override { stopWaitTimeoutMs_ = milliseconds; }
+    // Diagnostics, from any thread without the runner's lock: they read
+    // only the history (its own mutex), the signals and atomics.
     [[nodiscard]] Json::Value History() override { return history_.ToJson(); }
     [[nodiscard]] Json::Value EvaluationStatus() override;
 
@@ -222,10 +224,13 @@ private:
     std::atomic<bool> invalidateCache_{false};
     std::atomic<bool> transactionInProgress_{false};
     ConditionManager::ConditionQueue eventQueue_;
-    EvaluationHistory history_;
+    EvaluationHistory history_;  // written by passes; read from any thread (its own mutex)
+    // TrueIds' cache, used by passes only (the evaluation thread, under lock_).
     std::vector<uint64_t> trueSerials_;                          // the serials TrueIds last listed
     std::shared_ptr<const std::vector<std::wstring>> trueIds_;  // their ids
-    std::atomic<int64_t> retryAtMs_{0};  // wall-clock ms of a retry scheduled; 0: none
+    // Wall-clock ms of a retry scheduled; 0: none. Set by a pass, cleared by
+    // the retry's pass, read by EvaluationStatus on any thread.
+    std::atomic<int64_t> retryAtMs_{0};
 };
 
 }  // namespace Product::Integration::ConditionalRunner

@@ -18,9 +18,7 @@ namespace {
 using crhost_test::HostProcess;
 using crhost_test::Parse;
 
-std::vector<std::wstring> Arguments(const testing_support::TempDir& dir) {
-    return {L"--state", dir.File(L"state.json"), L"--log", dir.File(L"log.txt")};
-}
+using crhost_test::StateAndLogIn;
 
 Json::Value Explain(HostProcess& host, const std::string& condition) {
     return host.Host(Parse(R"({"host":"explain","condition":)" + condition + "}"));
@@ -34,7 +32,7 @@ bool Lists(const Json::Value& list, const Json::Value& entry) {
 
 TEST(CrHostExplainObserved, EachNodeShowsItsDataAndWhatItComparedAndMatched) {
     testing_support::TempDir dir;
-    HostProcess host(Arguments(dir));
+    HostProcess host(StateAndLogIn(dir));
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
     ASSERT_EQ(host.Host(Parse(R"({"host":"users.logon","user":{"sid":"S-1-5-21-1-2-3-2000","name":"ann",
         "domain":"corp.local","groups":["S-1-5-21-1-2-3-513"]}})"))["status"],
@@ -88,7 +86,7 @@ TEST(CrHostExplainObserved, AnAndOverTwoFileRulesNamesBothPathsAndWhichExists) {
     const std::wstring present = dir.File(L"present");
     const std::wstring missing = dir.File(L"missing");
     ASSERT_TRUE(os::OpenFile(present, L"wb"));
-    HostProcess host(Arguments(dir));
+    HostProcess host(StateAndLogIn(dir));
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
     const auto path = [](const std::wstring& file) { return Json::Value(os::WideToUtf8Lossy(file)); };
     Json::Value condition = Parse(R"({"type":"boolean.AND","data":{"conditions":[
@@ -125,7 +123,7 @@ TEST(CrHostExplainObserved, AnAddressRuleNamesTheAddressThatMatched) {
         std::string failures = network_test::Shell("ip link set lo up") +
                                network_test::Shell("ip addr add 10.77.0.1/24 dev lo");
         testing_support::TempDir dir;
-        HostProcess host(Arguments(dir));
+        HostProcess host(StateAndLogIn(dir));
         if (!host.Started()) return failures + "cr-host did not start\n";
         const Json::Value answer = Explain(host, R"({"type":"network.IP","data":{"address":"10.77.0.0/16"}})");
         const Json::Value& observed = answer["tree"]["observed"];

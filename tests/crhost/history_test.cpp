@@ -17,9 +17,7 @@ using crhost_test::Parse;
 
 class CrHostHistory : public testing::Test {
 protected:
-    std::vector<std::wstring> Arguments() const {
-        return {L"--state", dir_.File(L"state.json"), L"--log", dir_.File(L"log.txt")};
-    }
+    std::vector<std::wstring> Arguments() const { return crhost_test::StateAndLogIn(dir_); }
     // The history once it holds an evaluation that ran a method set.
     static Json::Value HistoryWithARun(HostProcess& host) {
         Json::Value history;

@@ -13,13 +13,15 @@
 
 namespace crhost_test {
 
-namespace {
 std::string Compact(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     return Json::writeString(builder, value);
 }
-}  // namespace
+
+std::vector<std::wstring> StateAndLogIn(const testing_support::TempDir& dir) {
+    return {L"--state", dir.File(L"state.json"), L"--log", dir.File(L"log.txt")};
+}
 
 Json::Value Parse(const std::string& text) {
     Json::CharReaderBuilder builder;

@@ -16,6 +16,7 @@
 #include <json/value.h>
 
 #include "os/child_process.h"
+#include "support/log_capture.h"
 #include "support/waiting.h"
 
 namespace crhost_test {
@@ -86,5 +87,9 @@ HostProcess::Predicate IsPolicyRun();
 
 // The test's JSON written inline; a malformed text fails the test.
 Json::Value Parse(const std::string& text);
+// `value` on one line, as the console reads it.
+std::string Compact(const Json::Value& value);
+// cr-host's arguments for a state file and a log in `dir`.
+std::vector<std::wstring> StateAndLogIn(const testing_support::TempDir& dir);
 
 }  // namespace crhost_test

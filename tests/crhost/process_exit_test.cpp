@@ -34,9 +34,7 @@ bool ReportsAFault(const std::string& errors) {
 
 class CrHostProcessExit : public testing::Test {
 protected:
-    std::vector<std::wstring> Arguments() const {
-        return {L"--state", dir_.File(L"state.json"), L"--log", dir_.File(L"log.txt")};
-    }
+    std::vector<std::wstring> Arguments() const { return crhost_test::StateAndLogIn(dir_); }
 
     // Rules over a file, a host name and a constant, a method set for them,
     // and a method that takes its time, so that every kind of module thread

@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-#include <json/writer.h>
-
 #include "host_process.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
@@ -27,17 +25,11 @@ bool IsUtcTime(const Json::Value& value) {
 }
 
 // `json` written on one line, as the console reads it.
-std::string OneLine(const std::string& json) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, Parse(json));
-}
+std::string OneLine(const std::string& json) { return crhost_test::Compact(Parse(json)); }
 
 class CrHostReadableAnswers : public testing::Test {
 protected:
-    std::vector<std::wstring> Arguments() const {
-        return {L"--state", dir_.File(L"state.json"), L"--log", dir_.File(L"log.txt")};
-    }
+    std::vector<std::wstring> Arguments() const { return crhost_test::StateAndLogIn(dir_); }
     testing_support::TempDir dir_;
 };
 

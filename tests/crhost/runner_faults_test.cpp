@@ -29,9 +29,7 @@ std::string MethodSet(const std::string& id) {
 
 class CrHostRunnerFaults : public testing::Test {
 protected:
-    std::vector<std::wstring> Arguments() const {
-        return {L"--state", dir_.File(L"state.json"), L"--log", dir_.File(L"log.txt")};
-    }
+    std::vector<std::wstring> Arguments() const { return crhost_test::StateAndLogIn(dir_); }
     testing_support::TempDir dir_;
 };
 

@@ -24,7 +24,7 @@ Json::Value Explain(HostProcess& host, const Json::Value& condition) {
 
 TEST(CrHostTypes, EveryListedTypeIsBuiltFromItsExampleAndNeedsExactlyItsRequiredMembers) {
     testing_support::TempDir dir;
-    HostProcess host({L"--state", dir.File(L"state.json"), L"--log", dir.File(L"log.txt")});
+    HostProcess host(crhost_test::StateAndLogIn(dir));
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
     const Json::Value answer = host.Host(Parse(R"({"host":"types"})"));
     ASSERT_EQ(answer["status"], 0) << answer.toStyledString();
