@@ -14,33 +14,28 @@ std::optional<bool> AgentClientNotifications::GetEcsConnectionState() {
 }
 
 int32_t AgentClientNotifications::RegisterEcsNotifications(IEcsNotifications* subscriber) {
-    std::lock_guard lock(mutex_);
     return subscribers_.Add(subscriber);
 }
 
 int32_t AgentClientNotifications::UnregisterEcsNotifications(IEcsNotifications* subscriber) {
-    std::lock_guard lock(mutex_);
     return subscribers_.Remove(subscriber);
 }
 
 size_t AgentClientNotifications::SetConnectionState(std::optional<bool> state) {
-    std::lock_guard lock(mutex_);
-    state_ = state;
-    return DeliverLocked(state);
+    auto turn = subscribers_.TakeTurn();
+    {
+        std::lock_guard lock(mutex_);
+        state_ = state;
+    }
+    return turn.Deliver([&](IEcsNotifications* s) { s->OnEcsConnected(state); });
 }
 
 size_t AgentClientNotifications::Report() {
-    std::lock_guard lock(mutex_);
-    return DeliverLocked(state_);
+    auto turn = subscribers_.TakeTurn();
+    const std::optional<bool> state = GetEcsConnectionState();
+    return turn.Deliver([&](IEcsNotifications* s) { s->OnEcsConnected(state); });
 }
 
-size_t AgentClientNotifications::SubscriberCount() const {
-    std::lock_guard lock(mutex_);
-    return subscribers_.size();
-}
-
-size_t AgentClientNotifications::DeliverLocked(std::optional<bool> state) {
-    return subscribers_.ForEachStillSubscribed([&](IEcsNotifications* s) { s->OnEcsConnected(state); });
-}
+size_t AgentClientNotifications::SubscriberCount() const { return subscribers_.size(); }
 
 }  // namespace host

@@ -5,10 +5,11 @@
 //
 // Thread rule: every operation may be called from any thread. A report is
 // delivered on the thread that calls SetConnectionState or Report, to each
-// subscriber in registration order, under the subscriber lock: concurrent
+// subscriber in registration order, outside the lock of the state: concurrent
 // reports are delivered one after the other, and once Unregister returns the
-// subscriber is not called again. A subscriber may read the state, register or
-// unregister from inside its callback (the lock is reentrant).
+// subscriber is not called again. A subscriber may read or set the state,
+// register or unregister from inside its callback (host/subscriber_list.h says
+// what else).
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -47,9 +48,8 @@ public:
     size_t SubscriberCount() const;
 
 private:
-    size_t DeliverLocked(std::optional<bool> state);
 
-    mutable std::recursive_mutex mutex_;
+    mutable std::mutex mutex_;  // the state
     std::optional<bool> state_;
     SubscriberList<IEcsNotifications> subscribers_;
 };

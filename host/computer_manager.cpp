@@ -14,46 +14,53 @@ void* ComputerManager::QueryInterface(const GUID& iid) {
 
 int32_t ComputerManager::GetComputerGroups(std::vector<ComputerGroup>* groups) {
     if (!groups) return qv::status::kInvalidParameter;
-    std::lock_guard lock(mutex_);
-    if (readFailure_ != 0) return readFailure_;
-    *groups = groups_;
-    RunDuringReadLocked();
+    {
+        std::lock_guard lock(mutex_);
+        if (readFailure_ != 0) return readFailure_;
+        *groups = groups_;
+    }
+    RunDuringRead();
     return 0;
 }
 
 int32_t ComputerManager::GetComputerOrganisationalUnit(std::wstring* ou) {
     if (!ou) return qv::status::kInvalidParameter;
-    std::lock_guard lock(mutex_);
-    if (readFailure_ != 0) return readFailure_;
-    *ou = ou_;
-    RunDuringReadLocked();
+    {
+        std::lock_guard lock(mutex_);
+        if (readFailure_ != 0) return readFailure_;
+        *ou = ou_;
+    }
+    RunDuringRead();
     return 0;
 }
 
 int32_t ComputerManager::RegisterEvents(IEvents* subscriber) {
-    std::lock_guard lock(mutex_);
-    if (registrationFailure_ != 0) return registrationFailure_;
+    {
+        std::lock_guard lock(mutex_);
+        if (registrationFailure_ != 0) return registrationFailure_;
+    }
     return subscribers_.Add(subscriber);
 }
 
-int32_t ComputerManager::UnregisterEvents(IEvents* subscriber) {
-    std::lock_guard lock(mutex_);
-    return subscribers_.Remove(subscriber);
-}
+int32_t ComputerManager::UnregisterEvents(IEvents* subscriber) { return subscribers_.Remove(subscriber); }
 
 size_t ComputerManager::SetGroups(std::vector<ComputerGroup> groups) {
-    std::lock_guard lock(mutex_);
-    groups_ = std::move(groups);
+    auto turn = subscribers_.TakeTurn();
+    {
+        std::lock_guard lock(mutex_);
+        groups_ = groups;
+    }
     // The subscribers' statuses are only the host's to record; none is kept.
-    return subscribers_.ForEachStillSubscribed(
-        [&](IEvents* s) { static_cast<void>(s->OnComputerGroupsChanged(groups_)); });
+    return turn.Deliver([&](IEvents* s) { static_cast<void>(s->OnComputerGroupsChanged(groups)); });
 }
 
 size_t ComputerManager::SetOrganisationalUnit(std::wstring ou) {
-    std::lock_guard lock(mutex_);
-    ou_ = std::move(ou);
-    return subscribers_.ForEachStillSubscribed(
-        [&](IEvents* s) { static_cast<void>(s->OnComputerOrganisationalUnitsChanged(ou_)); });
+    auto turn = subscribers_.TakeTurn();
+    {
+        std::lock_guard lock(mutex_);
+        ou_ = ou;
+    }
+    return turn.Deliver([&](IEvents* s) { static_cast<void>(s->OnComputerOrganisationalUnitsChanged(ou)); });
 }
 
 void ComputerManager::FailReads(int32_t status) {
@@ -71,13 +78,15 @@ void ComputerManager::DuringNextRead(std::function<void()> action) {
     duringNextRead_ = std::move(action);
 }
 
-void ComputerManager::RunDuringReadLocked() {
-    if (std::function<void()> action = std::exchange(duringNextRead_, nullptr)) action();
+void ComputerManager::RunDuringRead() {
+    std::function<void()> action;
+    {
+        std::lock_guard lock(mutex_);
+        action = std::exchange(duringNextRead_, nullptr);
+    }
+    if (action) action();
 }
 
-size_t ComputerManager::SubscriberCount() const {
-    std::lock_guard lock(mutex_);
-    return subscribers_.size();
-}
+size_t ComputerManager::SubscriberCount() const { return subscribers_.size(); }
 
 }  // namespace host

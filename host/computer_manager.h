@@ -5,9 +5,10 @@
 //
 // Thread rule: every operation may be called from any thread. A report is
 // delivered on the thread that sets the value, to each subscriber in
-// registration order, under the manager's lock (reentrant): reports are
-// delivered one after the other, and once UnregisterEvents returns the
-// subscriber is not called again.
+// registration order, outside the manager's lock: reports are delivered one
+// after the other, and once UnregisterEvents returns the subscriber is not
+// called again. A subscriber may read the values, (un)register or set a value
+// from inside its callback (host/subscriber_list.h says what else).
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -55,9 +56,9 @@ public:
     size_t SubscriberCount() const;
 
 private:
-    void RunDuringReadLocked();
+    void RunDuringRead();
 
-    mutable std::recursive_mutex mutex_;
+    mutable std::mutex mutex_;  // guards the members below but the subscribers
     std::vector<ComputerGroup> groups_;
     std::wstring ou_;
     int32_t readFailure_ = 0;

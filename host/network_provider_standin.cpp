@@ -34,26 +34,16 @@ void NetworkProviderStandIn::SetState(const Product::Integration::NetworkState& 
     state_ = state;
 }
 
-int32_t NetworkProviderStandIn::Subscribe(IEvents* subscriber) {
-    std::lock_guard lock(mutex_);
-    return subscribers_.Add(subscriber);
-}
+int32_t NetworkProviderStandIn::Subscribe(IEvents* subscriber) { return subscribers_.Add(subscriber); }
 
-int32_t NetworkProviderStandIn::Unsubscribe(IEvents* subscriber) {
-    std::lock_guard lock(mutex_);
-    return subscribers_.Remove(subscriber);
-}
+int32_t NetworkProviderStandIn::Unsubscribe(IEvents* subscriber) { return subscribers_.Remove(subscriber); }
 
 size_t NetworkProviderStandIn::NotifySubscribers() {
-    std::lock_guard lock(mutex_);
     // A provider only tells; what a subscriber makes of the news is its own.
-    return subscribers_.ForEachStillSubscribed([](IEvents* s) { static_cast<void>(s->OnNetworkStateChanged()); });
+    return subscribers_.Notify([](IEvents* s) { static_cast<void>(s->OnNetworkStateChanged()); });
 }
 
-size_t NetworkProviderStandIn::SubscriberCount() const {
-    std::lock_guard lock(mutex_);
-    return subscribers_.size();
-}
+size_t NetworkProviderStandIn::SubscriberCount() const { return subscribers_.size(); }
 
 int NetworkProviderStandIn::StartCount() const {
     std::lock_guard lock(mutex_);

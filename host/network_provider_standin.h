@@ -9,8 +9,9 @@
 // Once the module exports its own provider, hosts register that one instead.
 //
 // Thread rule: every operation may be called from any thread. Notifications
-// run on the caller of NotifySubscribers under the subscriber lock, so
-// Unsubscribe waits for a notification in progress.
+// run on the caller of NotifySubscribers, outside the lock of the state, one
+// after the other; Unsubscribe waits for a notification in progress to that
+// subscriber (host/subscriber_list.h says what a subscriber may do).
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -50,7 +51,7 @@ public:
     int StartCount() const;
 
 private:
-    mutable std::recursive_mutex mutex_;  // a subscriber may read the state while notified
+    mutable std::mutex mutex_;  // the state and the start count
     SubscriberList<IEvents> subscribers_;
     int starts_ = 0;
     Product::Integration::NetworkState state_;

@@ -15,44 +15,18 @@ void* ServiceControl::QueryInterface(const GUID& iid) {
 void ServiceControl::OnConnectionEvent(int32_t) {}
 
 int32_t ServiceControl::RegisterControl(IControl* sink) {
-    std::lock_guard lock(mutex_);
-    if (sink && sinks_.Contains(sink)) return qv::status::kAlreadyExists;
-    return sinks_.Add(sink);
+    const int32_t status = sinks_.Add(sink);
+    return status == qv::status::kFunctionFailed ? qv::status::kAlreadyExists : status;
 }
 
 int32_t ServiceControl::UnregisterControl(IControl* sink) {
-    // Waiting for the delivery lock means no event is being delivered on
-    // another thread once the sink is gone from the list.
-    std::lock_guard delivery(deliveryMutex_);
-    std::lock_guard lock(mutex_);
     return sinks_.Remove(sink) == 0 ? 0 : qv::status::kNotFound;
 }
 
 size_t ServiceControl::RaiseConnectionEvent(int32_t event) {
-    std::lock_guard delivery(deliveryMutex_);
-    std::vector<IControl*> snapshot;
-    {
-        std::lock_guard lock(mutex_);
-        sinks_.ForEachStillSubscribed([&](IControl* sink) { snapshot.push_back(sink); });
-    }
-    size_t called = 0;
-    for (IControl* sink : snapshot) {
-        // A sink unregistered by an earlier sink's callback is skipped.
-        if (!IsRegistered(sink)) continue;
-        sink->OnConnectionEvent(event);
-        ++called;
-    }
-    return called;
+    return sinks_.Notify([&](IControl* sink) { sink->OnConnectionEvent(event); });
 }
 
-size_t ServiceControl::SinkCount() const {
-    std::lock_guard lock(mutex_);
-    return sinks_.size();
-}
-
-bool ServiceControl::IsRegistered(IControl* sink) const {
-    std::lock_guard lock(mutex_);
-    return sinks_.Contains(sink);
-}
+size_t ServiceControl::SinkCount() const { return sinks_.size(); }
 
 }  // namespace host

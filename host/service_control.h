@@ -5,16 +5,13 @@
 // OnConnectionEvent does nothing.
 //
 // Thread rule: every operation may be called from any thread. An event is
-// delivered on the thread that raises it, to each sink in registration order,
-// with the sink list's lock released but under a delivery lock that
-// UnregisterControl also takes: concurrent events are delivered one after the
-// other, and once UnregisterControl returns the sink is not called again. A
-// sink may register, unregister or raise from inside its callback (the
-// delivery lock is reentrant); it must not wait there for another thread that
-// unregisters a sink.
+// delivered on the thread that raises it, to each sink in registration order:
+// concurrent events are delivered one after the other, and once
+// UnregisterControl returns the sink is not called again. A sink may register,
+// unregister or raise from inside its callback (host/subscriber_list.h says
+// what else).
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 #include "host/subscriber_list.h"
 #include "plugin/module_names.h"
@@ -41,10 +38,6 @@ public:
     size_t SinkCount() const;
 
 private:
-    bool IsRegistered(IControl* sink) const;
-
-    std::recursive_mutex deliveryMutex_;  // held while delivering and unregistering
-    mutable std::mutex mutex_;            // the sink list
     SubscriberList<IControl> sinks_;
 };
 

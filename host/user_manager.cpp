@@ -25,23 +25,26 @@ void* UserManager::QueryInterface(const GUID& iid) {
 
 int32_t UserManager::GetLoggedUsers(std::vector<UserInfo>* users) {
     if (!users) return qv::status::kInvalidParameter;
-    std::lock_guard lock(mutex_);
-    if (getFailure_ != 0) return getFailure_;
-    *users = users_;
-    if (std::function<void()> action = std::exchange(duringNextRead_, nullptr)) action();
+    std::function<void()> action;
+    {
+        std::lock_guard lock(mutex_);
+        if (getFailure_ != 0) return getFailure_;
+        *users = users_;
+        action = std::exchange(duringNextRead_, nullptr);
+    }
+    if (action) action();
     return 0;
 }
 
 int32_t UserManager::Subscribe(IEvents* subscriber) {
-    std::lock_guard lock(mutex_);
-    if (subscribeFailure_ != 0) return subscribeFailure_;
+    {
+        std::lock_guard lock(mutex_);
+        if (subscribeFailure_ != 0) return subscribeFailure_;
+    }
     return subscribers_.Add(subscriber);
 }
 
-int32_t UserManager::Unsubscribe(IEvents* subscriber) {
-    std::lock_guard lock(mutex_);
-    return subscribers_.Remove(subscriber);
-}
+int32_t UserManager::Unsubscribe(IEvents* subscriber) { return subscribers_.Remove(subscriber); }
 
 std::vector<UserManager::UserInfo>::iterator UserManager::FindLocked(const std::wstring& sid) {
     for (auto it = users_.begin(); it != users_.end(); ++it)
@@ -51,30 +54,41 @@ std::vector<UserManager::UserInfo>::iterator UserManager::FindLocked(const std::
 
 int32_t UserManager::LogOn(const UserInfo& user) {
     if (user.sid.empty()) return qv::status::kInvalidParameter;
-    std::lock_guard lock(mutex_);
-    if (FindLocked(user.sid) != users_.end()) return qv::status::kAlreadyExists;
-    users_.push_back(user);
+    auto turn = subscribers_.TakeTurn();
+    {
+        std::lock_guard lock(mutex_);
+        if (FindLocked(user.sid) != users_.end()) return qv::status::kAlreadyExists;
+        users_.push_back(user);
+    }
     // The subscribers' statuses are only the host's to record; none is kept.
-    subscribers_.ForEachStillSubscribed([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOn(user)); });
+    turn.Deliver([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOn(user)); });
     return 0;
 }
 
 int32_t UserManager::LogOff(const std::wstring& sid) {
-    std::lock_guard lock(mutex_);
-    auto found = FindLocked(sid);
-    if (found == users_.end()) return qv::status::kNotFound;
-    const UserInfo user = *found;
-    users_.erase(found);
-    subscribers_.ForEachStillSubscribed([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOff(user)); });
+    auto turn = subscribers_.TakeTurn();
+    UserInfo user;
+    {
+        std::lock_guard lock(mutex_);
+        auto found = FindLocked(sid);
+        if (found == users_.end()) return qv::status::kNotFound;
+        user = *found;
+        users_.erase(found);
+    }
+    turn.Deliver([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOff(user)); });
     return 0;
 }
 
 int32_t UserManager::Lock(const std::wstring& sid, bool locked) {
-    std::lock_guard lock(mutex_);
-    auto found = FindLocked(sid);
-    if (found == users_.end()) return qv::status::kNotFound;
-    const UserInfo user = *found;
-    subscribers_.ForEachStillSubscribed(
+    auto turn = subscribers_.TakeTurn();
+    UserInfo user;
+    {
+        std::lock_guard lock(mutex_);
+        auto found = FindLocked(sid);
+        if (found == users_.end()) return qv::status::kNotFound;
+        user = *found;
+    }
+    turn.Deliver(
         [&](IEvents* s) { static_cast<void>(locked ? s->OnUserSessionLocked(user) : s->OnUserSessionUnlocked(user)); });
     return 0;
 }
@@ -94,9 +108,6 @@ void UserManager::DuringNextRead(std::function<void()> action) {
     duringNextRead_ = std::move(action);
 }
 
-size_t UserManager::SubscriberCount() const {
-    std::lock_guard lock(mutex_);
-    return subscribers_.size();
-}
+size_t UserManager::SubscriberCount() const { return subscribers_.size(); }
 
 }  // namespace host

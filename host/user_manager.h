@@ -5,10 +5,10 @@
 //
 // Thread rule: every operation may be called from any thread. A report is
 // delivered on the thread that logs the user on or off, to each subscriber in
-// subscription order, under the manager's lock: reports are delivered one
+// subscription order, outside the manager's lock: reports are delivered one
 // after the other, and once Unsubscribe returns the subscriber is not called
-// again. A subscriber may read the users or (un)subscribe from inside its
-// callback (the lock is reentrant).
+// again. A subscriber may read the users, (un)subscribe, or log users on and
+// off from inside its callback (host/subscriber_list.h says what else).
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -60,7 +60,7 @@ public:
 private:
     std::vector<UserInfo>::iterator FindLocked(const std::wstring& sid);
 
-    mutable std::recursive_mutex mutex_;
+    mutable std::mutex mutex_;  // guards the members below but the subscribers
     std::vector<UserInfo> users_;
     int32_t getFailure_ = 0;
     int32_t subscribeFailure_ = 0;
