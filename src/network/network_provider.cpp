@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "network/adapter_convert.h"
+#include "os/thread_checker.h"
 #include "os/thread_name.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -38,7 +39,7 @@ NetworkProvider::NetworkProvider(Options options)
       types_(options.components) {}
 
 NetworkProvider::~NetworkProvider() {
-    std::lock_guard lock(countLock_);
+    os::MutexLock lock(countLock_);
     if (listener_.joinable()) InternalStop();
     startCount_ = 0;
 }
@@ -70,7 +71,7 @@ int32_t NetworkProvider::Init(IServMain*) {
 
 int32_t NetworkProvider::Start() {
     logging::CallTrace trace(kStart);
-    std::lock_guard lock(countLock_);
+    os::MutexLock lock(countLock_);
     if (startCount_ != 0) {
         ++startCount_;
         return qv::status::kSuccess;
@@ -106,7 +107,7 @@ int32_t NetworkProvider::InternalStart() {
 
 int32_t NetworkProvider::Stop() {
     logging::CallTrace trace(kStop);
-    std::lock_guard lock(countLock_);
+    os::MutexLock lock(countLock_);
     if (startCount_ == 0) return qv::status::kFunctionFailed;
     if (--startCount_ == 0) InternalStop();
     return qv::status::kSuccess;
@@ -114,6 +115,7 @@ int32_t NetworkProvider::Stop() {
 
 void NetworkProvider::InternalStop() {
     if (!listener_.joinable()) return;
+    CR_CHECK_NOT_ON_THREAD(listener_.get_id(), "the network provider stopped from a notification would join its own thread");
     stop_.Set();
     listener_.join();
     // A stop signal the thread did not consume (it had ended on its own)
@@ -123,7 +125,7 @@ void NetworkProvider::InternalStop() {
 
 int32_t NetworkProvider::GetState(NetworkState& out) {
     logging::CallTrace trace(kGetState);
-    std::lock_guard lock(stateLock_);
+    os::MutexLock lock(stateLock_);
     out = state_;
     return qv::status::kSuccess;
 }
@@ -139,17 +141,17 @@ int32_t NetworkProvider::Unsubscribe(IEvents* subscriber) {
 }
 
 bool NetworkProvider::ListenerRunning() const {
-    std::lock_guard lock(countLock_);
+    os::MutexLock lock(countLock_);
     return listener_.joinable();
 }
 
 int32_t NetworkProvider::StartCount() const {
-    std::lock_guard lock(countLock_);
+    os::MutexLock lock(countLock_);
     return startCount_;
 }
 
 int32_t NetworkProvider::DoUpdateState(bool* changed) {
-    std::lock_guard lock(stateLock_);
+    os::MutexLock lock(stateLock_);
     if (changed) *changed = false;
     types_.Refresh();
 

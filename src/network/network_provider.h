@@ -37,6 +37,7 @@
 #include "network/wireless.h"
 #include "os/adapters.h"
 #include "os/event.h"
+#include "os/thread_annotations.h"
 #include "plugin/subscriber_container.h"
 #include "qv/serv_plugin.h"
 
@@ -88,7 +89,7 @@ public:
     // whether the new state differs from the one before (see NetworkState's
     // equality). Always 0. Runs under the state lock, which it holds for the
     // whole snapshot.
-    int32_t DoUpdateState(bool* changed = nullptr);
+    int32_t DoUpdateState(bool* changed = nullptr) CR_EXCLUDES(stateLock_);
 
     // Calls every subscriber's change notification, in order, on the calling thread.
     void NotifySubscribers();
@@ -97,11 +98,12 @@ public:
     bool ListenerRunning() const;
     int32_t StartCount() const;
     uint32_t periodMs() const noexcept { return periodMs_; }
-    const AdapterTypeExtractor& adapterTypes() const noexcept { return types_; }
+    // Not synchronised: only while the listener is stopped.
+    const AdapterTypeExtractor& adapterTypes() const noexcept CR_NO_THREAD_SAFETY_ANALYSIS { return types_; }
 
 private:
-    int32_t InternalStart();
-    void InternalStop();
+    int32_t InternalStart() CR_REQUIRES(countLock_);
+    void InternalStop() CR_REQUIRES(countLock_);
     // Tells `registered` once it has asked for address changes (or failed
     // to), then waits for the starter's first snapshot before its first wait.
     void NetworkListenerThread(std::promise<void>& registered, std::future<void>& firstSnapshot);
@@ -113,15 +115,15 @@ private:
 
     qv::SynchronyzedObjectContainer<IEvents*> subscribers_;
 
-    std::mutex stateLock_;  // the current state and everything a snapshot uses
-    NetworkState state_;
-    WlanAPI wlan_;
-    AdapterTypeExtractor types_;
+    os::Mutex stateLock_;  // the current state and everything a snapshot uses
+    NetworkState state_ CR_GUARDED_BY(stateLock_);
+    WlanAPI wlan_ CR_GUARDED_BY(stateLock_);
+    AdapterTypeExtractor types_ CR_GUARDED_BY(stateLock_);
 
-    mutable std::mutex countLock_;  // the start count and the thread
-    int32_t startCount_ = 0;
+    mutable os::Mutex countLock_;  // the start count and the thread
+    int32_t startCount_ CR_GUARDED_BY(countLock_) = 0;
     os::AutoResetEvent stop_;
-    std::thread listener_;
+    std::thread listener_ CR_GUARDED_BY(countLock_);
 };
 
 }  // namespace Product::Integration

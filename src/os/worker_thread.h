@@ -4,18 +4,20 @@
 #include <thread>
 
 #include "os/event.h"
+#include "os/thread_checker.h"
 
 namespace os {
 
 // Owner thread rule: Start and Stop are called by the owner only, never from
-// the body itself. The destructor stops a running thread.
+// the body itself (both checked in debug builds). The destructor, on any
+// thread but the body's, stops a running thread.
 class WorkerThread {
 public:
     // The body should return soon after `stop` is signalled.
     using Body = std::function<void(AutoResetEvent& stop)>;
 
     WorkerThread() = default;
-    ~WorkerThread() { Stop(); }
+    ~WorkerThread() { Join(); }
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
 
@@ -27,6 +29,9 @@ public:
     AutoResetEvent& stop_event() noexcept { return stop_; }
 
 private:
+    void Join();
+
+    ThreadChecker owner_;
     AutoResetEvent stop_;
     std::thread thread_;
 };
