@@ -223,8 +223,13 @@ void NetworkProvider::NetworkListenerThread(std::promise<void>& registered, std:
             bool changed = false;
             static_cast<void>(DoUpdateState(&changed));
             if (changed) NotifySubscribers();
+        } else if (wake == IChangeSource::WaitResult::kFailed) {
+            logging::Log(logging::kError, kListener,
+                         L"Waiting for network notifications failed: the network state stays as last read until "
+                         L"the provider is started again");
+            break;
         } else {
-            break;  // stopped, or the wait failed
+            break;  // stopped
         }
     }
     changes_->Cancel();

@@ -13,6 +13,7 @@
 #include "adapter_records.h"
 #include "network/network_provider.h"
 #include "os/process_info.h"
+#include "plugin/log.h"
 #include "qv/status.h"
 #include "state_watcher.h"
 #include "support/log_capture.h"
@@ -212,6 +213,36 @@ TEST(NetworkProvider, AFailedRegistrationEndsTheListenerAndKeepsTheState) {
     NetworkState state;
     ASSERT_EQ(provider.GetState(state), 0);
     EXPECT_EQ(state.ipv4Addresses.size(), 1u);
+    EXPECT_EQ(provider.Stop(), 0);
+}
+
+// A change source whose wait fails once the request is in place.
+class FailingWaitSource final : public Product::Integration::IChangeSource {
+public:
+    uint32_t CreationError() const noexcept override { return 0; }
+    uint32_t Register() override { return 0; }
+    WaitResult Wait(os::AutoResetEvent&, uint32_t) override { return WaitResult::kFailed; }
+    void Cancel() override { ++cancels; }
+    std::atomic<int> cancels{0};
+};
+
+TEST(NetworkProvider, AListenerEndedByAFailedWaitSaysSo) {
+    testing_support::LogCapture log;
+    Machine machine;
+    machine.Set({Adapter(L"First", V4(10, 0, 0, 1))});
+    NetworkProvider::Options options;
+    auto source = std::make_unique<FailingWaitSource>();
+    FailingWaitSource* failing = source.get();
+    options.changeSource = std::move(source);
+    options.readAdapters = [&] { return machine.Read(); };
+    options.components = NoComponents();
+    NetworkProvider provider(std::move(options));
+    ASSERT_EQ(provider.Init(nullptr), 0);
+    ASSERT_EQ(provider.Start(), 0);
+    ASSERT_TRUE(Eventually([&] { return failing->cancels == 1; }));
+    EXPECT_TRUE(log.Contains(logging::kError, kListener,
+                             L"Waiting for network notifications failed: the network state stays as last read "
+                             L"until the provider is started again"));
     EXPECT_EQ(provider.Stop(), 0);
 }
 
