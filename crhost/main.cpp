@@ -152,16 +152,15 @@ int Run(const crhost::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    crhost::Options options;
-    std::wstring error;
-    if (!crhost::ParseOptions(os::CommandLineArguments(argc, argv), options, error)) {
-        Complain(error);
+    const os::Expected<crhost::Options> options = crhost::ParseOptions(os::CommandLineArguments(argc, argv));
+    if (!options) {
+        Complain(options.status().message());
         static_cast<void>(os::WriteStandardError(crhost::UsageText()));
         return kBadUsage;
     }
-    if (options.help) {
+    if (options->help) {
         static_cast<void>(os::WriteStandardOutput(crhost::UsageText()));
         return kCleanStop;
     }
-    return Run(options);
+    return Run(*options);
 }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "qv/status.h"
+
 namespace crhost {
 
 namespace {
@@ -17,6 +19,10 @@ constexpr ValueOption kValueOptions[] = {
 };
 constexpr uint64_t kMaxStopLimitMs = 86400000;
 
+os::Status Refused(std::wstring reason) {
+    return os::Status::Failure(qv::status::kInvalidParameter, std::move(reason));
+}
+
 // The milliseconds of `text`; nullopt when it is no whole number up to the limit.
 std::optional<uint32_t> Milliseconds(const std::wstring& text) {
     uint64_t value = 0;
@@ -28,7 +34,8 @@ std::optional<uint32_t> Milliseconds(const std::wstring& text) {
 }
 }  // namespace
 
-bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error) {
+os::Expected<Options> ParseOptions(const std::vector<std::wstring>& arguments) {
+    Options options;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::wstring& argument = arguments[i];
         if (argument == L"--help" || argument == L"-h") {
@@ -55,30 +62,27 @@ bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, 
             if (match) break;
         }
         if (!match) {
-            error = L"unknown argument '" + argument + L"'";
-            return false;
+            return Refused(L"unknown argument '" + argument + L"'");
         }
         if (!inline_value) {
             if (i + 1 >= arguments.size()) {
-                error = std::wstring(match->name) + L" needs a value";
-                return false;
+                return Refused(std::wstring(match->name) + L" needs a value");
             }
             value = arguments[++i];
         }
         if (value.empty()) {
-            error = std::wstring(match->name) + L" needs a non-empty value";
-            return false;
+            return Refused(std::wstring(match->name) + L" needs a non-empty value");
         }
         options.*(match->value) = std::move(value);
     }
     if (!options.stopLimit.empty()) {
         options.stopLimitMs = Milliseconds(options.stopLimit);
         if (!options.stopLimitMs) {
-            error = L"--stop-limit needs a number of milliseconds from 0 to 86400000, not '" + options.stopLimit + L"'";
-            return false;
+            return Refused(L"--stop-limit needs a number of milliseconds from 0 to 86400000, not '" +
+                           options.stopLimit + L"'");
         }
     }
-    return true;
+    return options;
 }
 
 const char* UsageText() {

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "os/status.h"
+
 namespace crhost {
 
 struct Options {
@@ -31,10 +33,10 @@ struct Options {
     bool help = false;
 };
 
-// False for a command line that cannot be used (a --stop-limit that is not
-// a number of milliseconds from 0 to 86400000 included), with `error`
-// saying why.
-bool ParseOptions(const std::vector<std::wstring>& arguments, Options& options, std::wstring& error);
+// The options of a command line; kInvalidParameter with the reason for one
+// that cannot be used (an unknown argument, a missing value, a --stop-limit
+// that is not a number of milliseconds from 0 to 86400000 included).
+os::Expected<Options> ParseOptions(const std::vector<std::wstring>& arguments);
 
 // The text --help prints.
 const char* UsageText();

@@ -125,11 +125,13 @@ bool FileWatcher::Register(Client* client, const std::wstring& text) {
     if (!run_) {
         auto run = std::make_shared<Run>();
         if (options_.watching == Watching::kSystem) {
-            std::wstring error;
-            run->watch = os::FolderWatch::Open(error);
-            if (!run->watch)
-                logging::Log(logging::kWarning, kFunction,
-                             L"No change notifications (%s); file paths are polled", error.c_str());
+            os::Expected<std::unique_ptr<os::FolderWatch>> watch = os::FolderWatch::Open();
+            if (watch) {
+                run->watch = std::move(*watch);
+            } else {
+                logging::Log(logging::kWarning, kFunction, L"No change notifications (%s); file paths are polled",
+                             watch.status().message().c_str());
+            }
         }
         run->watcher = StartThread(*run, [this, run] {
             os::SetCurrentThreadName("cr:file-watch");

@@ -17,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "os/status.h"
+
 namespace os {
 
 class ChildProcess {
@@ -25,10 +27,11 @@ public:
 
     // Starts the program at `program` (a path; not searched for) with
     // `arguments` (after the program's name), in `workingDirectory` (the
-    // parent's own when empty), with the parent's environment. Null on
-    // failure, with `error` saying why.
-    static std::unique_ptr<ChildProcess> Start(const std::wstring& program, const std::vector<std::wstring>& arguments,
-                                               const std::wstring& workingDirectory, std::wstring& error);
+    // parent's own when empty), with the parent's environment. On failure,
+    // the system's error and which step failed.
+    static Expected<std::unique_ptr<ChildProcess>> Start(const std::wstring& program,
+                                                         const std::vector<std::wstring>& arguments,
+                                                         const std::wstring& workingDirectory);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

@@ -39,10 +39,6 @@ void CloseFd(int& fd) {
     fd = -1;
 }
 
-std::wstring SystemError(const wchar_t* step, int code) {
-    return std::wstring(step) + L": " + Utf8ToWideLossy(std::strerror(code));
-}
-
 // The exit status of a reaped child, with signals as 128 + number.
 int ExitStatusOf(int status) {
     if (WIFEXITED(status)) return WEXITSTATUS(status);
@@ -54,9 +50,9 @@ int ExitStatusOf(int status) {
 
 ChildProcess::ChildProcess(std::unique_ptr<Native> native) : native_(std::move(native)) {}
 
-std::unique_ptr<ChildProcess> ChildProcess::Start(const std::wstring& program,
-                                                  const std::vector<std::wstring>& arguments,
-                                                  const std::wstring& workingDirectory, std::wstring& error) {
+Expected<std::unique_ptr<ChildProcess>> ChildProcess::Start(const std::wstring& program,
+                                                            const std::vector<std::wstring>& arguments,
+                                                            const std::wstring& workingDirectory) {
     std::vector<std::string> texts;
     texts.push_back(WideToUtf8Lossy(program));
     for (const std::wstring& argument : arguments) texts.push_back(WideToUtf8Lossy(argument));
@@ -73,9 +69,9 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const std::wstring& program,
     };
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, input) != 0 || ::pipe2(output, O_CLOEXEC) != 0 ||
         ::pipe2(errors, O_CLOEXEC) != 0) {
-        error = SystemError(L"cannot create the pipes", errno);
+        const int cause = errno;
         closeAll();
-        return nullptr;
+        return Status::System(static_cast<uint32_t>(cause), L"cannot create the pipes");
     }
     // The child's input is only read: shut the other direction so that the
     // parent never waits on it.
@@ -107,9 +103,8 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const std::wstring& program,
     CloseFd(output[1]);
     CloseFd(errors[1]);
     if (spawned != 0) {
-        error = SystemError((L"cannot start " + program).c_str(), spawned);
         closeAll();
-        return nullptr;
+        return Status::System(static_cast<uint32_t>(spawned), L"cannot start " + program);
     }
     auto native = std::make_unique<Native>();
     native->pid = pid;

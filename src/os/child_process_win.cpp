@@ -25,20 +25,6 @@ void CloseHandleOnce(HANDLE& handle) {
     handle = nullptr;
 }
 
-std::wstring SystemError(const std::wstring& step, DWORD code) {
-    wchar_t* text = nullptr;
-    ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                     nullptr, code, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    std::wstring message = step + L": error " + std::to_wstring(code);
-    if (text) {
-        message += L" ";
-        message += text;
-        ::LocalFree(text);
-        while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r')) message.pop_back();
-    }
-    return message;
-}
-
 // One argument quoted the way CommandLineToArgvW and the C runtime split a
 // command line: in quotes when it is empty or holds blanks or quotes, with
 // the backslashes before a quote (and before the closing quote) doubled.
@@ -80,9 +66,9 @@ bool MakePipe(HANDLE& childEnd, HANDLE& parentEnd, bool childReads) {
 
 ChildProcess::ChildProcess(std::unique_ptr<Native> native) : native_(std::move(native)) {}
 
-std::unique_ptr<ChildProcess> ChildProcess::Start(const std::wstring& program,
-                                                  const std::vector<std::wstring>& arguments,
-                                                  const std::wstring& workingDirectory, std::wstring& error) {
+Expected<std::unique_ptr<ChildProcess>> ChildProcess::Start(const std::wstring& program,
+                                                            const std::vector<std::wstring>& arguments,
+                                                            const std::wstring& workingDirectory) {
     std::wstring line;
     AppendQuoted(line, program);
     for (const std::wstring& argument : arguments) {
@@ -99,12 +85,12 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const std::wstring& program,
     };
     if (!MakePipe(childInput, native->input, true) || !MakePipe(childOutput, native->output, false) ||
         !MakePipe(childError, native->error, false)) {
-        error = SystemError(L"cannot create the pipes", ::GetLastError());
+        const DWORD cause = ::GetLastError();
         closeChildEnds();
         CloseHandleOnce(native->input);
         CloseHandleOnce(native->output);
         CloseHandleOnce(native->error);
-        return nullptr;
+        return Status::System(cause, L"cannot create the pipes");
     }
 
     STARTUPINFOW startup{};
@@ -120,11 +106,10 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const std::wstring& program,
     const DWORD startError = ::GetLastError();
     closeChildEnds();
     if (!started) {
-        error = SystemError(L"cannot start " + program, startError);
         CloseHandleOnce(native->input);
         CloseHandleOnce(native->output);
         CloseHandleOnce(native->error);
-        return nullptr;
+        return Status::System(startError, L"cannot start " + program);
     }
     ::CloseHandle(info.hThread);
     native->process = info.hProcess;

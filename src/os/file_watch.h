@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "os/status.h"
+
 namespace os {
 
 class FolderWatch {
@@ -47,9 +49,9 @@ public:
         bool overflow = false;
     };
 
-    // The system's notification source; null, with the reason in `error`,
-    // when it cannot be opened.
-    static std::unique_ptr<FolderWatch> Open(std::wstring& error);
+    // The system's notification source, or the system's error when it
+    // cannot be opened.
+    static Expected<std::unique_ptr<FolderWatch>> Open();
 
     virtual ~FolderWatch() = default;
 

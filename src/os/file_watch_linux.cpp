@@ -146,19 +146,16 @@ private:
 
 }  // namespace
 
-std::unique_ptr<FolderWatch> FolderWatch::Open(std::wstring& error) {
+Expected<std::unique_ptr<FolderWatch>> FolderWatch::Open() {
     const int inotify = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (inotify < 0) {
-        error = ErrorText("inotify_init1", errno);
-        return nullptr;
-    }
+    if (inotify < 0) return Status::System(static_cast<uint32_t>(errno), L"inotify_init1");
     const int wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wake < 0) {
-        error = ErrorText("eventfd", errno);
+        const int cause = errno;
         ::close(inotify);
-        return nullptr;
+        return Status::System(static_cast<uint32_t>(cause), L"eventfd");
     }
-    return std::make_unique<InotifyWatch>(inotify, wake);
+    return std::unique_ptr<FolderWatch>(std::make_unique<InotifyWatch>(inotify, wake));
 }
 
 const bool kWatchHoldsFolders = false;

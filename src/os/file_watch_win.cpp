@@ -168,13 +168,10 @@ bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
 
 }  // namespace
 
-std::unique_ptr<FolderWatch> FolderWatch::Open(std::wstring& error) {
+Expected<std::unique_ptr<FolderWatch>> FolderWatch::Open() {
     const HANDLE port = ::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1);
-    if (!port) {
-        error = ErrorText(L"CreateIoCompletionPort", ::GetLastError());
-        return nullptr;
-    }
-    return std::make_unique<CompletionPortWatch>(port);
+    if (!port) return Status::System(::GetLastError(), L"CreateIoCompletionPort");
+    return std::unique_ptr<FolderWatch>(std::make_unique<CompletionPortWatch>(port));
 }
 
 const bool kWatchHoldsFolders = true;

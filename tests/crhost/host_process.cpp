@@ -52,7 +52,13 @@ HostProcess::HostProcess(const std::vector<std::wstring>& arguments, const std::
     // program, say) fails every attempt.
     for (int attempt = 0; attempt < 5 && !process_; ++attempt) {
         if (attempt) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        process_ = os::ChildProcess::Start(program, arguments, workingDirectory, startError_);
+        os::Expected<std::unique_ptr<os::ChildProcess>> started =
+            os::ChildProcess::Start(program, arguments, workingDirectory);
+        if (started) {
+            process_ = std::move(*started);
+        } else {
+            startError_ = started.status().message();
+        }
     }
     if (!process_) return;
     outputReader_ = std::thread([this] { ReadOutput(); });
