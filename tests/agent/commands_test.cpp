@@ -5,6 +5,8 @@
 #include <thread>
 
 #include "os/utf8.h"
+#include "plugin/log.h"
+#include "qv/status.h"
 
 namespace agent_test {
 namespace {
@@ -50,19 +52,20 @@ TEST_F(DispatchTest, BeforeInitEveryCallIsNotReady) {
         auto call = Call(method, Json::Value(Json::objectValue));
         EXPECT_EQ(call->GetResult(), 21);
     }
-    EXPECT_TRUE(log.Contains(4, kRunPolicyMethod, L"not ready"));
+    EXPECT_TRUE(log.Contains(logging::kError, kRunPolicyMethod, L"not ready"));
     EXPECT_TRUE(runner.Calls().empty());
 }
 
 TEST_F(DispatchTest, NamesAreMatchedExactly) {
     InitAndStart();
-    EXPECT_EQ(Call(nullptr, Json::Value(Json::objectValue))->GetResult(), 87);
-    EXPECT_EQ(Call(L"", Json::Value(Json::objectValue))->GetResult(), 87);
-    EXPECT_TRUE(log.Contains(4, kRunPolicyMethod, L"empty method name"));
+    EXPECT_EQ(Call(nullptr, Json::Value(Json::objectValue))->GetResult(), qv::status::kInvalidParameter);
+    EXPECT_EQ(Call(L"", Json::Value(Json::objectValue))->GetResult(), qv::status::kInvalidParameter);
+    EXPECT_TRUE(log.Contains(logging::kError, kRunPolicyMethod, L"empty method name"));
 
     for (const wchar_t* name : {L"setrules", L"SetRules ", L"GetRule", L"NoSuchMethod"}) {
         EXPECT_EQ(CallJson(name, R"({"rules": []})")->GetResult(), 50) << name;
-        EXPECT_TRUE(log.Contains(32, kRunPolicyMethod, L"Method not found [name = " + std::wstring(name) + L"]"));
+        EXPECT_TRUE(
+            log.Contains(logging::kTrace, kRunPolicyMethod, L"Method not found [name = " + std::wstring(name) + L"]"));
     }
     EXPECT_TRUE(runner.Calls().empty());
 
@@ -124,7 +127,7 @@ TEST_F(DispatchTest, MethodSetCommands) {
     Expect(L"GetMethodSet", R"({"id": "zz"})", 1168);
 
     runner.SetStatus("DeleteMethodSet", 1168);
-    EXPECT_EQ(CallJson(L"DeleteMethodSet", R"({"id": "\u00e9"})")->GetResult(), 1168);
+    EXPECT_EQ(CallJson(L"DeleteMethodSet", R"({"id": "\u00e9"})")->GetResult(), qv::status::kNotFound);
     EXPECT_EQ(runner.received().id, L"\u00E9");
     EXPECT_EQ(CallJson(L"DeleteAllMethodSets", "{}")->GetResult(), 0);
 
@@ -200,7 +203,8 @@ TEST_F(DispatchTest, UnreadableRequestsAreRefusedWithoutCallingTheRunner) {
             log.Clear();
             auto call = request ? Call(name.c_str(), Parse(*request)) : Call(name.c_str(), std::nullopt);
             EXPECT_EQ(call->GetResult(), 160) << shown;
-            EXPECT_TRUE(log.Contains(8, kRunPolicyMethod, name + L" - input validation failed")) << shown;
+            EXPECT_TRUE(log.Contains(logging::kWarning, kRunPolicyMethod, name + L" - input validation failed"))
+                << shown;
             EXPECT_EQ(*call->response(), Json::Value(Json::objectValue)) << shown;
         }
     }
@@ -209,7 +213,7 @@ TEST_F(DispatchTest, UnreadableRequestsAreRefusedWithoutCallingTheRunner) {
 
 TEST_F(DispatchTest, AMissingMemberIsNamedBeforeTheRefusal) {
     InitAndStart();
-    EXPECT_EQ(CallJson(L"SetSettings", R"({"settings": {"minEvalTime": 1}})")->GetResult(), 160);
+    EXPECT_EQ(CallJson(L"SetSettings", R"({"settings": {"minEvalTime": 1}})")->GetResult(), qv::status::kBadArguments);
     const auto lines = log.Lines();
     std::vector<std::wstring> messages;
     for (const auto& line : lines)

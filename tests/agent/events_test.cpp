@@ -1,4 +1,5 @@
 #include "agent_fixture.h"
+#include "plugin/log.h"
 
 namespace agent_test {
 namespace {
@@ -51,7 +52,7 @@ TEST_F(EventTest, SeveralRunsMakeOneEventInReportOrder) {
         {"response": null, "error": 1168, "rulesMatched": []}]})"));
     EXPECT_TRUE(runs == before);
     EXPECT_TRUE(Failures().empty());
-    EXPECT_TRUE(log.Contains(32, kOnMethodSetsRun, L"-> ConditionalRunnerAgent::OnMethodSetsRun()"));
+    EXPECT_TRUE(log.Contains(logging::kTrace, kOnMethodSetsRun, L"-> ConditionalRunnerAgent::OnMethodSetsRun()"));
 }
 
 // Failures are logged and the report is lost; the runner is always answered 0.
@@ -67,7 +68,7 @@ TEST_F(EventTest, AnEmptyOrRefusedReportIsLoggedAndLost) {
     EXPECT_EQ(Failures(), (std::vector<std::wstring>{L"Cannot send MethodSetsRun event. [error = 87]",
                                                      L"Cannot send MethodSetsRun event. [error = 232]",
                                                      L"Cannot send MethodSetsRun event. [error = 1631]"}));
-    EXPECT_TRUE(log.Contains(4, kOnMethodSetsRun, L"Cannot send MethodSetsRun event. [error = 232]"));
+    EXPECT_TRUE(log.Contains(logging::kError, kOnMethodSetsRun, L"Cannot send MethodSetsRun event. [error = 232]"));
 
     // The next report goes through again.
     host.agents().SetRefuseEvents(false);

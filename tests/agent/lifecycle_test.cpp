@@ -1,4 +1,6 @@
 #include "agent_fixture.h"
+#include "plugin/log.h"
+#include "qv/status.h"
 
 namespace agent_test {
 namespace {
@@ -21,7 +23,7 @@ TEST_F(LifecycleTest, StartRegistersAndSubscribesStopUndoesBoth) {
     EXPECT_EQ(host.agents().FindAgent(L"Product.ConditionalRunner.Agent"), host.agents().Agents()[0]);
     EXPECT_EQ(runner.listener, static_cast<IConditionalRunner::IEvents*>(agent.get()));
     EXPECT_EQ(runner.subscribeFlags, std::vector<int32_t>{0});
-    EXPECT_TRUE(log.Contains(32, L"ConditionalRunnerAgent::Start", L"-> ConditionalRunnerAgent::Start()"));
+    EXPECT_TRUE(log.Contains(logging::kTrace, L"ConditionalRunnerAgent::Start", L"-> ConditionalRunnerAgent::Start()"));
 
     EXPECT_EQ(agent->Stop(), 0);
     EXPECT_FALSE(agent->registered());
@@ -39,20 +41,21 @@ TEST_F(LifecycleTest, StartRegistersAndSubscribesStopUndoesBoth) {
 }
 
 TEST_F(LifecycleTest, MissingDependenciesAndARefusingManagerFailCleanly) {
-    EXPECT_EQ(agent->Start(), 1300);  // before Init
+    EXPECT_EQ(agent->Start(), qv::status::kNotAllAssigned);  // before Init
 
     host.components().Unregister(kRunnerName);
-    EXPECT_EQ(agent->Init(host.main()), 5002);
+    EXPECT_EQ(agent->Init(host.main()), qv::status::kDependencyNotFound);
     EXPECT_EQ(host.components().TotalReferences(), 0);
-    EXPECT_TRUE(
-        log.Contains(8, L"ServPlugin<struct Product::Integration::ConditionalRunner::IConditionalRunner>::GetPlugin",
-                     L"Error 1168 getting plugin \"Product.ConditionalRunner\""));
+    EXPECT_TRUE(log.Contains(
+        logging::kWarning, L"ServPlugin<struct Product::Integration::ConditionalRunner::IConditionalRunner>::GetPlugin",
+        L"Error 1168 getting plugin \"Product.ConditionalRunner\""));
 
     host.components().Register(kRunnerName, &runner);
     ASSERT_EQ(agent->Init(host.main()), 0);
     host.agents().SetRefuseRegistration(true);
-    EXPECT_EQ(agent->Start(), 1627);
-    EXPECT_TRUE(log.Contains(4, L"ConditionalRunnerAgent::Start", L"Cannot start plugin. [error = 1627]"));
+    EXPECT_EQ(agent->Start(), qv::status::kFunctionFailed);
+    EXPECT_TRUE(
+        log.Contains(logging::kError, L"ConditionalRunnerAgent::Start", L"Cannot start plugin. [error = 1627]"));
     EXPECT_FALSE(agent->registered());
     EXPECT_EQ(runner.listener, nullptr);
 }

@@ -3,6 +3,7 @@
 
 #include "condition_test_support.h"
 #include "plugin/easy_event_queue.h"
+#include "qv/status.h"
 
 namespace condition_testing {
 namespace {
@@ -182,16 +183,16 @@ TEST(ConditionBase, SubscriberBookkeepingAndTheLastStatusRule) {
     // Without subscribers a change notifies nobody and yields 0.
     EXPECT_EQ(bench.board.Set(L"base.a", true), 0);
     EXPECT_EQ(leaf->Subscribe(&first), 0);
-    EXPECT_EQ(leaf->Subscribe(&first), 1627);
+    EXPECT_EQ(leaf->Subscribe(&first), qv::status::kFunctionFailed);
     EXPECT_EQ(leaf->Subscribe(&second), 0);
     Recorder stranger;
-    EXPECT_EQ(leaf->Unsubscribe(&stranger), 1627);
+    EXPECT_EQ(leaf->Unsubscribe(&stranger), qv::status::kFunctionFailed);
     // The second subscriber's status wins although the first one failed too.
     EXPECT_EQ(bench.board.Set(L"base.a", false), 7);
     EXPECT_EQ(first.Count(), 1u);
     EXPECT_EQ(second.Count(), 1u);
     EXPECT_EQ(leaf->Unsubscribe(&second), 0);
-    EXPECT_EQ(leaf->Unsubscribe(&second), 1627);
+    EXPECT_EQ(leaf->Unsubscribe(&second), qv::status::kFunctionFailed);
     EXPECT_EQ(bench.board.Set(L"base.a", true), 5);
     EXPECT_EQ(first.Count(), 2u);
     EXPECT_EQ(second.Count(), 1u);

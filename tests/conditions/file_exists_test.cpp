@@ -10,6 +10,7 @@
 #include "os/file_io.h"
 #include "os/process_info.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 #include "support/waiting.h"
 
 namespace condition_testing {
@@ -176,7 +177,7 @@ TEST(FileExists, ThousandsOfTreesLeaveNoThreadOrHandleBehind) {
             ++built;
             alive.push_back(std::move(root));
         } else {
-            EXPECT_EQ(error, 87);
+            EXPECT_EQ(error, qv::status::kInvalidParameter);
             ++failed;
         }
         if (alive.size() == kAlive) alive.clear();

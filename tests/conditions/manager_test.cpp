@@ -5,6 +5,7 @@
 
 #include "condition_test_support.h"
 #include "qv/computer_manager.h"
+#include "qv/status.h"
 
 namespace condition_testing {
 namespace {
@@ -25,10 +26,10 @@ std::vector<std::wstring> MessagesFrom(const LogCapture& capture, const std::wst
 TEST(ManagerInit, FailsWithoutComponentManagerOrNetworkProviderAndGivesEverythingBack) {
     LogCapture capture;
     Bench bench(true, false);
-    EXPECT_EQ(bench.manager.Init(nullptr), 87);
+    EXPECT_EQ(bench.manager.Init(nullptr), qv::status::kInvalidParameter);
     EXPECT_TRUE(capture.Contains(logging::kError, kInit, L"failed to init dependencies"));
     bench.host.components().Unregister(host::NetworkProviderStandIn::kName);
-    EXPECT_EQ(bench.manager.Init(bench.host.main()), 5002);
+    EXPECT_EQ(bench.manager.Init(bench.host.main()), qv::status::kDependencyNotFound);
     EXPECT_TRUE(capture.Contains(logging::kError, kInit, L"failed to get network provider"));
     EXPECT_TRUE(capture.Contains(logging::kWarning,
                                  L"ServPlugin<class Product::Integration::INetworkProvider>::GetPlugin",
@@ -52,11 +53,11 @@ TEST(ManagerInit, MissingHostServicesOnlyFailTheConditionsThatNeedThem) {
 
     int32_t error = 0;
     EXPECT_EQ(bench.Create(R"({"type":"test.NeedsUserManager"})", &error), nullptr);
-    EXPECT_EQ(error, 5002);
+    EXPECT_EQ(error, qv::status::kDependencyNotFound);
     EXPECT_EQ(bench.Create(R"({"type":"ad.User","data":{"sid":"S-1-5-21-1-2-3-1104"}})", &error), nullptr);
-    EXPECT_EQ(error, 5002);
+    EXPECT_EQ(error, qv::status::kDependencyNotFound);
     EXPECT_EQ(bench.Create(R"({"type":"qv.isOvraConnected","data":{"connected":true}})", &error), nullptr);
-    EXPECT_EQ(error, 5002);
+    EXPECT_EQ(error, qv::status::kDependencyNotFound);
     EXPECT_TRUE(capture.Contains(logging::kError,
                                  L"Product::Integration::ConditionManager::ConditionisOvraConnected::Init",
                                  L"ovra client notification dependency not found"));
@@ -268,13 +269,13 @@ TEST(CreateCondition, RefusesTreesNestedDeeperThanTheBound) {
     {
         LogCapture capture;
         EXPECT_EQ(bench.Create(NotChain(Manager::kMaxConditionDepth + 1), &error), nullptr);
-        EXPECT_EQ(error, 87);
+        EXPECT_EQ(error, qv::status::kInvalidParameter);
         EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition tree nested deeper than 64 levels"));
     }
 
     // As deep as the JSON reader lets a console send (each level is three JSON levels).
     EXPECT_EQ(bench.Create(NotChain(320), &error), nullptr);
-    EXPECT_EQ(error, 87);
+    EXPECT_EQ(error, qv::status::kInvalidParameter);
 
     // The bound counts nesting, not size, and is reset after each tree.
     ConditionPtr broad = bench.Create(Combine("boolean.AND", std::vector<std::string>(100, NotChain(30))), &error);
@@ -298,7 +299,7 @@ TEST(CreateCondition, RefusesTreesWithMoreConditionsThanTheBound) {
     LogCapture capture;
     const int uninitsBefore = ConditionTestSwitch::uninits;
     EXPECT_EQ(bench.Create(OrOfSwitches(Manager::kMaxConditionNodes), &error), nullptr);
-    EXPECT_EQ(error, 87);
+    EXPECT_EQ(error, qv::status::kInvalidParameter);
     EXPECT_EQ(ConditionTestSwitch::live, 0);
     EXPECT_EQ(ConditionTestSwitch::uninits, uninitsBefore);
     EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Condition tree has more than 10000 conditions"));
@@ -338,7 +339,7 @@ TEST(CreateCondition, RefusesDeeplyNestedValuesBeforeCopyingThem) {
     for (Json::Value* deep : {&arrays, &negations}) {
         int32_t error = -1;
         EXPECT_EQ(bench.manager.CreateCondition(*deep, &error, 0), nullptr);
-        EXPECT_EQ(error, 87);
+        EXPECT_EQ(error, qv::status::kInvalidParameter);
         Dismantle(*deep);
     }
     // Within the bounds, parameters may nest some hundreds of levels.

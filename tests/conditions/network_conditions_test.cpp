@@ -9,6 +9,7 @@
 #include "conditions/network/hostname_pattern.h"
 #include "network_test_support.h"
 #include "os/dns_query.h"
+#include "qv/status.h"
 
 namespace condition_testing {
 namespace {
@@ -208,7 +209,7 @@ TEST(NetworkConditions, InitRefusesMissingAndBadParameters) {
     Product::Integration::ConditionManager::ConditionIP alone;
     ConditionBase::InitData data;
     data.json = ParseJson(Address("IP", "10.0.0.1"));
-    EXPECT_EQ(alone.Init(data), 5002);
+    EXPECT_EQ(alone.Init(data), qv::status::kDependencyNotFound);
     EXPECT_TRUE(capture.Contains(logging::kError, L"Product::Integration::ConditionManager::ConditionNetworkBase::Init",
                                  L"network provider not found"));
     alone.Uninit();

@@ -14,6 +14,7 @@
 #include "os/module.h"
 #include "os/path.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -60,7 +61,7 @@ TEST_F(CrHostConsole, EveryConsoleCommandIsAnsweredThroughTheAgent) {
     EXPECT_EQ(answer["method"], "SetMethodSet");
     EXPECT_TRUE(answer["response"].isObject());
     EXPECT_EQ(host.Method("GetMethodSet", Parse(R"({"id":"M"})"))["response"]["methods"], methodSet["methods"]);
-    EXPECT_EQ(host.Method("GetMethodSet", Parse(R"({"id":"none"})"))["status"], 1168);
+    EXPECT_EQ(host.Method("GetMethodSet", Parse(R"({"id":"none"})"))["status"], qv::status::kNotFound);
 
     Json::Value update(Json::objectValue);
     update["methods"].append(Parse(R"({"id":"N","displayName":"two","methods":[]})"));
@@ -90,10 +91,10 @@ TEST_F(CrHostConsole, EveryConsoleCommandIsAnsweredThroughTheAgent) {
 
     // A command the agent does not know and one without a request reach the
     // agent, which refuses them; a request that is no object never gets there.
-    EXPECT_EQ(host.Method("NoSuchCommand")["status"], 50);
-    EXPECT_EQ(host.Method("GetRules", Json::Value())["status"], 160);
+    EXPECT_EQ(host.Method("NoSuchCommand")["status"], qv::status::kNotSupported);
+    EXPECT_EQ(host.Method("GetRules", Json::Value())["status"], qv::status::kBadArguments);
     answer = host.Method("GetRules", Json::Value(3));
-    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["status"], qv::status::kInvalidParameter);
     EXPECT_EQ(answer["error"], "\"request\" is not an object");
 
     // Any JSON id comes back as it was sent.
@@ -121,8 +122,8 @@ TEST_F(CrHostConsole, HostActionsAnswerTheirStatus) {
     EXPECT_EQ(host.Host(connected)["tree"]["state"], true);
     EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected","value":null})"))["status"], 0);
     EXPECT_EQ(host.Host(connected)["tree"]["state"], false);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected","value":"yes"})"))["status"], 87);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected"})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected","value":"yes"})"))["status"], qv::status::kInvalidParameter);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"agent.connected"})"))["status"], qv::status::kInvalidParameter);
 
     // The runner is the one sink of the service control.
     Json::Value answer = host.Host(Parse(R"({"host":"service.connected"})"));
@@ -132,8 +133,10 @@ TEST_F(CrHostConsole, HostActionsAnswerTheirStatus) {
     EXPECT_EQ(
         host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":5,"delayMs":10})"))["status"], 0);
     EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":-5002})"))["status"], 0);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"","method":"m","result":1})"))["status"], 87);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":1.5})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"","method":"m","result":1})"))["status"],
+              qv::status::kInvalidParameter);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":1.5})"))["status"],
+              qv::status::kInvalidParameter);
     EXPECT_EQ(
         host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"m","result":1,"delayMs":-1})"))["status"],
         87);
@@ -148,10 +151,10 @@ TEST_F(CrHostConsole, HostActionsAnswerTheirStatus) {
     const Json::Value logOff = Parse(R"({"host":"users.logoff","user":{"sid":"s-1-5-21-1-2-3-2000"}})");
     EXPECT_EQ(host.Host(userInGroup)["tree"]["state"], false);
     EXPECT_EQ(host.Host(logOn)["status"], 0);
-    EXPECT_EQ(host.Host(logOn)["status"], 183);
+    EXPECT_EQ(host.Host(logOn)["status"], qv::status::kAlreadyExists);
     EXPECT_EQ(host.Host(userInGroup)["tree"]["state"], true);
     EXPECT_EQ(host.Host(logOff)["status"], 0);
-    EXPECT_EQ(host.Host(logOff)["status"], 1168);
+    EXPECT_EQ(host.Host(logOff)["status"], qv::status::kNotFound);
     EXPECT_EQ(host.Host(userInGroup)["tree"]["state"], false);
     EXPECT_EQ(host.Host(Parse(R"({"host":"users.logon","user":{"sid":"S-1-5-21-1-2-3-2000","groups":[5]}})"))["status"],
               87);
@@ -160,17 +163,18 @@ TEST_F(CrHostConsole, HostActionsAnswerTheirStatus) {
         "sid":"S-1-5-21-1-2-3-515"}]})"));
     EXPECT_EQ(answer["status"], 0);
     EXPECT_EQ(host.Host(computerInGroup)["tree"]["state"], true);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"computer.groups","groups":[{"dn":1}]})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"computer.groups","groups":[{"dn":1}]})"))["status"],
+              qv::status::kInvalidParameter);
     EXPECT_EQ(host.Host(Parse(R"({"host":"computer.ou","ou":"CN=PC1,OU=Servers,DC=corp,DC=local"})"))["status"], 0);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"computer.ou"})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"computer.ou"})"))["status"], qv::status::kInvalidParameter);
     answer = host.Host(Parse(R"({"host":"no.such.action"})"));
-    EXPECT_EQ(answer["status"], 1168);
+    EXPECT_EQ(answer["status"], qv::status::kNotFound);
     EXPECT_EQ(answer["host"], "no.such.action");
 
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(host.Host(Parse(R"({"host":"sleep","ms":300})"))["status"], 0);
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(300));
-    EXPECT_EQ(host.Host(Parse(R"({"host":"sleep","ms":"long"})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"sleep","ms":"long"})"))["status"], qv::status::kInvalidParameter);
 
     // "quit" is answered, then the host stops although its input is open.
     EXPECT_EQ(host.Host(Parse(R"({"host":"quit"})"))["status"], 0);
@@ -214,10 +218,10 @@ TEST_F(CrHostConsole, ExplainShowsTheStateOfEveryNode) {
     // A tree that cannot be built answers the factory's status.
     answer =
         host.Host(Parse(R"({"host":"explain","condition":{"type":"boolean.NOT","data":{"condition":{"type":"x"}}}})"));
-    EXPECT_EQ(answer["status"], 120);
+    EXPECT_EQ(answer["status"], qv::status::kCallNotImplemented);
     EXPECT_FALSE(answer.isMember("tree"));
-    EXPECT_EQ(host.Host(Parse(R"({"host":"explain","ruleId":"r9"})"))["status"], 1168);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"explain"})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"explain","ruleId":"r9"})"))["status"], qv::status::kNotFound);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"explain"})"))["status"], qv::status::kInvalidParameter);
     EXPECT_TRUE(host.BadLines().empty());
 }
 
@@ -338,14 +342,14 @@ TEST_F(CrHostConsole, ANameHoldingNulIsRefusedNeverCut) {
     ASSERT_TRUE(host.Send(R"({"id":"nul","method":"DeleteAllMethodSets\u0000x","request":{}})"));
     auto answer = host.WaitFor([](const Json::Value& line) { return line["id"] == "nul"; });
     ASSERT_TRUE(answer) << host.ErrorText();
-    EXPECT_EQ((*answer)["status"], 50);
+    EXPECT_EQ((*answer)["status"], qv::status::kNotSupported);
     EXPECT_EQ((*answer)["method"], std::string("DeleteAllMethodSets\0x", 21));
     EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Parse(R"(["M"])"));
 
     ASSERT_TRUE(host.Send(R"({"id":"quit","host":"quit\u0000x"})"));
     answer = host.WaitFor([](const Json::Value& line) { return line["id"] == "quit"; });
     ASSERT_TRUE(answer) << host.ErrorText();
-    EXPECT_EQ((*answer)["status"], 1168);
+    EXPECT_EQ((*answer)["status"], qv::status::kNotFound);
     EXPECT_EQ(host.Method("IsEnabled")["status"], 0);
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }

@@ -14,6 +14,7 @@
 #include "os/environment.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -97,8 +98,8 @@ TEST_F(CrHostProcessExit, EndsPromptlyWhileTheModuleStillRuns) {
 TEST_F(CrHostProcessExit, RefusesAnExitStatusOutOfRange) {
     HostProcess host(Arguments());
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
-    EXPECT_EQ(host.Host(Parse(R"({"host":"exit","code":256})"))["status"], 87);
-    EXPECT_EQ(host.Host(Parse(R"({"host":"exit","code":"1"})"))["status"], 87);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"exit","code":256})"))["status"], qv::status::kInvalidParameter);
+    EXPECT_EQ(host.Host(Parse(R"({"host":"exit","code":"1"})"))["status"], qv::status::kInvalidParameter);
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }
 

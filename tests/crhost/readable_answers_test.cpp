@@ -10,6 +10,7 @@
 #include "host_process.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -38,15 +39,15 @@ TEST_F(CrHostReadableAnswers, AFailedStatusComesWithItsName) {
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
 
     Json::Value answer = host.Method("SetRules", Parse(R"({"rules":"none"})"));
-    EXPECT_EQ(answer["status"], 160);
+    EXPECT_EQ(answer["status"], qv::status::kBadArguments);
     EXPECT_EQ(answer["statusName"], "ERROR_BAD_ARGUMENTS");
     answer = host.Host(Parse(R"({"host":"sleep","ms":"long"})"));
-    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["status"], qv::status::kInvalidParameter);
     EXPECT_EQ(answer["statusName"], "ERROR_INVALID_PARAMETER");
     answer = host.Host(Parse(R"({"host":"no.such.action"})"));
     EXPECT_EQ(answer["statusName"], "ERROR_NOT_FOUND");
     answer = host.Host(Parse(R"({"host":"explain","condition":{"type":"no.such.type"}})"));
-    EXPECT_EQ(answer["status"], 120);
+    EXPECT_EQ(answer["status"], qv::status::kCallNotImplemented);
     EXPECT_EQ(answer["statusName"], "ERROR_CALL_NOT_IMPLEMENTED");
     // A success carries no name.
     answer = host.Method("GetRules");
@@ -65,7 +66,7 @@ TEST_F(CrHostReadableAnswers, ATreeThatCannotBeBuiltNamesWhereAndWhy) {
     // The third child's address is not an address; the second is fine.
     Json::Value answer = explain(R"({"type":"boolean.AND","data":{"conditions":[{"type":"boolean.TRUE"},
         {"type":"network.IP","data":{"address":"10.0.0.1"}},{"type":"network.IP","data":{"address":"10.0.0.300"}}]}})");
-    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["status"], qv::status::kInvalidParameter);
     EXPECT_EQ(answer["failedAt"], "data.conditions[2].data.address");
     bool named = false;
     for (const Json::Value& message : answer["messages"])
@@ -81,7 +82,7 @@ TEST_F(CrHostReadableAnswers, ATreeThatCannotBeBuiltNamesWhereAndWhy) {
         {"type":"network.ConnectionType","data":{"type":"wifi","ssid":7}}]}})")["failedAt"],
               "data.conditions[1].data.ssid");
     answer = explain(R"({"type":"network.Unknown"})");
-    EXPECT_EQ(answer["status"], 120);
+    EXPECT_EQ(answer["status"], qv::status::kCallNotImplemented);
     EXPECT_EQ(answer["failedAt"], "type");
     EXPECT_EQ(explain(R"({"type":"boolean.OR","data":{"conditions":[]}})")["failedAt"], "data.conditions");
     // A tree that builds has neither.

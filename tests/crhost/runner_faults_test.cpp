@@ -9,6 +9,7 @@
 
 #include "host_process.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -40,14 +41,14 @@ TEST_F(CrHostRunnerFaults, UpdatesStoreWhatTheyCanAndNameTheRulesLeftOut) {
     Json::Value answer = host.Method(
         "UpdateRulesAndMethods",
         Parse(std::string(R"({"rules":[)") + kBadRule + "," + kGoodRule + R"(],"methods":[)" + MethodSet("M") + "]}"));
-    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["status"], qv::status::kInvalidParameter);
     EXPECT_EQ(answer["response"]["rulesErrors"], Parse(R"([{"index":0,"error":87}])"));
     EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Parse(R"(["M"])"));
     EXPECT_EQ(host.Method("GetRules")["response"]["rules"].size(), 1u);
 
     answer = host.Method("UpdateMethods", Parse(R"({"methods":[)" + MethodSet("A") + "," + MethodSet("x/y") + "," +
                                                 MethodSet("B") + "]}"));
-    EXPECT_EQ(answer["status"], 87);
+    EXPECT_EQ(answer["status"], qv::status::kInvalidParameter);
     EXPECT_EQ(host.Method("GetMethodSetIds")["response"]["ids"], Parse(R"(["A","B","M"])"));
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }

@@ -8,6 +8,7 @@
 
 #include "host_process.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -72,7 +73,7 @@ TEST(CrHostTypes, EveryListedTypeIsBuiltFromItsExampleAndNeedsExactlyItsRequired
         }
     }
     // An unlisted type is refused as unknown.
-    EXPECT_EQ(Explain(host, Parse(R"({"type":"network.Unlisted"})"))["status"], 120);
+    EXPECT_EQ(Explain(host, Parse(R"({"type":"network.Unlisted"})"))["status"], qv::status::kCallNotImplemented);
     EXPECT_EQ(host.Finish(), 0) << host.ErrorText();
 }
 

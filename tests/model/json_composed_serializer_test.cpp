@@ -3,6 +3,7 @@
 #include <json/reader.h>
 
 #include "model/json_composed_serializer.h"
+#include "plugin/log.h"
 #include "support/log_capture.h"
 #include "support/module_under_test.h"
 
@@ -112,7 +113,7 @@ TEST(JsonLoad, ReadsEachTypeAndLogsTheMemberItMisses) {
     expectLoaded();
     const auto lines = log.Lines();
     ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[0].level, 16);
+    EXPECT_EQ(lines[0].level, logging::kDetail);
     EXPECT_EQ(lines[0].function, kLoad);
     EXPECT_EQ(lines[0].message, L"Failed to load subnode i");
     EXPECT_EQ(lines[5].message, L"Failed to load subnode t/k[0]");

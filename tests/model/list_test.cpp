@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "model/list.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 using testing_support::LogCapture;
@@ -24,8 +25,8 @@ TEST(List, KeepsOrderAtBothEndsAndCopiesElementsOut) {
     EXPECT_EQ(list.GetHead(), nullptr);
     EXPECT_EQ(list.GetTail(), nullptr);
     std::wstring out = L"untouched";
-    EXPECT_EQ(list.CopyHead(out), 1168);
-    EXPECT_EQ(list.CopyTail(out), 1168);
+    EXPECT_EQ(list.CopyHead(out), qv::status::kNotFound);
+    EXPECT_EQ(list.CopyTail(out), qv::status::kNotFound);
     EXPECT_EQ(out, L"untouched");
 
     EXPECT_EQ(list.AddTail(L"b"), 0);
@@ -67,14 +68,14 @@ TEST(List, EnumeratorsWalkModifyAndRemove) {
         e->Next();
         EXPECT_EQ(list.RemoveAt(*e), 0);
         EXPECT_FALSE(e->IsValid());
-        EXPECT_EQ(list.RemoveAt(*e), 1168);
+        EXPECT_EQ(list.RemoveAt(*e), qv::status::kNotFound);
     }
     EXPECT_EQ(Contents<int>(list), (std::vector<int>{20, 30}));
     EXPECT_EQ(*list.GetTail(), 30);
 
     qv::List<int> other{7};
     qv::ListEnumPtr<int> foreign(other.CreateEnum());
-    EXPECT_EQ(list.RemoveAt(*foreign), 87);
+    EXPECT_EQ(list.RemoveAt(*foreign), qv::status::kInvalidParameter);
     EXPECT_EQ(other.Count(), 1u);
 
     // Removing everything through one enumerator leaves a consistent empty list.

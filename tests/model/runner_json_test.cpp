@@ -5,6 +5,7 @@
 #include <json/reader.h>
 
 #include "model/runner_json.h"
+#include "plugin/log.h"
 #include "support/log_capture.h"
 #include "support/module_under_test.h"
 
@@ -133,7 +134,7 @@ TEST(RecordJson, ARuleMissingAMemberIsRejectedNamingIt) {
         EXPECT_EQ(rule.id, L"kept");
         EXPECT_FALSE(ReadRules(doc, keys::kRules, list)) << missing;
         const std::wstring expected = L"Failed to load subnode " + std::wstring(missing, missing + strlen(missing));
-        EXPECT_TRUE(log.Contains(16, L"JsonComposedSerializer::Load", expected)) << missing;
+        EXPECT_TRUE(log.Contains(logging::kDetail, L"JsonComposedSerializer::Load", expected)) << missing;
     }
 }
 

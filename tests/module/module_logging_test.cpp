@@ -13,6 +13,7 @@
 #include "os/wall_time.h"
 #include "plugin/module_names.h"
 #include "qv/serv_plugin.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 #include "support/module_under_test.h"
 
@@ -37,7 +38,7 @@ TEST(ModuleLogging, WritesThroughTheLibraryBesideIt) {
     testing_support::LogCapture capture;
     LoadedModule module;
     ASSERT_TRUE(module.Loaded()) << module.loadError();
-    EXPECT_EQ(InitAgentWithoutHost(module), 5002);
+    EXPECT_EQ(InitAgentWithoutHost(module), qv::status::kDependencyNotFound);
     EXPECT_TRUE(capture.Contains(logging::kError, L"ServPlugin<struct EnterpriseIntegration::IManager>::GetPlugin",
                                  L"Null component manager"));
 }
@@ -47,7 +48,7 @@ TEST(ModuleLogging, EachLineSaysWhenAndOnWhichThreadItWasWritten) {
     LoadedModule module;
     ASSERT_TRUE(module.Loaded()) << module.loadError();
     const std::string before = os::Iso8601UtcNow();
-    ASSERT_EQ(InitAgentWithoutHost(module), 5002);
+    ASSERT_EQ(InitAgentWithoutHost(module), qv::status::kDependencyNotFound);
     const std::string after = os::Iso8601UtcNow();
     const std::vector<testing_support::LogLine> lines = capture.Lines();
     ASSERT_FALSE(lines.empty());
@@ -76,10 +77,10 @@ TEST(ModuleLogging, RunsUnchangedWithoutTheLibrary) {
     {
         LoadedModule module(alone.path());
         ASSERT_TRUE(module.Loaded()) << module.loadError();
-        EXPECT_EQ(InitAgentWithoutHost(module), 5002);
+        EXPECT_EQ(InitAgentWithoutHost(module), qv::status::kDependencyNotFound);
 
         void* object = reinterpret_cast<void*>(1);
-        EXPECT_EQ(module.create(L"product.conditionalrunner.agent", &IServPlugin::iid, &object), 1168);
+        EXPECT_EQ(module.create(L"product.conditionalrunner.agent", &IServPlugin::iid, &object), qv::status::kNotFound);
         EXPECT_EQ(object, nullptr);
     }
     EXPECT_EQ(os::FindLoadedModule(logName), nullptr) << "the module must not look for the library elsewhere";

@@ -4,6 +4,7 @@
 #include "adapter_records.h"
 #include "network/adapter_convert.h"
 #include "network/network_state.h"
+#include "plugin/log.h"
 #include "qv/status.h"
 #include "support/log_capture.h"
 
@@ -75,11 +76,11 @@ TEST(Convert, AdaptersThatAreDownOrWithoutUnicastAddressContributeNothing) {
     EXPECT_TRUE(state.adapterNames.empty());
     EXPECT_TRUE(state.dnsSuffixes.empty());
     EXPECT_TRUE(state.ipv4DnsServers.empty());
-    EXPECT_TRUE(log.Contains(16, kConvert, L"Adapter [Down] is NOT up and able to pass packets"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kConvert, L"Adapter [Down] is NOT up and able to pass packets"));
 
     NetworkState scratch;
     EXPECT_EQ(Convert(nullptr, scratch, types), qv::status::kInvalidParameter);
-    EXPECT_TRUE(log.Contains(4, kConvert, L"Null adapter"));
+    EXPECT_TRUE(log.Contains(logging::kError, kConvert, L"Null adapter"));
 }
 
 TEST(Convert, OnlyAdaptersAComponentCallsPhysicalHaveAConnectionKind) {

@@ -89,7 +89,8 @@ TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
     bench.changes->Signal();
     ASSERT_TRUE(Eventually([&] { return one.count() == 1 && two.count() == 1; }));
     EXPECT_TRUE(one.last() == state);
-    EXPECT_TRUE(log.Contains(16, L"Product::Integration::NetworkProvider::OnIPChangeEvent", L"Notifying listeners"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, L"Product::Integration::NetworkProvider::OnIPChangeEvent",
+                             L"Notifying listeners"));
 
     // The only adapter loses its address: the old state stays, and the
     // subscribers still hear of the change.
@@ -101,14 +102,15 @@ TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
     bench.changes->Signal();
     ASSERT_TRUE(Eventually([&] { return two.count() == 2; }));
     EXPECT_TRUE(two.last() == state);
-    EXPECT_TRUE(log.Contains(4, kDoUpdateState, L"GetAdaptersAddresses ip list is emtpy. skip this update"));
+    EXPECT_TRUE(
+        log.Contains(logging::kError, kDoUpdateState, L"GetAdaptersAddresses ip list is emtpy. skip this update"));
     // No adapter at all: said so, and handled the same way.
-    EXPECT_FALSE(log.Contains(4, kDoUpdateState, L"GetAdaptersAddresses returns null"));
+    EXPECT_FALSE(log.Contains(logging::kError, kDoUpdateState, L"GetAdaptersAddresses returns null"));
     bench.machine.Set({});
     bench.changes->Signal();
     ASSERT_TRUE(Eventually([&] { return one.count() == 3; }));
     EXPECT_TRUE(one.last() == state);
-    EXPECT_TRUE(log.Contains(4, kDoUpdateState, L"GetAdaptersAddresses returns null"));
+    EXPECT_TRUE(log.Contains(logging::kError, kDoUpdateState, L"GetAdaptersAddresses returns null"));
 
     ASSERT_EQ(bench.provider->Unsubscribe(&one), 0);
     EXPECT_EQ(bench.provider->Unsubscribe(&one), qv::status::kFunctionFailed);
@@ -119,7 +121,7 @@ TEST(NetworkProvider, AnAddressChangeNotifiesEveryoneEvenWhenNothingMoved) {
     EXPECT_EQ(one.failedReads() + two.failedReads(), 0);
     EXPECT_EQ(two.last().ipv4Addresses[0].ToString(), L"10.0.0.7/32");
     EXPECT_EQ(bench.provider->Stop(), 0);
-    EXPECT_TRUE(log.Contains(16, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
     EXPECT_EQ(bench.provider->Unsubscribe(&two), 0);
 }
 
@@ -133,8 +135,8 @@ TEST(NetworkProvider, ATimedPassNotifiesOnlyWhenTheStateChanged) {
     const int readsAtStart = bench.machine.reads();
     ASSERT_TRUE(Eventually([&] { return bench.machine.reads() >= readsAtStart + 4; }));
     EXPECT_EQ(subscriber.count(), 0);
-    EXPECT_TRUE(log.Contains(16, kDoUpdateState, L" NETWORK STATE NOT CHANGED"));
-    EXPECT_FALSE(log.Contains(16, kDoUpdateState, L" NETWORK STATE CHANGED"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kDoUpdateState, L" NETWORK STATE NOT CHANGED"));
+    EXPECT_FALSE(log.Contains(logging::kDetail, kDoUpdateState, L" NETWORK STATE CHANGED"));
 
     // A change the address-change source does not report (a new DNS suffix):
     // the next pass finds it and notifies once.
@@ -143,7 +145,7 @@ TEST(NetworkProvider, ATimedPassNotifiesOnlyWhenTheStateChanged) {
     bench.machine.Set({adapter});
     ASSERT_TRUE(Eventually([&] { return subscriber.count() == 1; }));
     EXPECT_EQ(subscriber.last().dnsSuffixes.items(), std::vector<std::wstring>{L"corp.example"});
-    EXPECT_TRUE(log.Contains(16, kDoUpdateState, L" NETWORK STATE CHANGED"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kDoUpdateState, L" NETWORK STATE CHANGED"));
     const int readsAfter = bench.machine.reads();
     ASSERT_TRUE(Eventually([&] { return bench.machine.reads() >= readsAfter + 4; }));
     EXPECT_EQ(subscriber.count(), 1);
@@ -208,8 +210,8 @@ TEST(NetworkProvider, AFailedRegistrationEndsTheListenerAndKeepsTheState) {
     ASSERT_EQ(provider.Init(nullptr), 0);
     ASSERT_EQ(provider.Start(), 0);
     ASSERT_TRUE(Eventually([&] { return refusing->cancels == 1; }));
-    EXPECT_TRUE(log.Contains(4, kListener, L"Failed to register for network notifications"));
-    EXPECT_TRUE(log.Contains(16, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
+    EXPECT_TRUE(log.Contains(logging::kError, kListener, L"Failed to register for network notifications"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
     NetworkState state;
     ASSERT_EQ(provider.GetState(state), 0);
     EXPECT_EQ(state.ipv4Addresses.size(), 1u);
@@ -266,9 +268,9 @@ TEST(NetworkProvider, InitReportsTheSystemsErrorForEventsItCouldNotCreate) {
     EXPECT_EQ(provider->Init(nullptr), EMFILE);
     const std::wstring error = std::to_wstring(EMFILE);
     constexpr const wchar_t* kInit = L"Product::Integration::NetworkProvider::Init";
-    EXPECT_TRUE(log.Contains(4, kInit, L"Failed to create stop event error [" + error + L"] "));
-    EXPECT_TRUE(log.Contains(4, kInit, L"Failed to create notify event error [" + error + L"] "));
-    EXPECT_TRUE(log.Contains(4, kInit, L"NetworkProvider::Init error = " + error));
+    EXPECT_TRUE(log.Contains(logging::kError, kInit, L"Failed to create stop event error [" + error + L"] "));
+    EXPECT_TRUE(log.Contains(logging::kError, kInit, L"Failed to create notify event error [" + error + L"] "));
+    EXPECT_TRUE(log.Contains(logging::kError, kInit, L"NetworkProvider::Init error = " + error));
 }
 #endif
 

@@ -11,6 +11,7 @@
 #include "os/environment.h"
 #include "os/file_system.h"
 #include "os/utf8.h"
+#include "plugin/log.h"
 #include "qv/status.h"
 #include "state_watcher.h"
 #include "support/log_capture.h"
@@ -46,8 +47,8 @@ TEST(SystemSnapshot, HasTheMachinesAddressesAndHostNameAndKindsFromTheComponents
     EXPECT_TRUE(state.HasUnicastAddress());
     EXPECT_FALSE(state.adapterNames.empty());
     ASSERT_FALSE(state.hostName.empty());
-    EXPECT_TRUE(
-        log.Contains(16, L"Product::Integration::NetworkProvider::DoUpdateState", L"Hostname: " + state.hostName));
+    EXPECT_TRUE(log.Contains(logging::kDetail, L"Product::Integration::NetworkProvider::DoUpdateState",
+                             L"Hostname: " + state.hostName));
     EXPECT_TRUE(testing_support::FileContains(log.path(), L"FINAL MERGED STATE:___________________________\n"));
 #if defined(__linux__)
     // An adapter of the snapshot backed by a device is Ethernet (the
@@ -99,7 +100,7 @@ TEST(SystemSnapshot, MissingWirelessServiceAndAgentComponentsAreTolerated) {
         EXPECT_EQ(said, 2u);
         EXPECT_EQ(loadFailures, 1u);
 #if defined(_WIN32)
-        EXPECT_TRUE(log.Contains(4, L"Product::Integration::NetworkProvider::WlanAPI::Load",
+        EXPECT_TRUE(log.Contains(logging::kError, L"Product::Integration::NetworkProvider::WlanAPI::Load",
                                  L"Failed to load wlanapi.dll, error 126."));
 #else
         EXPECT_TRUE(testing_support::FileContains(log.path(), L"Failed to load nl80211, error "));
@@ -107,7 +108,8 @@ TEST(SystemSnapshot, MissingWirelessServiceAndAgentComponentsAreTolerated) {
     } else {
         EXPECT_EQ(loadFailures, 0u);
         for (const auto& line : log.Lines())
-            if (line.function == kGetSSIDList) EXPECT_NE(line.level, 4) << os::WideToUtf8Lossy(line.message);
+            if (line.function == kGetSSIDList)
+                EXPECT_NE(line.level, logging::kError) << os::WideToUtf8Lossy(line.message);
     }
 }
 

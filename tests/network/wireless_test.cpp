@@ -9,6 +9,7 @@
 
 #if defined(_WIN32)
 #include "libraries/scripted_wlan.h"
+#include "plugin/log.h"
 #endif
 
 namespace {
@@ -37,10 +38,10 @@ TEST(CollectSsids, TakesConnectedNamedNetworksOfConnectedInterfacesOnly) {
     CollectSsids(scan, ssids);
     // Appended in the order found; the same network on two interfaces twice.
     EXPECT_EQ(ssids, (std::vector<std::wstring>{L"kept", L"Office", L"Caf\u00e9", L"Office"}));
-    EXPECT_TRUE(log.Contains(16, kGetSSIDList, L"Get SSID list from  Interface [0]: First radio"));
-    EXPECT_TRUE(log.Contains(16, kGetSSIDList, L"Get SSID list from  Interface [3]: Broken radio"));
-    EXPECT_TRUE(log.Contains(16, kGetSSIDList, L"Found SSID Caf\u00e9"));
-    EXPECT_TRUE(log.Contains(4, kGetSSIDList, L"WlanGetAvailableNetworkList failed with error: 1168"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kGetSSIDList, L"Get SSID list from  Interface [0]: First radio"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kGetSSIDList, L"Get SSID list from  Interface [3]: Broken radio"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kGetSSIDList, L"Found SSID Caf\u00e9"));
+    EXPECT_TRUE(log.Contains(logging::kError, kGetSSIDList, L"WlanGetAvailableNetworkList failed with error: 1168"));
 }
 
 // An interface that cannot be bound: said once, then every query says the
@@ -77,16 +78,16 @@ TEST(WlanAPI, OpenAndEnumerationFailuresAreReportedAndNothingStaysHeld) {
     std::vector<std::wstring> ssids{L"kept"};
     set("open", 1062);  // ERROR_SERVICE_NOT_ACTIVE
     EXPECT_EQ(api.GetSSIDList(ssids), 1062);
-    EXPECT_TRUE(log.Contains(4, kGetSSIDList, L"WlanOpenHandle failed with error: 1062"));
+    EXPECT_TRUE(log.Contains(logging::kError, kGetSSIDList, L"WlanOpenHandle failed with error: 1062"));
     set("open", 0);
     set("enum", 5);  // ERROR_ACCESS_DENIED
     EXPECT_EQ(api.GetSSIDList(ssids), 5);
-    EXPECT_TRUE(log.Contains(4, kGetSSIDList, L"WlanEnumInterfaces failed with error: 5"));
+    EXPECT_TRUE(log.Contains(logging::kError, kGetSSIDList, L"WlanEnumInterfaces failed with error: 5"));
     EXPECT_EQ(count("handles"), 0);
     set("enum", 0);
     set("interfaces", 2);
     EXPECT_EQ(api.GetSSIDList(ssids), 0);
-    EXPECT_TRUE(log.Contains(16, kGetSSIDList, L"Get SSID list from  Interface [1]: Scripted radio"));
+    EXPECT_TRUE(log.Contains(logging::kDetail, kGetSSIDList, L"Get SSID list from  Interface [1]: Scripted radio"));
     EXPECT_EQ(ssids, std::vector<std::wstring>{L"kept"});
     EXPECT_EQ(count("opens"), 3);
     EXPECT_EQ(count("handles"), 0);

@@ -115,12 +115,12 @@ TEST(AgentBase, InitNeedsTheAgentManagerAndTheFrontedPluginAndGivesBackWhatItToo
     for (auto [withManager, withFronted] : {std::pair{false, true}, std::pair{true, false}, std::pair{false, false}}) {
         MiniHost host(withManager, withFronted);
         TestAgent agent;
-        EXPECT_EQ(agent.Init(&host.main), 5002);
+        EXPECT_EQ(agent.Init(&host.main), qv::status::kDependencyNotFound);
         EXPECT_EQ(host.components.TotalReferences(), 0);
         EXPECT_FALSE(agent.IsReady());
     }
     TestAgent agent;
-    EXPECT_EQ(agent.Init(nullptr), 5002);
+    EXPECT_EQ(agent.Init(nullptr), qv::status::kDependencyNotFound);
 }
 
 // Start registers (or fails when refused), Stop unregisters, Uninit does both
@@ -137,7 +137,7 @@ TEST(AgentBase, StartRegistersStopAndUninitUndoEverything) {
     EXPECT_EQ(host.components.TotalReferences(), 2);
 
     host.agents.SetRefuseRegistration(true);
-    EXPECT_EQ(agent.Start(), 1627);
+    EXPECT_EQ(agent.Start(), qv::status::kFunctionFailed);
     EXPECT_FALSE(agent.registered());
     host.agents.SetRefuseRegistration(false);
     ASSERT_EQ(agent.Start(), 0);

@@ -10,6 +10,7 @@
 #include "host/clock.h"
 #include "host/event_queue_service.h"
 #include "plugin/easy_event_queue.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -50,11 +51,11 @@ TEST(EasyEventQueue, BindsOncePostsUnderItsNameAndGroupAndReleasesTheGroupOnShut
     failing.createGroupStatus = 1627;
     qv::EasyEventQueue queue;
     EXPECT_EQ(queue.Post([] {}, 0), kNotReady);
-    EXPECT_EQ(queue.Init(nullptr, L"CondAggregate"), 87);
-    EXPECT_EQ(queue.Init(&failing, L"CondAggregate"), 1627);
+    EXPECT_EQ(queue.Init(nullptr, L"CondAggregate"), qv::status::kInvalidParameter);
+    EXPECT_EQ(queue.Init(&failing, L"CondAggregate"), qv::status::kFunctionFailed);
     EXPECT_FALSE(queue.Initialized());
     ASSERT_EQ(queue.Init(&host, L"CondAggregate"), 0);
-    EXPECT_EQ(queue.Init(&host, L"CondAggregate"), 183);
+    EXPECT_EQ(queue.Init(&host, L"CondAggregate"), qv::status::kAlreadyExists);
     EXPECT_TRUE(queue.Initialized());
     EXPECT_EQ(queue.name(), L"CondAggregate");
 

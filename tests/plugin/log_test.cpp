@@ -16,7 +16,7 @@ TEST(Log, WritesFormattedLinesThroughTheLibraryBesideTheModule) {
     logging::Log(logging::kWarning, L"Cls::Fn", L"Error %d getting plugin \"%s\" %S", 5002, L"EPSettings", "narrow");
     auto lines = capture.Lines();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, 8);
+    EXPECT_EQ(lines[0].level, logging::kWarning);
     EXPECT_EQ(lines[0].nesting, 0);
     EXPECT_EQ(lines[0].function, L"Cls::Fn");
     EXPECT_EQ(lines[0].message, L"Error 5002 getting plugin \"EPSettings\" narrow");
@@ -90,7 +90,7 @@ TEST(CallTrace, WritesEntryAndExitLinesWithElapsedTime) {
         }
         auto lines = capture.Lines();
         ASSERT_EQ(lines.size(), 2u);
-        EXPECT_EQ(lines[0].level, 32);
+        EXPECT_EQ(lines[0].level, logging::kTrace);
         EXPECT_EQ(lines[0].nesting, 1);
         EXPECT_EQ(lines[0].function, L"ConditionalRunnerAgent::Start");
         EXPECT_EQ(lines[0].message, L"-> ConditionalRunnerAgent::Start()");
