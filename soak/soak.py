@@ -49,8 +49,9 @@ def run_crash(args, folder):
 def run_storage(args, folder):
     import storage
     began = time.monotonic()
-    f = storage.StorageSoak(args.crhost, folder, report).run()
-    print(f"soak storage ({args.label}): full disk {f['full_failed']} failed saves / {f['full_ok']} that fit, "
+    seed = args.seed if args.seed is not None else random.randrange(1 << 32)
+    f = storage.StorageSoak(args.crhost, folder, report).run(random.Random(seed))
+    print(f"soak storage ({args.label}, seed {seed}): full disk {f['full_failed']} failed saves / {f['full_ok']} that fit, "
           f"immutable file {f['immutable_failed']} failed saves, read-only mount {f['readonly_failed']} "
           f"failed saves, {f['cuts']} cut files ({f['cuts_opened']} opened at their last complete commit, "
           f"{f['cuts_refused']} refused with a reason), {elapsed(began)}, {f['violations']} violations")
