@@ -61,9 +61,10 @@ def run_storage(args, folder):
 def run_stress(args, folder):
     import stress
     began = time.monotonic()
+    seed = args.seed if args.seed is not None else random.randrange(1 << 32)
     f = stress.StressSoak(args.crhost, folder, report, clients=args.clients,
-                          bound=args.bound_ms / 1000.0).run(args.minutes * 60)
-    print(f"soak stress ({args.label}): {f['clients']} clients, {f['answers']} answers in {elapsed(began)}, "
+                          bound=args.bound_ms / 1000.0).run(args.minutes * 60, random.Random(seed))
+    print(f"soak stress ({args.label}, seed {seed}): {f['clients']} clients, {f['answers']} answers in {elapsed(began)}, "
           f"p50 {f['p50_ms']:.0f} ms, p99 {f['p99_ms']:.0f} ms, max {f['max_ms']:.0f} ms "
           f"(bound {args.bound_ms} ms), {f['runs']} policy runs, {f['file_flips']} file flips, "
           f"final state {'equal to' if f['final_equal'] else 'DIFFERENT FROM'} the last acknowledged, "
