@@ -106,8 +106,11 @@ class StorageSoak:
                 r["id"] = f"big{k}"
                 r["displayName"] = "x" * 200
                 rules.append(r)
+        method_set = workload.random_method_set(rng)
+        if big:
+            method_set["methods"] = [{"plugin": "P", "method": f"m{k}-" + "y" * 100} for k in range(100)]
         return [("SetRules", {"rules": rules}),
-                ("SetMethodSet", workload.random_method_set(rng)),
+                ("SetMethodSet", method_set),
                 ("SetEnabled", {"enabled": False}),
                 ("SetEnabled", {"enabled": True}),
                 ("DeleteMethodSet", {"id": rng.choice(workload.METHOD_SET_IDS)})]
