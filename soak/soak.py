@@ -8,6 +8,7 @@ figures, and exits 1 on any violation (2 for bad usage).
     soak.py stress  --crhost PATH [--minutes 5] [--clients 6] [--bound-ms 5000]
 
 Run through scripts/soak, which builds the sanitizer configurations first.
+SOAK_TRACE=1 prints each command of the crash rounds with its status.
 Every scratch folder, mount and process is removed on every way out.
 """
 
