@@ -28,7 +28,7 @@
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "os/module.h"
 #include "qv/integration.h"
 

@@ -10,7 +10,7 @@
 #include <json/reader.h>
 
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
 #include "qv/status.h"
