@@ -52,7 +52,8 @@ std::unique_ptr<SettingsStore> SettingsStore::Open(const std::wstring& path, std
         error = L"settings file " + path + L" does not hold a settings tree: " + why;
         return nullptr;
     }
-    const settings::JournalRead journal = settings::ReadJournal(all.substr(journalStart), settings::LineCount(tree), root, why);
+    const settings::JournalRead journal =
+        settings::ReadJournal(all.substr(journalStart), settings::LineCount(tree), root, why);
     if (journal.damaged) {
         error = L"settings file " + path + L" has a damaged journal: " + why;
         return nullptr;

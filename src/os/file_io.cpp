@@ -66,7 +66,8 @@ bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::
         steps::Remove(temporary);
         return Fail(error, what, path, failure);
     };
-    if (const auto failure = steps::WriteAll(file.get(), bytes)) return fail(L"writing the temporary file for", failure);
+    if (const auto failure = steps::WriteAll(file.get(), bytes))
+        return fail(L"writing the temporary file for", failure);
     if (const auto failure = steps::FlushToDisk(file.get())) return fail(L"flushing the temporary file for", failure);
     if (const auto failure = file.Close()) return fail(L"closing the temporary file for", failure);
     if (const auto failure = steps::Replace(temporary, path)) return fail(L"renaming the temporary file to", failure);

@@ -1,8 +1,8 @@
 #include "os/file_io.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -180,8 +180,7 @@ void FlushFolderOf(const std::wstring& path) noexcept {
 void Remove(const std::wstring& path) noexcept {
     try {
         if (const auto narrow = Narrow(path)) ::unlink(narrow->c_str());
-    } catch (...) {
-    }
+    } catch (...) {}
 }
 
 unsigned long ProcessId() noexcept { return static_cast<unsigned long>(::getpid()); }

@@ -97,8 +97,8 @@ bool IsReadOnly(const std::wstring& path) {
 }
 
 ErrorCode CreateNew(const std::wstring& path, NativeFile& file) {
-    return Opened(
-        ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr), file);
+    return Opened(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr),
+                  file);
 }
 
 bool AlreadyExists(ErrorCode code) noexcept { return code == ERROR_FILE_EXISTS || code == ERROR_ALREADY_EXISTS; }

@@ -23,9 +23,9 @@ TEST(StrictJson, OneValueIsReadAndAnythingLaxIsRefusedWithAOneLineReason) {
     EXPECT_EQ(value["a"][1].asString(), "two");
     EXPECT_TRUE(value["b"]["c"].asBool());
 
-    for (const std::string& lax : {std::string(R"({"a":1} {"b":2})"), std::string(R"({"a":1,"a":2})"),
-                                   std::string("{\"a\":1} // note"), std::string("{'a':1}"),
-                                   std::string(R"({"a":NaN})"), std::string("[1,]"), std::string(R"({"a":)")}) {
+    for (const std::string& lax :
+         {std::string(R"({"a":1} {"b":2})"), std::string(R"({"a":1,"a":2})"), std::string("{\"a\":1} // note"),
+          std::string("{'a':1}"), std::string(R"({"a":NaN})"), std::string("[1,]"), std::string(R"({"a":)")}) {
         std::string reason;
         EXPECT_EQ(ParseOf(lax, &reason), Outcome::kMalformed) << lax;
         EXPECT_FALSE(reason.empty()) << lax;
@@ -35,7 +35,8 @@ TEST(StrictJson, OneValueIsReadAndAnythingLaxIsRefusedWithAOneLineReason) {
 }
 
 TEST(StrictJson, ABareValueAtTheTopIsReadOnlyWhenAsked) {
-    for (const std::string& bare : {std::string("5"), std::string("\"text\""), std::string("true"), std::string("null")}) {
+    for (const std::string& bare :
+         {std::string("5"), std::string("\"text\""), std::string("true"), std::string("null")}) {
         EXPECT_EQ(ParseOf(bare), Outcome::kMalformed) << bare;
         EXPECT_EQ(ParseOf(bare, nullptr, Root::kAnyValue), Outcome::kParsed) << bare;
     }
