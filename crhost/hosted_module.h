@@ -107,7 +107,7 @@ private:
     bool usesStandIn_ = false;
     std::optional<uint32_t> stopLimitMs_;
 
-    os::ModuleHandle module_ = nullptr;
+    os::LoadedModule module_;
     CreateFn create_ = nullptr;
     DestroyFn destroy_ = nullptr;
     std::vector<Object> objects_;  // in start order
