@@ -180,7 +180,9 @@ void FlushFolderOf(const std::wstring& path) noexcept {
 void Remove(const std::wstring& path) noexcept {
     try {
         if (const auto narrow = Narrow(path)) ::unlink(narrow->c_str());
-    } catch (...) {}
+    } catch (...) {
+        // No memory for the file's name: the temporary file stays behind.
+    }
 }
 
 unsigned long ProcessId() noexcept { return static_cast<unsigned long>(::getpid()); }
