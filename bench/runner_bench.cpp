@@ -16,7 +16,7 @@
 #include "conditions/manager.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "network/network_provider.h"
 #include "os/file_io.h"
 #include "os/utf8.h"

@@ -7,12 +7,11 @@
 #include <memory>
 #include <optional>
 
-#include <json/reader.h>
-
 #include "action_members.h"
 #include "build_failure.h"
 #include "explain.h"
 #include "log_messages.h"
+#include "json/strict_json.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
 #include "os/thread_name.h"
@@ -78,22 +77,15 @@ bool Blank(const std::string& text) { return text.find_first_not_of(" \t\r") == 
 // Reads one line's JSON strictly (no comments, nothing after the value, no
 // duplicate keys) and no deeper than the console allows. False with `reason`.
 bool ParseLine(const std::string& text, Json::Value& value, std::string& reason) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["stackLimit"] = Console::kMaxNesting;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    try {
-        if (reader->parse(text.data(), text.data() + text.size(), &value, &errors)) return true;
-    } catch (const std::exception&) {
-        // The reader throws when the nesting passes its stack limit.
-        reason = "nested deeper than " + std::to_string(Console::kMaxNesting) + " levels";
-        return false;
+    switch (strict_json::Parse(text, value, &reason, strict_json::Root::kObjectOrArray, Console::kMaxNesting)) {
+        case strict_json::Outcome::kParsed:
+            return true;
+        case strict_json::Outcome::kTooDeep:
+            return false;
+        case strict_json::Outcome::kMalformed:
+            reason = "not JSON: " + reason;
+            return false;
     }
-    for (char& c : errors)
-        if (c == '\n') c = ' ';
-    while (!errors.empty() && errors.back() == ' ') errors.pop_back();
-    reason = "not JSON: " + errors;
     return false;
 }
 

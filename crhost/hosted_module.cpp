@@ -60,13 +60,13 @@ bool HostedModule::InitAndStart(Object& object, std::wstring& error) {
 }
 
 bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
-    module_ = os::LoadModule(modulePath);
+    module_ = os::LoadedModule::Load(modulePath);
     if (!module_) {
-        error = L"cannot load the module " + modulePath + L": " + os::LastModuleError();
+        error = L"cannot load the module " + modulePath + L": " + module_.error();
         return false;
     }
-    create_ = reinterpret_cast<CreateFn>(os::FindSymbol(module_, "QvCreateObject"));
-    destroy_ = reinterpret_cast<DestroyFn>(os::FindSymbol(module_, "QvDestroyObject"));
+    create_ = module_.Function<CreateFn>("QvCreateObject");
+    destroy_ = module_.Function<DestroyFn>("QvDestroyObject");
     if (!create_ || !destroy_) {
         error = L"the library " + modulePath + L" does not export QvCreateObject and QvDestroyObject";
         static_cast<void>(Stop());  // the failure that matters is the one reported
@@ -173,8 +173,7 @@ std::wstring HostedModule::Stop() {
     objects_.clear();
     if (usesStandIn_) host_.components().Unregister(host::NetworkProviderStandIn::kName);
     usesStandIn_ = false;
-    if (module_) os::ReleaseModule(module_);
-    module_ = nullptr;
+    module_.Reset();
     create_ = nullptr;
     destroy_ = nullptr;
     return problems;

@@ -28,7 +28,7 @@
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "os/module.h"
 #include "qv/integration.h"
 
@@ -107,7 +107,7 @@ private:
     bool usesStandIn_ = false;
     std::optional<uint32_t> stopLimitMs_;
 
-    os::ModuleHandle module_ = nullptr;
+    os::LoadedModule module_;
     CreateFn create_ = nullptr;
     DestroyFn destroy_ = nullptr;
     std::vector<Object> objects_;  // in start order

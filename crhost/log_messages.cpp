@@ -8,15 +8,13 @@ namespace crhost {
 
 ThreadLogMessages::ThreadLogMessages(int32_t maxLevel) : maxLevel_(maxLevel) {
     // The library the module loaded, held until the copy is removed.
-    library_ = os::FindLoadedModule(os::SharedLibraryFileName(L"log"));
-    if (!library_) return;
-    set_ = reinterpret_cast<SetFn>(os::FindSymbol(library_, host::log::kSetThreadSinkName));
+    library_ = os::LoadedModule::FindLoaded(os::SharedLibraryFileName(L"log"));
+    set_ = library_.Function<SetFn>(host::log::kSetThreadSinkName);
     if (set_) set_(&ThreadLogMessages::Take, this);
 }
 
 ThreadLogMessages::~ThreadLogMessages() {
     if (set_) set_(nullptr, nullptr);
-    if (library_) os::ReleaseModule(library_);
 }
 
 void ThreadLogMessages::Take(void* context, int32_t level, const wchar_t*, const wchar_t* message) {

@@ -33,7 +33,7 @@ private:
     static void Take(void* context, int32_t level, const wchar_t* function, const wchar_t* message);
 
     using SetFn = void (*)(void (*)(void*, int32_t, const wchar_t*, const wchar_t*), void*);
-    os::ModuleHandle library_ = nullptr;
+    os::LoadedModule library_;
     SetFn set_ = nullptr;
     int32_t maxLevel_;
     std::vector<std::string> messages_;

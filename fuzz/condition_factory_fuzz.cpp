@@ -7,9 +7,8 @@
 #include <memory>
 #include <string>
 
-#include <json/reader.h>
-
 #include "conditions/manager.h"
+#include "json/strict_json.h"
 #include "fuzz_check.h"
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
@@ -42,18 +41,9 @@ Bench& TheBench() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["stackLimit"] = 1000;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value json;
-    std::string errors;
-    const char* text = reinterpret_cast<const char*>(data);
-    try {
-        if (!reader->parse(text, text + size, &json, &errors)) return 0;
-    } catch (const std::exception&) {
-        return 0;  // nested beyond the reader's limit
-    }
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    if (strict_json::Parse(text, json) != strict_json::Outcome::kParsed) return 0;
     Bench& bench = TheBench();
     int32_t error = -1;
     ConditionPtr condition = bench.manager.CreateCondition(json, &error, 0);

@@ -20,7 +20,7 @@
 #include "host/plugin_groups.h"
 #include "host/policy_runner.h"
 #include "host/service_control.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "host/user_manager.h"
 
 namespace host {

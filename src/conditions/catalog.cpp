@@ -3,8 +3,6 @@
 #include <memory>
 #include <string>
 
-#include <json/reader.h>
-
 #include "conditions/boolean_and_or.h"
 #include "conditions/boolean_constant.h"
 #include "conditions/boolean_not.h"
@@ -15,6 +13,7 @@
 #include "conditions/network/can_resolve_host.h"
 #include "conditions/network/name_conditions.h"
 #include "conditions/ovra_connected.h"
+#include "json/strict_json.h"
 #include "os/utf8.h"
 
 namespace Product::Integration::ConditionManager {
@@ -100,12 +99,8 @@ std::vector<ConditionType> MakeTable() {
 
 // The examples above are well-formed JSON; a test builds each one.
 Json::Value ParseExample(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value value;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) return Json::Value();
+    if (strict_json::Parse(text, value) != strict_json::Outcome::kParsed) return Json::Value();
     return value;
 }
 

@@ -38,7 +38,6 @@ public:
     // posted work runs any more. Idempotent. Not from inside posted work.
     void Close();
 
-    bool IsOpen() const noexcept { return queue_ != nullptr; }
     const std::wstring& name() const noexcept { return name_; }
     // Work posted and neither started nor dropped yet.
     size_t PendingCount() const { return client_.PendingCount(); }

@@ -31,9 +31,9 @@ int32_t ComponentHandle::Acquire(const ComponentLibraryLocation& location, const
     int32_t error = qv::status::kInvalidSize;
     for (const std::wstring& directory : location.directories) {
         if (directory.empty()) continue;
-        library_ = os::LoadModuleWithItsDependencies(os::JoinPath(directory, location.fileName));
+        library_ = os::LoadedModule::LoadWithItsDependencies(os::JoinPath(directory, location.fileName));
         if (library_) break;
-        error = SystemErrorOr632(os::LastModuleErrorCode());
+        error = SystemErrorOr632(library_.errorCode());
     }
     if (!library_) {
         logging::Log(logging::kWarning, kAcquire, L"Failed to load %s for component [%s], error %d",
@@ -41,8 +41,8 @@ int32_t ComponentHandle::Acquire(const ComponentLibraryLocation& location, const
         return error;
     }
     os::ClearLastSystemError();
-    auto create = reinterpret_cast<Ovra::CreateObjectFn>(os::FindSymbol(library_, "QvCreateObject"));
-    destroy_ = reinterpret_cast<Ovra::DestroyObjectFn>(os::FindSymbol(library_, "QvDestroyObject"));
+    auto create = library_.Function<Ovra::CreateObjectFn>("QvCreateObject");
+    destroy_ = library_.Function<Ovra::DestroyObjectFn>("QvDestroyObject");
     if (!create || !destroy_) {
         error = SystemErrorOr632(os::LastSystemError());
         logging::Log(logging::kWarning, kAcquire, L"%s exports no QvCreateObject/QvDestroyObject, error %d",
@@ -89,8 +89,7 @@ void ComponentHandle::Release() noexcept {
     if (object_ && destroy_) destroy_(name_.c_str(), object_);
     object_ = nullptr;
     destroy_ = nullptr;
-    os::ReleaseModule(library_);
-    library_ = nullptr;
+    library_.Reset();
 }
 
 }  // namespace Product::Integration

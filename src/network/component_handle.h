@@ -51,7 +51,7 @@ public:
     bool Held() const noexcept { return query_ != nullptr; }
 
 private:
-    os::ModuleHandle library_ = nullptr;
+    os::LoadedModule library_;
     Ovra::DestroyObjectFn destroy_ = nullptr;
     std::wstring name_;
     void* object_ = nullptr;  // the object's base interface, as QvCreateObject gave it

@@ -32,7 +32,6 @@ struct IPv4 {
     }
     // Numeric order of the addresses; the prefix plays no part.
     static bool Less(const IPv4& a, const IPv4& b) noexcept { return a.Value() < b.Value(); }
-    static bool SameAddress(const IPv4& a, const IPv4& b) noexcept { return a.address == b.address; }
 
     // Reads "a.b.c.d" or "a.b.c.d/p". Split at the last '/': no prefix text
     // (none, or nothing after the '/') gives 32; otherwise 1 to 3 decimal
@@ -59,7 +58,6 @@ struct IPv6 {
     static bool Less(const IPv6& a, const IPv6& b) noexcept {
         return CompareAddress16(a.address.data(), b.address.data()) < 0;
     }
-    static bool SameAddress(const IPv6& a, const IPv6& b) noexcept { return a.address == b.address; }
 
     // As IPv4::FromString with 128 in place of 32, for any IPv6 text form
     // without zone or brackets.

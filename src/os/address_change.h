@@ -50,8 +50,6 @@ public:
     // Withdraws the request in place, if any.
     void Cancel();
 
-    // Changes seen by Wait so far (for diagnostics and measurements).
-    uint64_t ChangesSeen() const noexcept { return changes_; }
     // Times Wait returned because something woke it (a change or the stop
     // event), as opposed to a time-out.
     uint64_t WakeUps() const noexcept { return wakeUps_; }
@@ -60,7 +58,6 @@ public:
 
 private:
     std::unique_ptr<Native> native_;
-    uint64_t changes_ = 0;
     uint64_t wakeUps_ = 0;
 };
 

@@ -81,7 +81,6 @@ AddressChangeWatch::WaitResult AddressChangeWatch::Wait(AutoResetEvent& stop, ui
         // An overrun shows as POLLERR on the socket: a change as well.
         if (fds[0].revents & (POLLIN | POLLERR)) {
             Drain(socketFd);
-            ++changes_;
             return WaitResult::kChanged;
         }
         if (fds[0].revents & POLLNVAL) return WaitResult::kFailed;

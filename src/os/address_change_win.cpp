@@ -47,7 +47,6 @@ AddressChangeWatch::WaitResult AddressChangeWatch::Wait(AutoResetEvent& stop, ui
     if (r == WAIT_OBJECT_0) {
         native_->pending = false;
         ++wakeUps_;
-        ++changes_;
         return WaitResult::kChanged;
     }
     if (r == WAIT_OBJECT_0 + 1) {

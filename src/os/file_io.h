@@ -1,5 +1,7 @@
 #pragma once
-// Opening, reading and replacing files by wide path.
+// Opening, reading and replacing files by wide path. The replace and append
+// protocols are written once (file_io.cpp) over each system's steps
+// (file_io_steps.h).
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -34,16 +36,19 @@ ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstr
 // is flushed to the disk and then renamed over `path`. The folder must exist.
 // False on failure, with `path` unchanged, no temporary file left behind, and
 // `error` (when given) describing the step that failed and the system's
-// reason. Any thread; calls for the same path are the caller's to order (the
-// last rename wins).
+// reason. A file at `path` marked read-only is never replaced (false, with
+// "writing <path>: the file is read-only"). Any thread; calls for the same
+// path are the caller's to order (the last rename wins).
 [[nodiscard]] bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::wstring* error = nullptr);
 
 // Appends `bytes` to the existing file at `path` and flushes them to the
 // disk before returning true. A stop of the process or the machine meanwhile
 // may leave any prefix of `bytes` at the end of the file: a reader must be
 // able to recognise a partial append. On failure (`error` as above) the file
-// is cut back to its old length where the system allows it. Any thread; the
-// caller orders appends to the same file.
+// is cut back to its old length where the system allows it. A read-only file
+// is refused as by WriteFileAtomically, even where the system would let the
+// caller write it (root on Linux). Any thread; the caller orders appends to
+// the same file.
 [[nodiscard]] bool AppendDurably(const std::wstring& path, std::string_view bytes, std::wstring* error = nullptr);
 
 }  // namespace os

@@ -2,8 +2,9 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <cstdio>
+
+#include "os/file_io_steps.h"
 
 namespace os {
 
@@ -13,21 +14,8 @@ FilePtr OpenFile(const std::wstring& path, const wchar_t* mode) {
 
 namespace {
 
-// "<what> <path>: error <code>: <the system's text>".
 void Describe(std::wstring* error, const wchar_t* what, const std::wstring& path, DWORD code) {
-    if (!error) return;
-    *error = std::wstring(what) + L" " + path + L": error " + std::to_wstring(code);
-    wchar_t* text = nullptr;
-    const DWORD length =
-        ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                         nullptr, code, 0, reinterpret_cast<LPWSTR>(&text), 0, nullptr);
-    if (length && text) {
-        std::wstring message(text, length);
-        while (!message.empty() && (message.back() == L'\r' || message.back() == L'\n' || message.back() == L' '))
-            message.pop_back();
-        if (!message.empty()) *error += L": " + message;
-    }
-    if (text) ::LocalFree(text);
+    if (error) *error = file_steps::Describe(what, path, code);
 }
 
 class Handle {
@@ -36,19 +24,11 @@ public:
     ~Handle() { Close(); }
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
-    Handle& operator=(Handle&& other) noexcept {
-        Close();
-        handle_ = other.handle_;
-        other.handle_ = INVALID_HANDLE_VALUE;
-        return *this;
-    }
     HANDLE get() const noexcept { return handle_; }
     bool valid() const noexcept { return handle_ != INVALID_HANDLE_VALUE; }
-    bool Close() noexcept {
-        if (!valid()) return true;
-        const BOOL closed = ::CloseHandle(handle_);
+    void Close() noexcept {
+        if (valid()) ::CloseHandle(handle_);
         handle_ = INVALID_HANDLE_VALUE;
-        return closed != FALSE;
     }
 
 private:
@@ -88,78 +68,108 @@ ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstr
     return ReadResult::kRead;
 }
 
-bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::wstring* error) {
-    if (BadPath(path) || path.back() == L'\\' || path.back() == L'/') {
-        Describe(error, L"writing", path, ERROR_INVALID_PARAMETER);
-        return false;
-    }
-    // A fresh name beside the target keeps the rename within one volume.
-    static std::atomic<unsigned> counter{0};
-    std::wstring temporary;
-    Handle file;
-    DWORD code = ERROR_SUCCESS;
-    for (int attempt = 0; attempt < 100 && !file.valid(); ++attempt) {
-        temporary = path + L".tmp-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(counter++);
-        file = Handle(
-            ::CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-        code = ::GetLastError();
-        // A name left by an earlier process: try the next.
-        if (!file.valid() && code != ERROR_FILE_EXISTS && code != ERROR_ALREADY_EXISTS) break;
-    }
-    if (!file.valid()) {
-        Describe(error, L"creating a temporary file beside", path, code);
-        return false;
-    }
-    auto fail = [&](const wchar_t* what, DWORD failure) {
-        file.Close();
-        ::DeleteFileW(temporary.c_str());
-        Describe(error, what, path, failure);
-        return false;
-    };
-    while (!bytes.empty()) {
-        const DWORD chunk = static_cast<DWORD>(bytes.size() < 0x40000000u ? bytes.size() : 0x40000000u);
-        DWORD written = 0;
-        if (!::WriteFile(file.get(), bytes.data(), chunk, &written, nullptr))
-            return fail(L"writing the temporary file for", ::GetLastError());
-        bytes.remove_prefix(written);
-    }
-    if (!::FlushFileBuffers(file.get())) return fail(L"flushing the temporary file for", ::GetLastError());
-    if (!file.Close()) return fail(L"closing the temporary file for", ::GetLastError());
-    // Write-through: the call returns once the rename is on the disk.
-    if (!::MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-        return fail(L"renaming the temporary file to", ::GetLastError());
-    return true;
+namespace file_steps {
+
+namespace {
+
+HANDLE Native(NativeFile file) noexcept { return reinterpret_cast<HANDLE>(file); }
+
+NativeFile FromNative(HANDLE handle) noexcept { return reinterpret_cast<NativeFile>(handle); }
+
+ErrorCode Opened(HANDLE handle, NativeFile& file) {
+    if (handle == INVALID_HANDLE_VALUE) return ::GetLastError();
+    file = FromNative(handle);
+    return 0;
 }
 
-bool AppendDurably(const std::wstring& path, std::string_view bytes, std::wstring* error) {
-    if (BadPath(path)) {
-        Describe(error, L"appending to", path, ERROR_INVALID_PARAMETER);
-        return false;
-    }
-    Handle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                              FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file.valid()) {
-        Describe(error, L"opening for appending", path, ::GetLastError());
-        return false;
-    }
-    LARGE_INTEGER oldLength{};
-    const bool atEnd = ::SetFilePointerEx(file.get(), LARGE_INTEGER{}, &oldLength, FILE_END) != FALSE;
-    auto fail = [&](const wchar_t* what, DWORD code) {
-        if (atEnd && ::SetFilePointerEx(file.get(), oldLength, nullptr, FILE_BEGIN)) ::SetEndOfFile(file.get());
-        Describe(error, what, path, code);
-        return false;
-    };
-    if (!atEnd) return fail(L"finding the end of", ::GetLastError());
+}  // namespace
+
+ErrorCode InvalidPathCode() noexcept { return ERROR_INVALID_PARAMETER; }
+
+bool UsablePath(const std::wstring& path, Target target) {
+    return !BadPath(path) && (target != Target::kReplaced || (path.back() != L'\\' && path.back() != L'/'));
+}
+
+bool IsReadOnly(const std::wstring& path) {
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 &&
+           (attributes & FILE_ATTRIBUTE_READONLY) != 0;
+}
+
+ErrorCode CreateNew(const std::wstring& path, NativeFile& file) {
+    return Opened(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr),
+                  file);
+}
+
+bool AlreadyExists(ErrorCode code) noexcept { return code == ERROR_FILE_EXISTS || code == ERROR_ALREADY_EXISTS; }
+
+ErrorCode OpenToAppend(const std::wstring& path, NativeFile& file) {
+    return Opened(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                FILE_ATTRIBUTE_NORMAL, nullptr),
+                  file);
+}
+
+// Positioned writes: an append's file is at its end once LengthOf has run.
+ErrorCode WriteAll(NativeFile file, std::string_view bytes) {
     while (!bytes.empty()) {
         const DWORD chunk = static_cast<DWORD>(bytes.size() < 0x40000000u ? bytes.size() : 0x40000000u);
         DWORD written = 0;
-        if (!::WriteFile(file.get(), bytes.data(), chunk, &written, nullptr))
-            return fail(L"appending to", ::GetLastError());
+        if (!::WriteFile(Native(file), bytes.data(), chunk, &written, nullptr)) return ::GetLastError();
         bytes.remove_prefix(written);
     }
-    if (!::FlushFileBuffers(file.get())) return fail(L"flushing", ::GetLastError());
-    if (!file.Close()) return fail(L"closing", ::GetLastError());
-    return true;
+    return 0;
 }
+
+// Also moves the file's position to its end, where an append writes.
+ErrorCode LengthOf(NativeFile file, uint64_t& length) {
+    LARGE_INTEGER end{};
+    if (!::SetFilePointerEx(Native(file), LARGE_INTEGER{}, &end, FILE_END)) return ::GetLastError();
+    length = static_cast<uint64_t>(end.QuadPart);
+    return 0;
+}
+
+void CutBack(NativeFile file, uint64_t length) noexcept {
+    if (file == kNoFile) return;
+    LARGE_INTEGER position{};
+    position.QuadPart = static_cast<LONGLONG>(length);
+    if (::SetFilePointerEx(Native(file), position, nullptr, FILE_BEGIN)) ::SetEndOfFile(Native(file));
+}
+
+ErrorCode FlushToDisk(NativeFile file) { return ::FlushFileBuffers(Native(file)) ? 0 : ::GetLastError(); }
+
+ErrorCode Close(NativeFile file) noexcept { return ::CloseHandle(Native(file)) ? 0 : ::GetLastError(); }
+
+// Write-through: the call returns once the rename is on the disk.
+ErrorCode Replace(const std::wstring& from, const std::wstring& to) {
+    return ::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)
+               ? 0
+               : ::GetLastError();
+}
+
+// MoveFileExW's write-through already made the rename durable.
+void FlushFolderOf(const std::wstring&) noexcept {}
+
+void Remove(const std::wstring& path) noexcept { ::DeleteFileW(path.c_str()); }
+
+unsigned long ProcessId() noexcept { return ::GetCurrentProcessId(); }
+
+// "<what> <path>: error <code>: <the system's text>".
+std::wstring Describe(const wchar_t* what, const std::wstring& path, ErrorCode code) {
+    std::wstring text = std::wstring(what) + L" " + path + L": error " + std::to_wstring(code);
+    wchar_t* message = nullptr;
+    const DWORD length =
+        ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                         nullptr, code, 0, reinterpret_cast<LPWSTR>(&message), 0, nullptr);
+    if (length && message) {
+        std::wstring words(message, length);
+        while (!words.empty() && (words.back() == L'\r' || words.back() == L'\n' || words.back() == L' '))
+            words.pop_back();
+        if (!words.empty()) text += L": " + words;
+    }
+    if (message) ::LocalFree(message);
+    return text;
+}
+
+}  // namespace file_steps
 
 }  // namespace os

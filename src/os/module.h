@@ -43,6 +43,48 @@ void* FindSymbol(ModuleHandle module, const char* name) noexcept;
 
 void ReleaseModule(ModuleHandle module) noexcept;
 
+// A loaded library, released when the handle goes; a load that failed
+// leaves the handle empty with the system's reason. Movable, not copyable.
+// One owner at a time: not to be shared between threads without a lock.
+class LoadedModule {
+public:
+    LoadedModule() = default;  // empty, no error
+    ~LoadedModule() { Reset(); }
+    LoadedModule(LoadedModule&& other) noexcept;
+    LoadedModule& operator=(LoadedModule&& other) noexcept;
+    LoadedModule(const LoadedModule&) = delete;
+    LoadedModule& operator=(const LoadedModule&) = delete;
+
+    // As LoadModule, LoadModuleWithItsDependencies and FindLoadedModule.
+    static LoadedModule Load(const std::wstring& path);
+    static LoadedModule LoadWithItsDependencies(const std::wstring& path);
+    // Empty without an error when the library is not loaded.
+    static LoadedModule FindLoaded(const std::wstring& fileName);
+
+    explicit operator bool() const noexcept { return handle_ != nullptr; }
+    // The exported function `name` as `Fn`, or null (also when empty).
+    template <class Fn>
+    Fn Function(const char* name) const noexcept {
+        return reinterpret_cast<Fn>(FindSymbol(handle_, name));
+    }
+    // Why the load failed, in the system's words, and the system's code (0
+    // where it gives none); "" and 0 when it did not fail.
+    const std::wstring& error() const noexcept { return error_; }
+    uint32_t errorCode() const noexcept { return errorCode_; }
+
+    // Releases the library now (nothing when empty) and forgets any error.
+    void Reset() noexcept;
+
+private:
+    explicit LoadedModule(ModuleHandle handle) noexcept : handle_(handle) {}
+    // Takes the outcome of the thread's last load.
+    static LoadedModule FromLoad(ModuleHandle handle);
+
+    ModuleHandle handle_ = nullptr;
+    std::wstring error_;
+    uint32_t errorCode_ = 0;
+};
+
 // Full path of the binary (executable or library) that contains `address`.
 std::wstring ModulePathOf(const void* address);
 

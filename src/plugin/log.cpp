@@ -30,21 +30,18 @@ public:
 };
 
 template <class Fn>
-void Bind(os::ModuleHandle module, const char* name, Fn& slot) {
-    slot = reinterpret_cast<Fn>(os::FindSymbol(module, name));
+void Bind(const os::LoadedModule& module, const char* name, Fn& slot) {
+    slot = module.Function<Fn>(name);
 }
 
 }  // namespace
 
 CLogDLL::CLogDLL(const std::wstring& fileName, const std::wstring& directory, void* moduleBase)
     : moduleBase_(moduleBase) {
-    module_ = os::FindLoadedModule(fileName);
-    if (!module_ && !directory.empty()) {
-        module_ = os::LoadModule(os::JoinPath(directory, fileName));
-        if (!module_) loadError_ = os::LastModuleError();
-    }
+    module_ = os::LoadedModule::FindLoaded(fileName);
+    if (!module_ && !directory.empty()) module_ = os::LoadedModule::Load(os::JoinPath(directory, fileName));
     if (module_) {
-        if (auto init = reinterpret_cast<LogProc>(os::FindSymbol(module_, "LogInit"))) init();
+        if (auto init = module_.Function<LogProc>("LogInit")) init();
         Bind(module_, "LogApplySettings", logApplySettings_);
         Bind(module_, "LogSetSettingsFile", logSetSettingsFile_);
         Bind(module_, "LogEnable", logEnable_);
@@ -69,10 +66,10 @@ CLogDLL::CLogDLL(const std::wstring& fileName, const std::wstring& directory, vo
 
 CLogDLL::~CLogDLL() {
     if (!module_) return;
-    if (auto deinit = reinterpret_cast<LogProc>(os::FindSymbol(module_, "LogDeinit"))) deinit();
+    if (auto deinit = module_.Function<LogProc>("LogDeinit")) deinit();
     if (logUninitDeskMetrics_) logUninitDeskMetrics_();
     if (logRemoveModule_) reinterpret_cast<void (*)(const char*)>(logRemoveModule_)("logging::CLogDLL::~CLogDLL");
-    os::ReleaseModule(module_);
+    module_.Reset();
 }
 
 int CLogDLL::BoundEntryCount() const noexcept {

@@ -42,11 +42,11 @@ public:
     int32_t Write(int16_t nestingStep, int32_t level, const wchar_t* function, const wchar_t* format, ...);
     int32_t WriteV(int16_t nestingStep, int32_t level, const wchar_t* function, const wchar_t* format, va_list args);
 
-    bool LibraryLoaded() const noexcept { return module_ != nullptr; }
+    bool LibraryLoaded() const noexcept { return static_cast<bool>(module_); }
     // Why loading the library from the directory failed, in the system's
     // words; "" when it loaded, was already loaded or was not looked for.
     // Nothing can be logged about it, the library being the log.
-    const std::wstring& LoadError() const noexcept { return loadError_; }
+    const std::wstring& LoadError() const noexcept { return module_.error(); }
     // True when "LogWrite" came from the library rather than the silent stand-in.
     bool WriterBound() const noexcept { return writeBound_; }
     // Number of the library's optional entry points that were found.
@@ -62,8 +62,7 @@ public:
     static bool Exists() noexcept;
 
 private:
-    os::ModuleHandle module_ = nullptr;
-    std::wstring loadError_;
+    os::LoadedModule module_;
     LogProc logApplySettings_ = nullptr;
     LogProc logSetSettingsFile_ = nullptr;
     LogProc logEnable_ = nullptr;

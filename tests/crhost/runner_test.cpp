@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "host_process.h"
 #include "os/file_io.h"
 #include "os/file_system.h"

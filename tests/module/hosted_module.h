@@ -14,7 +14,7 @@
 #include "host/method_call.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "model/conditional_runner.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"

@@ -49,3 +49,27 @@ TEST(FileIo, FailuresNameThePathAndLeaveNothingBehind) {
     EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::path(folder)));
     EXPECT_EQ(EntriesIn(dir.path()), 1u);
 }
+
+TEST(FileIo, AReadOnlyFileIsNeitherReplacedNorAppendedTo) {
+    namespace fs = std::filesystem;
+    testing_support::TempDir dir;
+    const std::wstring path = dir.File(L"data.json");
+    ASSERT_TRUE(os::WriteFileAtomically(path, "kept\n"));
+    fs::permissions(fs::path(path), fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write,
+                    fs::perm_options::remove);
+    const fs::perms readOnly = fs::status(fs::path(path)).permissions();
+    std::wstring error;
+    EXPECT_FALSE(os::WriteFileAtomically(path, "new\n", &error));
+    EXPECT_NE(error.find(path), std::wstring::npos) << error;
+    EXPECT_NE(error.find(L"read-only"), std::wstring::npos) << error;
+    error.clear();
+    EXPECT_FALSE(os::AppendDurably(path, "more\n", &error));
+    EXPECT_NE(error.find(L"read-only"), std::wstring::npos) << error;
+    std::string bytes;
+    EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kRead);
+    EXPECT_EQ(bytes, "kept\n");
+    EXPECT_EQ(fs::status(fs::path(path)).permissions(), readOnly);
+    EXPECT_EQ(EntriesIn(dir.path()), 1u);
+    // The folder can still be emptied.
+    fs::permissions(fs::path(path), fs::perms::owner_write, fs::perm_options::add);
+}

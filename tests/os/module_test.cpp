@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "os/environment.h"
 #include "os/module.h"
 #include "support/log_capture.h"
@@ -24,6 +26,33 @@ TEST(Module, NeverSearchesForABareNameAndReportsMissingFiles) {
     EXPECT_EQ(again, module);
     os::ReleaseModule(again);
     os::ReleaseModule(module);
+}
+
+TEST(LoadedModule, HoldsTheLibraryUntilItsLastHandleGoesAndKeepsTheReasonOfAFailedLoad) {
+    const std::wstring name = os::SharedLibraryFileName(L"logwrite_only");
+    testing_support::TempDir empty;
+    const os::LoadedModule missing = os::LoadedModule::Load(empty.File(name));
+    EXPECT_FALSE(missing);
+    EXPECT_FALSE(missing.error().empty());
+    EXPECT_EQ(missing.Function<void (*)()>("LogWrite"), nullptr);
+    const std::wstring reason = missing.error();
+    {
+        os::LoadedModule loaded = os::LoadedModule::Load(os::JoinPath(testing_support::ProgramDirectory(), name));
+        ASSERT_TRUE(loaded) << loaded.error();
+        EXPECT_EQ(loaded.error(), L"");
+        EXPECT_EQ(loaded.errorCode(), 0u);
+        // A later load on the thread leaves what the failed one carries.
+        EXPECT_EQ(missing.error(), reason);
+        EXPECT_NE(loaded.Function<void (*)()>("LogWrite"), nullptr);
+        const os::LoadedModule moved = std::move(loaded);
+        EXPECT_FALSE(loaded);
+        EXPECT_NE(moved.Function<void (*)()>("LogWrite"), nullptr);
+        EXPECT_TRUE(os::LoadedModule::FindLoaded(name));
+    }
+    // Given back with its last handle.
+    const os::LoadedModule after = os::LoadedModule::FindLoaded(name);
+    EXPECT_FALSE(after);
+    EXPECT_EQ(after.error(), L"");
 }
 
 TEST(Module, KnowsWhereTheRunningBinaryLives) {

@@ -14,7 +14,7 @@
 #include "conditions/manager.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
 #include "qv/status.h"

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "os/utf8.h"
 #include "qv/status.h"
 #include "runner/runner_store.h"

@@ -39,8 +39,16 @@
 //
 // Thread-safe: one mutex guards the current tree and the file. The store must
 // outlive its nodes.
+//
+// The parts live beside this file: the tree (tree.h), values' entries
+// (value_entry.h), the file's form of the tree (file_format.h), its journal
+// (journal.h), the JSON writer (json_text.h), paths (settings_path.h) and
+// open nodes (open_node.h).
+//
+// A state file that is read-only (while its folder is writable) is kept as
+// it is: every commit fails with kFunctionFailed, LastCommitError naming the
+// read-only file, and neither the tree nor the file changes.
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -49,6 +57,11 @@
 #include "qv/settings_store.h"
 
 namespace host {
+
+namespace settings {
+struct Node;
+struct Changes;
+}  // namespace settings
 
 class SettingsStore final : public IEPSettings {
 public:
@@ -80,8 +93,8 @@ public:
     int32_t OpenForWrite(const wchar_t* path, IEPSettingsNode** node) override;
 
     // The tree's representation and a writing node's pending changes.
-    struct Node;
-    struct Changes;
+    using Node = settings::Node;
+    using Changes = settings::Changes;
     using NodePtr = std::shared_ptr<const Node>;
 
 private:

@@ -10,7 +10,7 @@
 #include <json/reader.h>
 
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
 #include "qv/status.h"
@@ -262,6 +262,37 @@ TEST(SettingsStore, CommitReplacesTheFileWholeOrNotAtAll) {
     // Only the two files: no temporary file is left by either commit.
     const std::filesystem::directory_iterator entries{std::filesystem::path(f.dir.path())};
     EXPECT_EQ(std::distance(begin(entries), end(entries)), 2);
+}
+
+// A state file marked read-only in a writable folder is respected: every
+// commit fails alike, whether it would append or write the file whole, and
+// the file is neither changed nor replaced.
+TEST(SettingsStore, AReadOnlyFileRefusesEveryCommitAlikeAndIsNeverReplaced) {
+    namespace fs = std::filesystem;
+    Fixture f;
+    Put(*f.store, L"/A", L"v", L"1");
+    const std::string bytes = Bytes(f.file);
+    const fs::path file(f.file);
+    fs::permissions(file, fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write,
+                    fs::perm_options::remove);
+    const fs::perms readOnly = fs::status(file).permissions();
+    auto node = Open(*f.store, L"/A", true);
+    // The first commit would append to the journal; after its failure the
+    // next would write the whole tree anew.
+    for (const wchar_t* value : {L"2", L"3", L"4"}) {
+        ASSERT_EQ(node->SetString(L"v", value), status::kSuccess);
+        EXPECT_EQ(node->Commit(), status::kFunctionFailed) << value;
+        const std::wstring why = f.store->LastCommitError();
+        EXPECT_NE(why.find(f.file), std::wstring::npos) << why;
+        EXPECT_NE(why.find(L"read-only"), std::wstring::npos) << why;
+        EXPECT_EQ(StringOf(*Open(*f.store, L"/A"), L"v"), L"1");
+        EXPECT_EQ(Bytes(f.file), bytes);
+        EXPECT_EQ(fs::status(file).permissions(), readOnly);
+    }
+    // Writable again, the node's pending change commits.
+    fs::permissions(file, fs::perms::owner_write, fs::perm_options::add);
+    ASSERT_EQ(node->Commit(), status::kSuccess);
+    EXPECT_EQ(StringOf(*Open(*f.Reopen(), L"/A"), L"v"), L"4");
 }
 
 TEST(SettingsStore, IndentedFilesOpenAndCommitsKeepWhatTheyDidNotTouch) {

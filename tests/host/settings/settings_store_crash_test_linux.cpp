@@ -14,7 +14,7 @@
 #include <string>
 #include <thread>
 
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "os/utf8.h"
 #include "support/log_capture.h"
 
