@@ -8,9 +8,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include <json/reader.h>
 #include <json/writer.h>
 
-#include "json/strict_json.h"
 #include "os/utf8.h"
 #include "os/wall_time.h"
 #include "plugin/call_trace.h"
@@ -31,8 +31,12 @@ constexpr const wchar_t* kCaller = L"ovrahostsvc.exe";
 Json::Value ParseResponse(const std::wstring& response) {
     Json::Value parsed;
     if (response.empty()) return parsed;
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = true;
     const std::string text = os::WideToUtf8Lossy(response);
-    if (strict_json::Parse(text, parsed, nullptr, strict_json::Root::kAnyValue) != strict_json::Outcome::kParsed) {
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &errors)) {
         logging::Log(logging::kWarning, kReEvalRules, L"Cannot parse response %S", text.c_str());
         parsed = Json::Value();
     }
