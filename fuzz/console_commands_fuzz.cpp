@@ -31,8 +31,6 @@
 #include <string_view>
 #include <vector>
 
-#include <unistd.h>
-
 #include <json/reader.h>
 
 #include "agent/conditional_runner_agent.h"
@@ -46,6 +44,7 @@
 #include "plugin/module_names.h"
 #include "qv/status.h"
 #include "runner/conditional_runner_al.h"
+#include "scratch_folder.h"
 
 namespace {
 
@@ -231,21 +230,11 @@ Json::Value SetJson(const SetItem& set) {
 // whole run; a store, runner and agent made anew for every input.
 class Bench {
 public:
-    Bench() : host_(true) {
-        std::error_code error;
-        std::filesystem::path base = std::filesystem::exists("/dev/shm", error) ? std::filesystem::path("/dev/shm")
-                                                                                 : std::filesystem::temp_directory_path();
-        folder_ = base / ("cr-fuzz-console-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(folder_);
+    Bench() : host_(true), folder_("console") {
         host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
         host_.components().Register(qv::names::kConditionManager, static_cast<IServPlugin*>(&manager_));
         FUZZ_CHECK(manager_.Init(host_.main()) == 0, "the condition manager does not start");
     }
-    ~Bench() {
-        std::error_code error;
-        std::filesystem::remove_all(folder_, error);
-    }
-
     // A fresh state file, runner and agent; the runner is not started.
     void Begin() {
         std::error_code error;
@@ -281,7 +270,7 @@ public:
     }
 
 private:
-    std::wstring File() const { return (folder_ / "state.json").wstring(); }
+    std::wstring File() const { return (folder_.path() / "state.json").wstring(); }
 
     void Open(bool start) {
         std::wstring error;
@@ -302,7 +291,7 @@ private:
     host::ReferenceHost host_;
     host::NetworkProviderStandIn provider_;
     Manager manager_;
-    std::filesystem::path folder_;
+    fuzz_support::ScratchFolder folder_;
     std::unique_ptr<host::SettingsStore> store_;
     std::unique_ptr<ConditionalRunnerAL> runner_;
     std::unique_ptr<ConditionalRunnerAgent> agent_;

@@ -19,8 +19,6 @@
 #include <string_view>
 #include <vector>
 
-#include <unistd.h>
-
 #include <json/reader.h>
 
 #include "console.h"
@@ -29,6 +27,7 @@
 #include "line_splitter.h"
 #include "os/utf8.h"
 #include "output.h"
+#include "scratch_folder.h"
 #include "stop_request.h"
 
 namespace {
@@ -41,8 +40,8 @@ constexpr size_t kLineLimit = 200;
 class Bench {
 public:
     Bench()
-        : folder_(Scratch()),
-          hosted_(OpenStore(folder_ / "state.json")),
+        : folder_("crhost"),
+          hosted_(OpenStore(folder_.path() / "state.json")),
           output_(crhost::Output::Format::kJsonLines, [this](const std::string& line) { written_.push_back(line); }) {
         std::wstring error;
         const std::filesystem::path module =
@@ -50,13 +49,11 @@ public:
         FUZZ_CHECK(hosted_.Start(module.wstring(), error), "the module does not start: %s",
                    os::WideToUtf8Lossy(error).c_str());
         stop_.Request();
-        console_ = std::make_unique<crhost::Console>(hosted_, output_, stop_, (folder_ / "state.json").wstring());
+        console_ = std::make_unique<crhost::Console>(hosted_, output_, stop_, (folder_.path() / "state.json").wstring());
     }
     ~Bench() {
         console_.reset();
         static_cast<void>(hosted_.Stop());
-        std::error_code error;
-        std::filesystem::remove_all(folder_, error);
     }
 
     crhost::Console& console() { return *console_; }
@@ -64,15 +61,6 @@ public:
     std::vector<std::string>& written() { return written_; }
 
 private:
-    static std::filesystem::path Scratch() {
-        std::error_code error;
-        const std::filesystem::path base = std::filesystem::exists("/dev/shm", error)
-                                               ? std::filesystem::path("/dev/shm")
-                                               : std::filesystem::temp_directory_path();
-        std::filesystem::path folder = base / ("cr-fuzz-crhost-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(folder);
-        return folder;
-    }
     static std::unique_ptr<host::SettingsStore> OpenStore(const std::filesystem::path& file) {
         std::wstring error;
         std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(file.wstring(), error);
@@ -80,7 +68,7 @@ private:
         return store;
     }
 
-    std::filesystem::path folder_;
+    fuzz_support::ScratchFolder folder_;
     crhost::HostedModule hosted_;
     std::vector<std::string> written_;
     crhost::Output output_;

@@ -13,12 +13,11 @@
 #include <string>
 #include <vector>
 
-#include <unistd.h>
-
 #include <json/value.h>
 
 #include "fuzz_check.h"
 #include "host/settings_store.h"
+#include "scratch_folder.h"
 #include "os/utf8.h"
 
 namespace {
@@ -28,25 +27,10 @@ constexpr size_t kMaxNodes = 512;
 // The value names the runner and the tests use.
 const wchar_t* const kValueNames[] = {L"", L"enabled", L"id", L"displayName", L"methods", L"context", L"data", L"a"};
 
-std::filesystem::path Folder() {
-    static const std::filesystem::path folder = [] {
-        std::error_code error;
-        const std::filesystem::path base = std::filesystem::exists("/dev/shm", error)
-                                               ? std::filesystem::path("/dev/shm")
-                                               : std::filesystem::temp_directory_path();
-        std::filesystem::path made = base / ("cr-fuzz-settings-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(made);
-        return made;
-    }();
-    return folder;
+const std::filesystem::path& Folder() {
+    static const fuzz_support::ScratchFolder folder("settings");
+    return folder.path();
 }
-
-struct RemoveFolderAtExit {
-    ~RemoveFolderAtExit() {
-        std::error_code error;
-        std::filesystem::remove_all(Folder(), error);
-    }
-} removeFolderAtExit;
 
 std::string ReadFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
