@@ -17,7 +17,7 @@
 //   E 0|1 | S MIN MAX      SetEnabled, SetSettings
 //   N NAME                 command NAME without a request
 //   J NAME JSON            command NAME with that request (model re-read)
-//   X                      restart (the first two of an input)
+//   X                      restart (the first of an input)
 // CONDITION, METHODS and CONTEXT are digits choosing from the tables below.
 // A line that is not UTF-8, or anything else, is skipped.
 #include <algorithm>
@@ -55,7 +55,7 @@ namespace status = qv::status;
 
 constexpr size_t kMaxCommands = 48;
 constexpr size_t kMaxItems = 12;  // rules or method sets in one command
-constexpr size_t kMaxRestarts = 2;
+constexpr size_t kMaxRestarts = 1;
 
 Json::Value Parse(std::string_view text) {
     Json::CharReaderBuilder builder;
