@@ -34,6 +34,7 @@
 #include <json/reader.h>
 
 #include "agent/conditional_runner_agent.h"
+#include "conditions/boolean_and_or.h"
 #include "conditions/manager.h"
 #include "fuzz_check.h"
 #include "host/method_call.h"
@@ -50,6 +51,7 @@ namespace {
 
 using Product::Integration::ConditionalRunner::ConditionalRunnerAgent;
 using Product::Integration::ConditionalRunner::ConditionalRunnerAL;
+using Product::Integration::ConditionManager::ConditionAggregate;
 using Product::Integration::ConditionManager::Manager;
 namespace status = qv::status;
 
@@ -234,6 +236,13 @@ public:
         host_.components().Register(host::NetworkProviderStandIn::kName, &provider_);
         host_.components().Register(qv::names::kConditionManager, static_cast<IServPlugin*>(&manager_));
         FUZZ_CHECK(manager_.Init(host_.main()) == 0, "the condition manager does not start");
+        // A queue keeps its worker thread while a handle on its name is
+        // open: those held here (the runner's, the AND/OR conditions') spare
+        // a thread and its join per input.
+        for (const wchar_t* name : {ConditionalRunnerAL::kQueueName, ConditionAggregate::kQueueName}) {
+            IEventQueue* queue = nullptr;
+            FUZZ_CHECK(host_.queues().CreateQueue(name, &queue) == 0, "a queue cannot be opened");
+        }
     }
     // A fresh state file, runner and agent; the runner is not started.
     void Begin() {
