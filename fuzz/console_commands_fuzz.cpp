@@ -1,11 +1,15 @@
 // The console's commands through the agent and the real runner over the
-// reference host, checked against a model of what the accepted commands did:
-// after every command, GetRules answers the model's rules in order,
-// GetMethodSetIds the model's ids in ordinal order (UTF-16 code units),
-// GetMethodSet each model method set's methods, IsEnabled and GetSettings
-// the model's values. A refused command changes none of these; a restart
-// (a new runner over the store reopened from its file) keeps all but the
-// settings, which are not stored.
+// reference host, checked against a model of what the accepted commands did.
+// Every status is the one the model expects: a rule whose condition cannot be
+// built is left out of SetRules and UpdateRulesAndMethods and named in
+// "rulesErrors" (the others are installed, the method sets still stored); a
+// method-set id holding NUL, or "/" in a non-empty one, is refused with 87; a
+// request that cannot be read with 160. After every command GetRules answers
+// the model's rules in order and GetMethodSetIds its ids in ordinal order
+// (UTF-16 code units), so a refused command changed neither; after a restart
+// (a new runner over the store read again from its file) and at the end of
+// the input, each method set's methods, IsEnabled and GetSettings agree too
+// (the settings are not stored: a restart brings back 5 and 60).
 //
 // The input is text, one command per line; arguments are separated by
 // spaces, a backslash takes the next character as it is ("\0" is NUL):
