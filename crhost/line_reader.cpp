@@ -1,7 +1,6 @@
 #include "line_reader.h"
 
 #include <condition_variable>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -37,53 +36,16 @@ struct LineReader::Shared {
         if (available) available->Set();
     }
 
-    // While a line is read, it may hold one byte more than the longest line
-    // kept: a CR that the line's end then drops.
-    static constexpr size_t kMaxHeldBytes = kMaxLineBytes + 1;
-
-    static void MarkTooLong(Line& line) {
-        line.tooLong = true;
-        line.text = std::string();
-    }
-
-    // Ends `line`: drops a CR before its end, then checks its length.
-    static void Complete(Line& line) {
-        if (line.tooLong) return;
-        if (!line.text.empty() && line.text.back() == '\r') line.text.pop_back();
-        if (line.text.size() > kMaxLineBytes) MarkTooLong(line);
-    }
-
     void Read() {
         std::vector<char> buffer(64 * 1024);
-        Line current;
-        current.number = 1;
+        LineSplitter splitter(kMaxLineBytes);
+        const LineSplitter::Emit push = [this](Line line) { return Push(std::move(line)); };
         for (;;) {
             const size_t got = os::ReadStandardInput(buffer.data(), buffer.size());
             if (got == 0) break;
-            const char* at = buffer.data();
-            const char* const end = at + got;
-            while (at < end) {
-                const char* newline = static_cast<const char*>(std::memchr(at, '\n', static_cast<size_t>(end - at)));
-                const char* stop = newline ? newline : end;
-                if (!current.tooLong) {
-                    if (current.text.size() + static_cast<size_t>(stop - at) > kMaxHeldBytes)
-                        MarkTooLong(current);
-                    else
-                        current.text.append(at, stop);
-                }
-                if (!newline) break;
-                at = newline + 1;
-                Complete(current);
-                const uint64_t next = current.number + 1;
-                if (!Push(std::move(current))) return;
-                current = Line{};
-                current.number = next;
-            }
+            if (!splitter.Feed(buffer.data(), got, push)) return;
         }
-        if (!current.text.empty() || current.tooLong) {
-            Complete(current);
-            if (!Push(std::move(current))) return;
-        }
+        if (!splitter.Finish(push)) return;
         End();
     }
 };

@@ -3,10 +3,8 @@
 // own, so that the main thread can wait for the next line or for a stop
 // request, whichever comes first.
 //
-// A line ends at '\n' (a '\r' before it is dropped) or at the end of input.
-// A line longer than kMaxLineBytes is not kept: its bytes are skipped up to
-// its end and it is handed on as "too long", so that no input, however large,
-// exhausts the memory. At most kQueuedLines lines wait to be taken; the
+// Lines are cut as LineSplitter cuts them, lines longer than kMaxLineBytes
+// handed on as "too long". At most kQueuedLines lines wait to be taken; the
 // reader then waits too.
 //
 // Thread rules: Next and Close from one thread (the consumer). The reading
@@ -19,6 +17,7 @@
 #include <optional>
 #include <string>
 
+#include "line_splitter.h"
 #include "os/event.h"
 
 namespace crhost {
@@ -28,11 +27,7 @@ public:
     static constexpr size_t kMaxLineBytes = 8 * 1024 * 1024;
     static constexpr size_t kQueuedLines = 16;
 
-    struct Line {
-        uint64_t number = 0;  // counted from 1
-        std::string text;     // empty when tooLong
-        bool tooLong = false;
-    };
+    using Line = InputLine;
 
     // Starts reading; `available` is set whenever a line (or the end of
     // input) becomes available, so that the consumer can wait for it together

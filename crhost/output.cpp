@@ -1,5 +1,7 @@
 #include "output.h"
 
+#include <utility>
+
 #include <json/writer.h>
 
 #include "os/standard_streams.h"
@@ -25,11 +27,15 @@ std::string CompactJson(const Json::Value& value) {
 }
 
 Output::Output(Format format) : format_(format) {}
+Output::Output(Format format, Sink sink) : format_(format), sink_(std::move(sink)) {}
 
 void Output::Write(const Json::Value& object) {
     const std::string line = format_ == Format::kPretty ? PrettyText(object) : CompactJson(object) + "\n";
     std::lock_guard lock(mutex_);
-    static_cast<void>(os::WriteStandardOutput(line));
+    if (sink_)
+        sink_(line);
+    else
+        static_cast<void>(os::WriteStandardOutput(line));
 }
 
 }  // namespace crhost

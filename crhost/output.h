@@ -5,6 +5,7 @@
 //
 // Thread rule: Write from any thread.
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -27,6 +28,10 @@ public:
     enum class Format { kJsonLines, kPretty };
 
     explicit Output(Format format = Format::kJsonLines);
+    // Writes to `sink` instead of standard output (each call one whole line,
+    // under the output's lock), for reading the answers back in process.
+    using Sink = std::function<void(const std::string& line)>;
+    Output(Format format, Sink sink);
     // Writes `object` and a newline (in the pretty format, its text). Output
     // that can no longer be written (the reader went away) is dropped: the
     // host goes on until its input ends or it is told to stop.
@@ -34,6 +39,7 @@ public:
 
 private:
     const Format format_;
+    const Sink sink_;  // empty: standard output
     std::mutex mutex_;
 };
 
