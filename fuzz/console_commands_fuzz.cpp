@@ -35,7 +35,6 @@
 #include <string_view>
 #include <vector>
 
-#include <json/reader.h>
 
 #include "agent/conditional_runner_agent.h"
 #include "conditions/boolean_and_or.h"
@@ -44,7 +43,8 @@
 #include "host/method_call.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
+#include "json/strict_json.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
 #include "qv/status.h"
@@ -64,16 +64,10 @@ constexpr size_t kMaxItems = 12;  // rules or method sets in one command
 constexpr size_t kMaxRestarts = 1;
 
 Json::Value Parse(std::string_view text) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["strictRoot"] = false;  // the tables hold scalars too
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value value;
-    std::string errors;
-    try {
-        if (reader->parse(text.data(), text.data() + text.size(), &value, &errors)) return value;
-    } catch (const std::exception&) {
-    }
+    // The tables hold scalars too.
+    if (strict_json::Parse(text, value, nullptr, strict_json::Root::kAnyValue) == strict_json::Outcome::kParsed)
+        return value;
     return Json::Value(Json::nullValue);
 }
 
@@ -88,7 +82,8 @@ const ConditionCase kConditions[] = {
     {R"({"type":"boolean.FALSE"})", 0},
     {R"({"type":"boolean.NOT","data":{"condition":{"type":"boolean.TRUE"}}})", 0},
     {R"({"type":"network.IP","data":{"address":"10.1.0.0/16"}})", 0},
-    {R"({"type":"boolean.OR","data":{"conditions":[{"type":"boolean.FALSE"},{"type":"network.DNSSuffix","data":{"suffix":"corp.example"}}]}})", 0},
+    {R"({"type":"boolean.OR","data":{"conditions":[{"type":"boolean.FALSE"},{"type":"network.DNSSuffix","data":{"suffix":"corp.example"}}]}})",
+     0},
     {R"({"type":"no.such.type"})", status::kCallNotImplemented},
     {R"({"type":"network.IP","data":{"address":"not an address"}})", status::kInvalidParameter},
     {R"({"type":"boolean.NOT","data":{"condition":{"type":"unknown"}}})", status::kCallNotImplemented},
@@ -97,15 +92,21 @@ const ConditionCase kConditions[] = {
 };
 // A method set's "methods"; null makes the request unreadable.
 const char* const kMethods[] = {
-    R"([{"plugin":"P","method":"m"}])", "[]", R"({"x":[1,2,{"y":null}]})", R"("text")", "42",
-    "null", R"([{"plugin":"Q","method":"n","params":{"a":"\u0000"}}])",
+    R"([{"plugin":"P","method":"m"}])",
+    "[]",
+    R"({"x":[1,2,{"y":null}]})",
+    R"("text")",
+    "42",
+    "null",
+    R"([{"plugin":"Q","method":"n","params":{"a":"\u0000"}}])",
 };
 // A method set's "context"; null makes the request unreadable.
 const char* const kContexts[] = {R"({"reason":"r"})", "[1]", R"("c")", "null", "false"};
 
 const char* const kCommandNames[] = {
-    "SetRules", "SetMethodSet", "GetMethodSet", "DeleteMethodSet", "DeleteAllMethodSets", "GetMethodSetIds",
-    "GetRules", "GetSettings", "SetSettings", "UpdateRulesAndMethods", "UpdateMethods", "SetEnabled", "IsEnabled",
+    "SetRules",        "SetMethodSet", "GetMethodSet", "DeleteMethodSet", "DeleteAllMethodSets",
+    "GetMethodSetIds", "GetRules",     "GetSettings",  "SetSettings",     "UpdateRulesAndMethods",
+    "UpdateMethods",   "SetEnabled",   "IsEnabled",
 };
 
 std::string Utf8(const std::wstring& text) { return os::WideToUtf8Lossy(text); }
@@ -348,8 +349,8 @@ public:
         FUZZ_CHECK(Call(L"GetMethodSetIds", response) == 0, "GetMethodSetIds refused after %s", after);
         const Json::Value& ids = response["ids"];
         const std::vector<std::wstring> expected = model_.OrderedIds();
-        FUZZ_CHECK(ids.isArray() && ids.size() == expected.size(), "after %s: %u method sets, the model has %zu",
-                   after, ids.size(), expected.size());
+        FUZZ_CHECK(ids.isArray() && ids.size() == expected.size(), "after %s: %u method sets, the model has %zu", after,
+                   ids.size(), expected.size());
         for (Json::ArrayIndex i = 0; i < ids.size(); ++i)
             FUZZ_CHECK(ids[i] == Json::Value(Utf8(expected[i])), "after %s: method set %u is %s, the model's is %s",
                        after, i, ids[i].toStyledString().c_str(), Utf8(expected[i]).c_str());
@@ -375,17 +376,39 @@ public:
         std::optional<std::vector<std::wstring>> args = Arguments(line.substr(1));
         if (!args) return;
         switch (op) {
-            case 'R': SetRules(*args); break;
-            case 'U': UpdateRulesAndMethods(*args); break;
-            case 'M': if (!args->empty()) SetMethodSet(ReadSetItem((*args)[0])); break;
-            case 'u': UpdateMethods(*args); break;
-            case 'g': if (!args->empty()) LookUp((*args)[0]); break;
-            case 'd': if (!args->empty()) Delete((*args)[0]); break;
-            case 'D': DeleteAll(); break;
-            case 'E': if (!args->empty()) SetEnabled((*args)[0] == L"1"); break;
-            case 'S': if (args->size() >= 2) SetSettings((*args)[0], (*args)[1]); break;
-            case 'N': if (!args->empty()) WithoutRequest((*args)[0]); break;
-            case 'J': Raw(line.substr(1)); break;
+            case 'R':
+                SetRules(*args);
+                break;
+            case 'U':
+                UpdateRulesAndMethods(*args);
+                break;
+            case 'M':
+                if (!args->empty()) SetMethodSet(ReadSetItem((*args)[0]));
+                break;
+            case 'u':
+                UpdateMethods(*args);
+                break;
+            case 'g':
+                if (!args->empty()) LookUp((*args)[0]);
+                break;
+            case 'd':
+                if (!args->empty()) Delete((*args)[0]);
+                break;
+            case 'D':
+                DeleteAll();
+                break;
+            case 'E':
+                if (!args->empty()) SetEnabled((*args)[0] == L"1");
+                break;
+            case 'S':
+                if (args->size() >= 2) SetSettings((*args)[0], (*args)[1]);
+                break;
+            case 'N':
+                if (!args->empty()) WithoutRequest((*args)[0]);
+                break;
+            case 'J':
+                Raw(line.substr(1));
+                break;
             case 'X':
                 // A restart waits out the evaluation thread's first breath
                 // (milliseconds): a few per input keep the fuzzer's pace.
@@ -395,7 +418,8 @@ public:
                 model_.maxPostponeTime = 60;
                 Check("a restart", Depth::kFull);
                 break;
-            default: break;
+            default:
+                break;
         }
     }
 
@@ -629,8 +653,8 @@ private:
             const std::string id = rule["id"].asString();
             FUZZ_CHECK(rule["displayName"] == Json::Value("rule " + id),
                        "a rule's display name is not as the fuzzer writes them");
-            model_.rules.push_back({os::Utf8ToWideLossy(id), os::Utf8ToWideLossy(rule["methodSetId"].asString()),
-                                    rule["matchIf"]});
+            model_.rules.push_back(
+                {os::Utf8ToWideLossy(id), os::Utf8ToWideLossy(rule["methodSetId"].asString()), rule["matchIf"]});
         }
         model_.methodSets.clear();
         FUZZ_CHECK(Call(L"GetMethodSetIds", response) == 0, "GetMethodSetIds refused");

@@ -19,11 +19,11 @@
 #include <string_view>
 #include <vector>
 
-#include <json/reader.h>
 
 #include "console.h"
 #include "fuzz_check.h"
 #include "hosted_module.h"
+#include "json/strict_json.h"
 #include "line_splitter.h"
 #include "os/utf8.h"
 #include "output.h"
@@ -49,7 +49,8 @@ public:
         FUZZ_CHECK(hosted_.Start(module.wstring(), error), "the module does not start: %s",
                    os::WideToUtf8Lossy(error).c_str());
         stop_.Request();
-        console_ = std::make_unique<crhost::Console>(hosted_, output_, stop_, (folder_.path() / "state.json").wstring());
+        console_ =
+            std::make_unique<crhost::Console>(hosted_, output_, stop_, (folder_.path() / "state.json").wstring());
     }
     ~Bench() {
         console_.reset();
@@ -108,17 +109,9 @@ void CheckAnswer(const crhost::InputLine& line, const std::string& answer) {
     FUZZ_CHECK(!answer.empty() && answer.back() == '\n' && answer.find('\n') == answer.size() - 1,
                "line %llu: the answer is not one line: %s", static_cast<unsigned long long>(line.number),
                answer.c_str());
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["stackLimit"] = 1000;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value json;
-    std::string errors;
-    bool parsed = false;
-    try {
-        parsed = reader->parse(answer.data(), answer.data() + answer.size() - 1, &json, &errors);
-    } catch (const std::exception&) {
-    }
+    const bool parsed = strict_json::Parse(std::string_view(answer).substr(0, answer.size() - 1), json) ==
+                        strict_json::Outcome::kParsed;
     FUZZ_CHECK(parsed && json.isObject(), "line %llu: the answer is not a JSON object: %s",
                static_cast<unsigned long long>(line.number), answer.c_str());
     if (json.isMember("line")) {
@@ -129,8 +122,8 @@ void CheckAnswer(const crhost::InputLine& line, const std::string& answer) {
         return;
     }
     FUZZ_CHECK(json["status"].isInt() && (json["method"].isString() || json["host"].isString()),
-               "line %llu: an answer without its status and command: %s",
-               static_cast<unsigned long long>(line.number), answer.c_str());
+               "line %llu: an answer without its status and command: %s", static_cast<unsigned long long>(line.number),
+               answer.c_str());
 }
 
 }  // namespace
@@ -155,8 +148,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < lines.size(); ++i)
         FUZZ_CHECK(lines[i].number == expected[i].number && lines[i].tooLong == expected[i].tooLong &&
                        lines[i].text == expected[i].text,
-                   "line %zu is cut as number %llu, %s, \"%s\"", i + 1, static_cast<unsigned long long>(lines[i].number),
-                   lines[i].tooLong ? "too long" : "kept", lines[i].text.c_str());
+                   "line %zu is cut as number %llu, %s, \"%s\"", i + 1,
+                   static_cast<unsigned long long>(lines[i].number), lines[i].tooLong ? "too long" : "kept",
+                   lines[i].text.c_str());
 
     for (const crhost::InputLine& line : lines) {
         if (line.text.find("delayMs") != std::string::npos) continue;

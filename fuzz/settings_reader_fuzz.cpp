@@ -16,7 +16,7 @@
 #include <json/value.h>
 
 #include "fuzz_check.h"
-#include "host/settings_store.h"
+#include "host/settings/settings_store.h"
 #include "scratch_folder.h"
 #include "os/utf8.h"
 
