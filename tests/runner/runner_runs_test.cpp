@@ -134,14 +134,14 @@ TEST_F(RunnerRunsTest, EachRunNamesTheRulesOfItsOwnPass) {
     EXPECT_EQ(LastHistoryRuns(), presentHistory);
     EXPECT_EQ(reports_.reports, (std::vector<Report>{absent, present, absent, absent, absent, present}));
 
-    // Rules installed anew under the same ids are other rules: their runs
-    // name them all the same.
+    // New rules, some under the ids of earlier ones, as many for N as before.
     ASSERT_EQ(SetRules({MakeRule(L"n2", L"N", R"({"type":"boolean.TRUE"})"),
-                        MakeRule(L"m1", L"M", R"({"type":"boolean.TRUE"})")}),
+                        MakeRule(L"m1", L"M", R"({"type":"boolean.TRUE"})"),
+                        MakeRule(L"x", L"N", R"({"type":"boolean.TRUE"})")}),
               0);
     ASSERT_EQ(runner_.ReEvalRules(), 0);
-    EXPECT_EQ(reports_.reports.back(), (Report{{L"N", {L"n2"}}, {L"M", {L"m1"}}}));
-    EXPECT_EQ(LastHistoryRuns(), (HistoryRuns{{"N", {"n2"}}, {"M", {"m1"}}}));
+    EXPECT_EQ(reports_.reports.back(), (Report{{L"N", {L"n2", L"x"}}, {L"M", {L"m1"}}}));
+    EXPECT_EQ(LastHistoryRuns(), (HistoryRuns{{"N", {"n2", "x"}}, {"M", {"m1"}}}));
 }
 
 // Values that the styled writer writes alike, and those it does not.
