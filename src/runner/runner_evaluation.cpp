@@ -2,10 +2,8 @@
 // last run, and the method-set runs that follow.
 #include <algorithm>
 #include <chrono>
-#include <map>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 #include "os/utf8.h"
