@@ -33,6 +33,9 @@ CASES = {
                                   RUNNER_AL + "ReEvalRules()"),
     "evaluation_one_flip_1000": ("bench_runner", "BM_EvaluationWithOneRuleFlipped/1000$",
                                  RUNNER_AL + "ReEvalRules()"),
+    # The module's own share of a flip: the host's services are stand-ins.
+    "evaluation_flip_share_10000": ("bench_runner", "BM_EvaluationWithOneRuleFlippedNullStore/10000$",
+                                    RUNNER_AL + "ReEvalRules()"),
     "set_rules_1000": ("bench_runner", "BM_SetRules/1000$", RUNNER_AL + f"SetRules({RULE_LISTS})"),
     "network_snapshot_32x16": ("bench_network", "BM_Snapshot/32/16$",
                                "Product::Integration::NetworkProvider::DoUpdateState(bool*)"),

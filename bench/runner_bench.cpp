@@ -1,8 +1,9 @@
 // The runner's costs as the number of rules grows: an evaluation that finds
 // nothing changed, one in which a single rule flips (over the reference
-// settings store, and over a store that keeps nothing, which leaves the
-// runner's own share), replacing all rules (persistence included), starting
-// over stored rules, and the memory that installed rules take.
+// host's store and policy runner: the whole; and over stand-ins that answer
+// at once: the runner's own share), replacing all rules (persistence
+// included), starting over stored rules, and the memory that installed rules
+// take.
 #include <benchmark/benchmark.h>
 #include <json/reader.h>
 #include <malloc.h>
@@ -17,6 +18,7 @@
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "host/settings/settings_store.h"
+#include "module_share_standins.h"
 #include "network/network_provider.h"
 #include "os/file_io.h"
 #include "os/utf8.h"
@@ -54,63 +56,23 @@ private:
     std::filesystem::path path_;
 };
 
-// Settings that read from the reference store in a file and, once Discard()
-// was called, take every write and keep nothing: the method sets stored while
-// setting up stay readable, and what the runner saves later costs only the
-// runner's own share (making the value and handing it over).
-class DiscardingSettings final : public IEPSettings {
-public:
-    explicit DiscardingSettings(std::unique_ptr<host::SettingsStore> store) : store_(std::move(store)) {}
-    void Discard() { discard_ = true; }
-
-    void* QueryInterface(const GUID& iid) override {
-        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IEPSettings::iid)
-                   ? static_cast<IEPSettings*>(this)
-                   : nullptr;
-    }
-    int32_t OpenForRead(const wchar_t* path, IEPSettingsNode** node) override {
-        return store_->OpenForRead(path, node);
-    }
-    int32_t OpenForWrite(const wchar_t* path, IEPSettingsNode** node) override {
-        if (!discard_) return store_->OpenForWrite(path, node);
-        *node = new NullNode;
-        return 0;
-    }
-
-private:
-    struct NullNode final : IEPSettingsNode {
-        int32_t GetString(const wchar_t*, std::wstring&) override { return qv::status::kNotFound; }
-        int32_t SetString(const wchar_t*, const std::wstring&) override { return 0; }
-        int32_t GetBool(const wchar_t*, bool&) override { return qv::status::kNotFound; }
-        int32_t SetBool(const wchar_t*, bool) override { return 0; }
-        int32_t GetJson(const wchar_t*, Json::Value&) override { return qv::status::kNotFound; }
-        int32_t SetJson(const wchar_t*, const Json::Value&) override { return 0; }
-        int32_t GetChildNames(std::vector<std::wstring>& names) override {
-            names.clear();
-            return 0;
-        }
-        int32_t RemoveChild(const wchar_t*) override { return qv::status::kNotFound; }
-        int32_t Commit() override { return 0; }
-        void Release() override { delete this; }
-    };
-
-    std::unique_ptr<host::SettingsStore> store_;
-    bool discard_ = false;
-};
-
 // Which network provider the conditions see.
 enum class Network { kStandIn, kMachine };
-// Which settings store the runner writes to.
-enum class Store { kReference, kDiscarding };
+// Which host services a pass calls: the reference host's settings store
+// (in a file) and policy runner, or the stand-ins that answer at once (the
+// runner's own share; see module_share_standins.h).
+enum class Services { kReference, kStandIns };
 
 // A runner over the reference host and a settings file in `scratch`.
 class Bench {
 public:
-    explicit Bench(const Scratch& scratch, Network network = Network::kStandIn, Store store = Store::kReference)
-        : host_(true, store == Store::kReference ? OpenStore(scratch.File(L"settings.json")) : nullptr) {
-        if (store == Store::kDiscarding) {
-            discarding_ = std::make_unique<DiscardingSettings>(OpenStore(scratch.File(L"settings.json")));
-            host_.components().Register(host::ReferenceHost::kSettingsName, discarding_.get());
+    explicit Bench(const Scratch& scratch, Network network = Network::kStandIn,
+                   Services services = Services::kReference)
+        : host_(true, services == Services::kReference ? OpenStore(scratch.File(L"settings.json")) : nullptr) {
+        if (services == Services::kStandIns) {
+            memory_ = std::make_unique<bench::MemorySettings>();
+            host_.components().Register(host::ReferenceHost::kSettingsName, memory_.get());
+            host_.components().Register(host::ReferenceHost::kPolicyRunnerName, &instantRunner_);
         }
         if (network == Network::kMachine) {
             machine_ = std::make_unique<Product::Integration::NetworkProvider>();
@@ -130,9 +92,9 @@ public:
     }
 
     ConditionalRunnerAL& runner() { return runner_; }
-    // From now on the store keeps nothing (Store::kDiscarding only).
+    // From now on the settings keep nothing (Services::kStandIns only).
     void DiscardWrites() {
-        if (discarding_) discarding_->Discard();
+        if (memory_) memory_->DiscardWrites();
     }
     static void Check(int32_t status) {
         if (status != 0) std::abort();
@@ -144,7 +106,8 @@ private:
         return host::SettingsStore::Open(file, error);
     }
 
-    std::unique_ptr<DiscardingSettings> discarding_;
+    std::unique_ptr<bench::MemorySettings> memory_;
+    bench::InstantPolicyRunner instantRunner_;
     host::ReferenceHost host_;
     host::NetworkProviderStandIn provider_;
     std::unique_ptr<Product::Integration::NetworkProvider> machine_;
@@ -198,11 +161,12 @@ void BM_EvaluationWithNothingChanged(benchmark::State& state) {
 BENCHMARK(BM_EvaluationWithNothingChanged)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 // Every rule is true. Every pass asks each condition afresh (as after the
-// service connected) and finds rule 0 flipped: its method set runs and the
-// last run is stored.
-void OneRuleFlipped(benchmark::State& state, Store store) {
+// service connected) and finds rule 0 flipped: every method set runs again
+// (100 runs, each reading its stored node and building its request) and the
+// last run (every true rule) is stored.
+void OneRuleFlipped(benchmark::State& state, Services services) {
     Scratch scratch;
-    Bench bench(scratch, Network::kStandIn, store);
+    Bench bench(scratch, Network::kStandIn, services);
     const std::wstring watched = scratch.File(L"watched");
     SetUp(bench.runner(), static_cast<size_t>(state.range(0)), watched, Mix::kAllTrue);
     bench.DiscardWrites();
@@ -220,11 +184,20 @@ void OneRuleFlipped(benchmark::State& state, Store store) {
     }
 }
 
-void BM_EvaluationWithOneRuleFlipped(benchmark::State& state) { OneRuleFlipped(state, Store::kReference); }
+// The whole: the runner's work, the reference store reading the method sets'
+// nodes and writing the last run to its file, and the reference policy
+// runner parsing and running each request.
+void BM_EvaluationWithOneRuleFlipped(benchmark::State& state) { OneRuleFlipped(state, Services::kReference); }
 BENCHMARK(BM_EvaluationWithOneRuleFlipped)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
-// The same over a store that keeps nothing: the runner's own share.
-void BM_EvaluationWithOneRuleFlippedNullStore(benchmark::State& state) { OneRuleFlipped(state, Store::kDiscarding); }
+// The runner's own share: the same passes over stand-ins that answer at once
+// (module_share_standins.h): reads come from a tree in memory, writes are
+// taken and dropped, runs answer without reading the request. What remains
+// is the runner's: the conditions' states and their logging, the change
+// test, grouping the runs, reading each method set and building its request,
+// the run thread and its results, the subscribers' report, the history, and
+// making the last-run document and handing it over.
+void BM_EvaluationWithOneRuleFlippedNullStore(benchmark::State& state) { OneRuleFlipped(state, Services::kStandIns); }
 BENCHMARK(BM_EvaluationWithOneRuleFlippedNullStore)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 void BM_SetRules(benchmark::State& state) {

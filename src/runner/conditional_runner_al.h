@@ -42,6 +42,8 @@
 #include "runner/evaluation_loop.h"
 #include "runner/host_plugins.h"
 #include "runner/last_run.h"
+#include "runner/run_groups.h"
+#include "runner/run_requests.h"
 #include "runner/runner_signals.h"
 #include "runner/runner_store.h"
 
@@ -137,11 +139,6 @@ private:
         uint64_t methodSetCheckedAt = 0;
         const Method* methodSet = nullptr;
     };
-    // A true rule of a pass and its method set (in methodSets_).
-    struct TrueRule {
-        LastRun::Installed installed;
-        const Method* methodSet;
-    };
     using OnMethodSetsRunEvent = qv::Event<
         qv::MemberFunction_1_args<IEvents, int32_t, const qv::IList<MethodRunData>&, &IEvents::OnMethodSetsRun>>;
 
@@ -170,7 +167,6 @@ private:
     // (in memory only: the stored flag stays). Under the lock.
     void SignalEvaluation();
     enum class PassEnd { kCompleted, kGivenUp };
-    using RulesOfRun = std::map<const MethodRunData*, std::vector<const Rule*>>;
 
     // The phases of a pass, under the lock. The true rules whose method set
     // is unknown are counted in `unknownCount`, the first of them (as many as
@@ -185,11 +181,10 @@ private:
     std::shared_ptr<const std::vector<std::wstring>> TrueIds(const std::vector<LastRun::Installed>& trueEntries);
     // Keeps `record` in the history, notRun filled with `reason` for each of `ids`.
     void Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids, NotRunReason reason);
-    static int32_t GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
-                                    RulesOfRun& rulesOf);
     // Runs the method sets of `toRun` in order, all on one run thread, and
     // fills each run's status, response and output.
-    PassEnd RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf, bool& leftUnapplied);
+    // The rules of each run are those of runGroups_.
+    PassEnd RunAll(qv::List<MethodRunData>& toRun, bool& leftUnapplied);
     // The policy runner's request for a method set, built from its stored
     // node; the reading's error when that cannot be read.
     int32_t MakeRequest(const std::wstring& methodSetId, std::wstring& request);
@@ -208,6 +203,9 @@ private:
     LastRun lastRun_;
     uint64_t nextSerial_ = 1;
     uint64_t methodSetsVersion_ = 1;  // changes with every change of methodSets_
+    RunRequests requests_;            // valid for methodSets_ as of requestsVersion_
+    uint64_t requestsVersion_ = 0;
+    RunGroups runGroups_;             // the runs of the pass under way, the id lists of the last
     bool isDisabled_ = false;
     RunnerStore store_{nullptr};
 

@@ -31,7 +31,7 @@ Json::Value RecordJson(const EvaluationRecord& record) {
     for (const EvaluationRecord::MethodSetRun& run : record.runs) {
         Json::Value item(Json::objectValue);
         item["methodSetId"] = os::WideToUtf8Lossy(run.methodSetId);
-        item["rules"] = Ids(run.ruleIds);
+        item["rules"] = run.ruleIds ? Ids(*run.ruleIds) : Json::Value(Json::arrayValue);
         item["status"] = run.status;
         item["response"] = run.response;
         runs.append(item);

@@ -49,7 +49,9 @@ const char* NotRunReasonText(NotRunReason reason) noexcept;
 struct EvaluationRecord {
     struct MethodSetRun {
         std::wstring methodSetId;
-        std::vector<std::wstring> ruleIds;  // the rules that asked for it
+        // The rules that asked for it, shared with the records of passes
+        // whose run of the method set had the same rules (never null).
+        std::shared_ptr<const std::vector<std::wstring>> ruleIds;
         int32_t status = 0;
         Json::Value response;  // the policy runner's answer (its "results" per method); null when none
     };

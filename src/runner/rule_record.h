@@ -30,30 +30,46 @@ public:
         JsonForms::WriteRule(json_, std::wstring(), rule_);
         tree.swap(rule_.matchIf);
         matchIf_ = &json_[kMatchIfKey];
+        treeHasComment_ = rule_.matchIf.hasComment(Json::commentBefore) ||
+                          rule_.matchIf.hasComment(Json::commentAfterOnSameLine) ||
+                          rule_.matchIf.hasComment(Json::commentAfter);
     }
     RuleRecord(const RuleRecord&) = delete;
     RuleRecord& operator=(const RuleRecord&) = delete;
 
     const Rule& rule() const noexcept { return rule_; }
 
-    // Moves the whole JSON form into `element` (null before); the rule's tree
-    // is missing from rule() until TakeBack.
+    // Moves the whole JSON form into `element` (null before, without
+    // comments); the rule's tree is missing from rule() until TakeBack.
     void Lend(Json::Value& element) const {
-        matchIf_->swap(rule_.matchIf);
-        element.swap(json_);
+        Exchange(rule_.matchIf, *matchIf_);
+        element.swapPayload(json_);
     }
     // Undoes Lend with the same `element`.
     void TakeBack(Json::Value& element) const {
-        element.swap(json_);
-        matchIf_->swap(rule_.matchIf);
+        element.swapPayload(json_);
+        Exchange(*matchIf_, rule_.matchIf);
     }
 
 private:
     static constexpr const char* kMatchIfKey = "matchIf";
 
+    // Exchanges the tree held by `from` with the null without comments in
+    // `to`: the payloads alone (a fraction of a whole swap) unless the tree
+    // carries a comment, which the writer writes and which must travel with
+    // it. The form and the elements it is lent to never carry comments, so
+    // their payloads are all they exchange.
+    void Exchange(Json::Value& from, Json::Value& to) const {
+        if (treeHasComment_)
+            from.swap(to);
+        else
+            from.swapPayload(to);
+    }
+
     mutable Rule rule_;
     mutable Json::Value json_;    // {"id", "displayName", "methodSetId", "matchIf": null}
     Json::Value* matchIf_ = nullptr;  // json_'s "matchIf" member (swapping json_ moves no member)
+    bool treeHasComment_ = false;     // the tree's own comments (it never changes)
 };
 
 using RulePtr = std::shared_ptr<const RuleRecord>;

@@ -2,14 +2,9 @@
 // last run, and the method-set runs that follow.
 #include <algorithm>
 #include <chrono>
-#include <map>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 #include <vector>
-
-#include <json/reader.h>
-#include <json/writer.h>
 
 #include "os/utf8.h"
 #include "os/wall_time.h"
@@ -25,37 +20,22 @@ constexpr const wchar_t* kReEvalRules = L"ConditionalRunnerAL::ReEvalRules";
 constexpr const wchar_t* kRunMethod = L"ConditionalRunnerAL::RunMethod";
 // Who asks the policy runner: the host's service.
 constexpr const wchar_t* kCaller = L"ovrahostsvc.exe";
-
-// The policy runner's textual response as JSON; null (logged) when it does
-// not parse.
-Json::Value ParseResponse(const std::wstring& response) {
-    Json::Value parsed;
-    if (response.empty()) return parsed;
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = true;
-    const std::string text = os::WideToUtf8Lossy(response);
-    std::string errors;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &errors)) {
-        logging::Log(logging::kWarning, kReEvalRules, L"Cannot parse response %S", text.c_str());
-        parsed = Json::Value();
-    }
-    return parsed;
-}
 }  // namespace
 
 int32_t ConditionalRunnerAL::MakeRequest(const std::wstring& methodSetId, std::wstring& request) {
     logging::Log(logging::kDetail, kRunMethod, L"Try to run method [%s]", methodSetId.c_str());
     Method stored;
     if (const int32_t status = store_.ReadMethod(methodSetId, stored); status != 0) return status;
-    Json::Value document(Json::objectValue);
-    document["methods"] = stored.methods;
-    if (!stored.context.isNull()) document["context"] = stored.context;
-    request = os::Utf8ToWideLossy(document.toStyledString());
+    // Requests kept from earlier passes go with any change of the method sets.
+    if (requestsVersion_ != methodSetsVersion_) {
+        requests_.Forget();
+        requestsVersion_ = methodSetsVersion_;
+    }
+    request = requests_.Request(methodSetId, std::move(stored.methods), std::move(stored.context));
     return 0;
 }
 
-std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules(
+std::vector<TrueRule> ConditionalRunnerAL::CollectTrueRules(
     bool invalidateCache, std::vector<std::wstring>& unknownMethodSet, size_t& unknownCount) {
     // Nothing is copied until the pass knows that something changed.
     std::vector<TrueRule> trueRules;
@@ -83,33 +63,7 @@ std::vector<ConditionalRunnerAL::TrueRule> ConditionalRunnerAL::CollectTrueRules
     return trueRules;
 }
 
-int32_t ConditionalRunnerAL::GroupByMethodSet(const std::vector<TrueRule>& trueRules, qv::List<MethodRunData>& toRun,
-                                              RulesOfRun& rulesOf) {
-    // The run of each method set in `toRun` and the rules that asked for it,
-    // found by the method set's entry rather than by its id.
-    struct Group {
-        MethodRunData* run;
-        std::vector<const Rule*>* rules;
-    };
-    std::unordered_map<const Method*, Group> groupOf;
-    for (const TrueRule& trueRule : trueRules) {
-        const Rule& rule = (*trueRule.installed.rule)->rule();
-        Group& group = groupOf[trueRule.methodSet];
-        if (!group.run) {
-            MethodRunData created;
-            created.methodSetId = rule.methodSetId;
-            if (toRun.AddTail(created) != 0) return qv::status::kNotEnoughMemory;
-            group.run = toRun.GetTail();  // list elements stay where they are
-            group.rules = &rulesOf[group.run];
-        }
-        if (group.run->ruleIds.AddTail(rule.id) != 0) return qv::status::kNotEnoughMemory;
-        group.rules->push_back(&rule);
-    }
-    return 0;
-}
-
-ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>& toRun, RulesOfRun& rulesOf,
-                                                         bool& leftUnapplied) {
+ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>& toRun, bool& leftUnapplied) {
     logging::CallTrace trace(kRunMethod);
     // The runs whose method set exists, each with the index of its request
     // (kNoRequest when its stored node could not be read: its status is then
@@ -117,12 +71,14 @@ ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>
     constexpr size_t kNoRequest = static_cast<size_t>(-1);
     struct Pending {
         MethodRunData* run;
+        size_t index;  // in toRun
         const Method* methodSet;
         size_t request;
     };
     std::vector<Pending> pending;
     std::vector<std::wstring> requests;
-    for (qv::ListEnumPtr<MethodRunData> e(toRun.CreateEnum()); e->IsValid(); e->Next()) {
+    size_t index = 0;
+    for (qv::ListEnumPtr<MethodRunData> e(toRun.CreateEnum()); e->IsValid(); e->Next(), ++index) {
         MethodRunData& run = *e->Current();
         const auto found = methodSets_.find(run.methodSetId);
         if (found == methodSets_.end()) {
@@ -133,10 +89,10 @@ ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>
         std::wstring request;
         if (const int32_t status = MakeRequest(run.methodSetId, request); status != 0) {
             run.status = status;
-            pending.push_back(Pending{&run, &found->second, kNoRequest});
+            pending.push_back(Pending{&run, index, &found->second, kNoRequest});
             continue;
         }
-        pending.push_back(Pending{&run, &found->second, requests.size()});
+        pending.push_back(Pending{&run, index, &found->second, requests.size()});
         requests.push_back(std::move(request));
     }
     std::unique_ptr<PolicyRun> runs;
@@ -154,7 +110,7 @@ ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>
         if (entry.request != kNoRequest) {
             run.status = runs->status(entry.request);
             run.runOutput = std::move(runs->details(entry.request));
-            run.response = ParseResponse(runs->response(entry.request));
+            run.response = requests_.ParseResponse(runs->response(entry.request), kReEvalRules);
             notConnected = runs->agent(entry.request).notConnected();
             agentNotFound = runs->agent(entry.request).agentNotFound();
         }
@@ -170,7 +126,7 @@ ConditionalRunnerAL::PassEnd ConditionalRunnerAL::RunAll(qv::List<MethodRunData>
         if (notConnected || agentNotFound) {
             // The run did not reach its target: its rules count as changed
             // at the next pass, which a later signal brings.
-            lastRun_.Forget(rulesOf[&run]);
+            lastRun_.Forget(runGroups_.RulesOf(entry.index));
             leftUnapplied = true;
         }
     }
@@ -262,23 +218,23 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
 
     // One run per method set, in order of first appearance, naming its rules.
     qv::List<MethodRunData> toRun;
-    RulesOfRun rulesOf;
-    if (const int32_t status = GroupByMethodSet(trueRules, toRun, rulesOf); status != 0) return status;
+    if (const int32_t status = runGroups_.Group(trueRules, toRun); status != 0) return status;
     if (const int32_t status = lastRun_.Set(trueEntries); status != 0) return status;
     // True on disk exactly while method sets may be half run.
     static_cast<void>(store_.SaveMethodsRunStarted(true));  // a failure is logged by the store
 
     bool leftUnapplied = false;
-    if (RunAll(toRun, rulesOf, leftUnapplied) == PassEnd::kGivenUp) return 0;
+    if (RunAll(toRun, leftUnapplied) == PassEnd::kGivenUp) return 0;
 
     static_cast<void>(onMethodSetsRun_(toRun));  // subscribers report their own failures
-    for (qv::ListEnumPtr<MethodRunData> e(toRun.CreateEnum()); e->IsValid(); e->Next()) {
-        const MethodRunData& run = *e->Current();
-        EvaluationRecord::MethodSetRun entry{run.methodSetId, {}, run.status, run.response};
-        for (qv::ConstListEnumPtr<std::wstring> id(run.ruleIds.CreateConstEnum()); id->IsValid(); id->Next())
-            entry.ruleIds.push_back(*id->Current());
-        record.runs.push_back(std::move(entry));
-    }
+    // The report was the last use of `toRun`: the responses move to the
+    // history, the id lists back to the groups for the next pass.
+    record.runs.reserve(toRun.Count());
+    size_t index = 0;
+    for (MethodRunData& run : toRun)
+        record.runs.push_back(EvaluationRecord::MethodSetRun{run.methodSetId, runGroups_.HistoryIds(index++, run),
+                                                             run.status, std::move(run.response)});
+    runGroups_.Keep(toRun);
     if (leftUnapplied) {
         logging::Log(logging::kDetail, kReEvalRules,
                      L"There are some valid rules which were not applied; re-signal after 30s");
