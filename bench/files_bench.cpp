@@ -8,8 +8,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
-#include <mutex>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <thread>
 

@@ -43,8 +43,8 @@ public:
         discard_ = true;
     }
 
-    void* QueryInterface(const GUID& iid) override {
-        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IEPSettings::iid)
+    void* QueryInterface(const GUID& requested) override {
+        return qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IEPSettings::iid)
                    ? static_cast<IEPSettings*>(this)
                    : nullptr;
     }
@@ -149,8 +149,8 @@ private:
 
 class InstantPolicyRunner final : public EnterpriseIntegration::IRunPolicy {
 public:
-    void* QueryInterface(const GUID& iid) override {
-        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IRunPolicy::iid)
+    void* QueryInterface(const GUID& requested) override {
+        return qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IRunPolicy::iid)
                    ? static_cast<IRunPolicy*>(this)
                    : nullptr;
     }

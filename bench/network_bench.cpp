@@ -96,8 +96,9 @@ BENCHMARK(BM_Snapshot)->Args({4, 4})->Args({32, 16})->Args({256, 64})->Unit(benc
 
 void BM_Merge(benchmark::State& state) {
     const auto records = SyntheticAdapters(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-    const NetworkState half = StateOf({records.begin(), records.begin() + records.size() / 2});
-    const NetworkState other = StateOf({records.begin() + records.size() / 2, records.end()});
+    const auto middle = records.begin() + static_cast<std::ptrdiff_t>(records.size() / 2);
+    const NetworkState half = StateOf({records.begin(), middle});
+    const NetworkState other = StateOf({middle, records.end()});
     for (auto _ : state) {
         NetworkState merged = half;
         merged.Merge(other);

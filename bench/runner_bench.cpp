@@ -256,10 +256,10 @@ qv::List<Rule> MakeNetworkRules(size_t count) {
     for (size_t i = 0; i < count; ++i) {
         const std::string address = "10." + std::to_string(i / 256 % 256) + "." + std::to_string(i % 256) + ".0/24";
         const std::string suffix = "site" + std::to_string(i) + ".corp.example.com";
-        const Json::Value matchIf = Parse(R"({"type":"boolean.AND","data":{"conditions":[)"
-                                          R"({"type":"network.IP","data":{"address":")" +
-                                          address + R"("}},{"type":"network.DNSSuffix","data":{"suffix":")" + suffix +
-                                          R"("}}]}})");
+        const Json::Value matchIf =
+            Parse(R"({"type":"boolean.AND","data":{"conditions":[)"
+                  R"({"type":"network.IP","data":{"address":")" +
+                  address + R"("}},{"type":"network.DNSSuffix","data":{"suffix":")" + suffix + R"("}}]}})");
         Bench::Check(rules.AddTail(Rule{L"rule" + std::to_wstring(i), L"Rule " + std::to_wstring(i),
                                         L"set" + std::to_wstring(i % 100), matchIf}));
     }

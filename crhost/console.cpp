@@ -3,18 +3,18 @@
 #include <chrono>
 #include <exception>
 #include <filesystem>
-#include <system_error>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 #include "action_members.h"
 #include "build_failure.h"
 #include "explain.h"
-#include "log_messages.h"
 #include "json/strict_json.h"
+#include "log_messages.h"
+#include "os/thread_name.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
-#include "os/thread_name.h"
 #include "qv/service_control.h"
 #include "qv/status.h"
 
@@ -38,7 +38,8 @@ const Console::HostAction Console::kHostActions[] = {
      "builds the tree anew and answers each node's state"},
     {"rules", &Console::Rules, "", "every current rule with the state of its condition tree"},
     {"history", &Console::History, "",
-     "the last 100 evaluations: when, what asked for each, the true rules, the runs, the rules that did not run and why, a retry"},
+     "the last 100 evaluations: when, what asked for each, the true rules, the runs, the rules that did not run and "
+     "why, a retry"},
     {"status", &Console::Status, "",
      "the module at a glance: enabled, settings, rules, method sets, live conditions by type, threads, state file"},
     {"types", &Console::Types, "",
@@ -52,9 +53,12 @@ const Console::HostAction Console::kHostActions[] = {
 
 // The module's console commands, as its agent answers them.
 const char* const Console::kModuleCommands[] = {
-    "SetRules",      "GetRules",     "SetMethodSet",       "GetMethodSet",
-    "DeleteMethodSet", "DeleteAllMethodSets", "GetMethodSetIds", "UpdateRulesAndMethods",
-    "UpdateMethods", "GetSettings",  "SetSettings",        "SetEnabled",
+    "SetRules",        "GetRules",
+    "SetMethodSet",    "GetMethodSet",
+    "DeleteMethodSet", "DeleteAllMethodSets",
+    "GetMethodSetIds", "UpdateRulesAndMethods",
+    "UpdateMethods",   "GetSettings",
+    "SetSettings",     "SetEnabled",
     "IsEnabled",
 };
 

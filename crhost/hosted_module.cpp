@@ -1,7 +1,7 @@
 #include "hosted_module.h"
 
-#include <utility>
 #include <optional>
+#include <utility>
 
 #include "host/method_call.h"
 #include "model/conditional_runner.h"
@@ -105,8 +105,8 @@ bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
             return false;
         }
         if (object.name == qv::names::kConditionManager) {
-            using Product::Integration::ConditionManager::IManagerDiagnostics;
             using Product::Integration::ConditionManager::IManager;
+            using Product::Integration::ConditionManager::IManagerDiagnostics;
             conditionManager_ = static_cast<IManager*>(object.plugin->QueryInterface(IManager::iid));
             // Optional: a module without it still runs, and "types" says so.
             managerDiagnostics_ =

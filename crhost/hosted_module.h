@@ -24,11 +24,11 @@
 #include <vector>
 
 #include "conditions/manager_interface.h"
-#include "model/conditional_runner.h"
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "host/settings/settings_store.h"
+#include "model/conditional_runner.h"
 #include "os/module.h"
 #include "qv/integration.h"
 

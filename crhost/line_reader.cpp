@@ -37,7 +37,7 @@ struct LineReader::Shared {
     }
 
     void Read() {
-        std::vector<char> buffer(64 * 1024);
+        std::vector<char> buffer(size_t{64} * 1024);
         LineSplitter splitter(kMaxLineBytes);
         const LineSplitter::Emit push = [this](Line line) { return Push(std::move(line)); };
         for (;;) {

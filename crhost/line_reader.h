@@ -24,7 +24,7 @@ namespace crhost {
 
 class LineReader {
 public:
-    static constexpr size_t kMaxLineBytes = 8 * 1024 * 1024;
+    static constexpr size_t kMaxLineBytes = size_t{8} * 1024 * 1024;
     static constexpr size_t kQueuedLines = 16;
 
     using Line = InputLine;

@@ -151,7 +151,9 @@ int Run(const crhost::Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+// An exception that escapes ends the process with the C++ runtime's message,
+// which is what a host program should do with one it did not expect.
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     const os::Expected<crhost::Options> options = crhost::ParseOptions(os::CommandLineArguments(argc, argv));
     if (!options) {
         Complain(options.status().message());

@@ -34,6 +34,7 @@ std::optional<uint32_t> Milliseconds(const std::wstring& text) {
 }
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 os::Expected<Options> ParseOptions(const std::vector<std::wstring>& arguments) {
     Options options;
     for (size_t i = 0; i < arguments.size(); ++i) {

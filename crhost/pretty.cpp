@@ -57,8 +57,8 @@ std::string PolicyRun(const Json::Value& line) {
     std::string methods;
     for (const Json::Value& result : run["results"]) {
         if (!methods.empty()) methods += ", ";
-        methods += result["plugin"].asString() + "." + result["method"].asString() + " -> " +
-                   CompactJson(result["result"]);
+        methods +=
+            result["plugin"].asString() + "." + result["method"].asString() + " -> " + CompactJson(result["result"]);
     }
     std::string text = ClockTime(line["time"]) + " run    " + (methods.empty() ? "(no methods)" : methods) +
                        "  status " + CompactJson(run["status"]);
@@ -89,6 +89,7 @@ void DrawHistory(const Json::Value& evaluations, std::string& out) {
     }
 }
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 std::string Answer(const Json::Value& answer) {
     const bool isMethod = answer.isMember("method");
     std::string text = "#" + (answer["id"].isString() ? answer["id"].asString() : CompactJson(answer["id"])) + " " +

@@ -8,11 +8,11 @@
 #include <string>
 
 #include "conditions/manager.h"
-#include "json/strict_json.h"
 #include "fuzz_check.h"
 #include "host/agent_client_notifications.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
+#include "json/strict_json.h"
 
 namespace {
 

@@ -35,7 +35,6 @@
 #include <string_view>
 #include <vector>
 
-
 #include "agent/conditional_runner_agent.h"
 #include "conditions/boolean_and_or.h"
 #include "conditions/manager.h"
@@ -115,7 +114,7 @@ std::string Utf8(const std::wstring& text) { return os::WideToUtf8Lossy(text); }
 std::u16string Utf16(const std::wstring& text) {
     std::u16string units;
     for (wchar_t c : text) {
-        const uint32_t code = static_cast<uint32_t>(c);
+        const uint32_t code = static_cast<uint32_t>(c);  // NOLINT(bugprone-signed-char-misuse): a wchar_t, no char
         if (code > 0xFFFF) {
             units.push_back(static_cast<char16_t>(0xD800 + ((code - 0x10000) >> 10)));
             units.push_back(static_cast<char16_t>(0xDC00 + ((code - 0x10000) & 0x3FF)));

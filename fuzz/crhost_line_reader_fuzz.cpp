@@ -19,7 +19,6 @@
 #include <string_view>
 #include <vector>
 
-
 #include "console.h"
 #include "fuzz_check.h"
 #include "hosted_module.h"

@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (name.size() > 2 * HostnamePattern::kMaxHostNameLength) return 0;
     const bool matched = HostnamePattern(pattern).Matches(name);
     const bool expected = ReferenceMatch(pattern, name);
-    FUZZ_CHECK(matched == expected, "pattern of %zu characters, name of %zu: matcher %d, reference %d",
-               pattern.size(), name.size(), matched, expected);
+    FUZZ_CHECK(matched == expected, "pattern of %zu characters, name of %zu: matcher %d, reference %d", pattern.size(),
+               name.size(), matched, expected);
     return 0;
 }

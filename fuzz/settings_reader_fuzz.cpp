@@ -17,8 +17,8 @@
 
 #include "fuzz_check.h"
 #include "host/settings/settings_store.h"
-#include "scratch_folder.h"
 #include "os/utf8.h"
+#include "scratch_folder.h"
 
 namespace {
 
@@ -61,7 +61,8 @@ void Walk(IEPSettings& store, const std::wstring& path, TreeView& view) {
 
 bool UnderWritten(const std::wstring& path) {
     const std::wstring written(kWrittenNode);
-    return path.compare(0, written.size(), written) == 0 && (path.size() == written.size() || path[written.size()] == L'/');
+    return path.compare(0, written.size(), written) == 0 &&
+           (path.size() == written.size() || path[written.size()] == L'/');
 }
 
 std::string Narrow(const std::wstring& text) { return os::WideToUtf8Lossy(text); }

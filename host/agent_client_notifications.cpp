@@ -2,8 +2,9 @@
 
 namespace host {
 
-void* AgentClientNotifications::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IOvraClientWithNotifications::iid))
+void* AgentClientNotifications::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) ||
+        qv::GuidEquals(requested, IOvraClientWithNotifications::iid))
         return static_cast<IOvraClientWithNotifications*>(this);
     return nullptr;
 }

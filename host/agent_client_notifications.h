@@ -48,7 +48,6 @@ public:
     size_t SubscriberCount() const;
 
 private:
-
     mutable std::mutex mutex_;  // the state
     std::optional<bool> state_;
     SubscriberList<IEcsNotifications> subscribers_;

@@ -29,8 +29,8 @@ std::vector<EnterpriseIntegration::IAgent*> AgentManager::Agents() const {
     return agents_;
 }
 
-void* AgentManager::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IManager::iid))
+void* AgentManager::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IManager::iid))
         return static_cast<IManager*>(this);
     return nullptr;
 }

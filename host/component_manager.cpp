@@ -68,8 +68,8 @@ IEventQueueFactory* ComponentManager::GetEventQueueFactory() {
     return queues_;
 }
 
-void* ServMain::QueryInterface(const GUID& iid) {
-    return qv::GuidEquals(iid, IQvBaseInterface::iid) ? static_cast<IQvBaseInterface*>(this) : nullptr;
+void* ServMain::QueryInterface(const GUID& requested) {
+    return qv::GuidEquals(requested, IQvBaseInterface::iid) ? static_cast<IQvBaseInterface*>(this) : nullptr;
 }
 
 }  // namespace host

@@ -6,8 +6,8 @@
 
 namespace host {
 
-void* ComputerManager::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IComputerManager::iid))
+void* ComputerManager::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IComputerManager::iid))
         return static_cast<IComputerManager*>(this);
     return nullptr;
 }

@@ -2,10 +2,10 @@
 
 namespace host {
 
-void* EndpointIntegration::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IManager::iid))
+void* EndpointIntegration::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IManager::iid))
         return static_cast<IManager*>(this);
-    if (qv::GuidEquals(iid, IRunPolicy::iid)) return static_cast<IRunPolicy*>(this);
+    if (qv::GuidEquals(requested, IRunPolicy::iid)) return static_cast<IRunPolicy*>(this);
     return nullptr;
 }
 

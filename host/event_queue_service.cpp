@@ -217,7 +217,8 @@ int32_t EventQueueService::Post(Handle& handle, const wchar_t* queueName, uint32
     {
         std::lock_guard lock(mutex_);
         Worker* worker = handle.worker_;
-        if (!worker || (queueName && worker->name != queueName)) {
+        // The order of the checks decides which status answers.
+        if (!worker || (queueName && worker->name != queueName)) {  // NOLINT(bugprone-branch-clone)
             status = qv::status::kInvalidParameter;
         } else if (handle.stopped_) {
             status = qv::status::kNotReady;

@@ -4,8 +4,8 @@
 
 namespace host {
 
-void* NetworkProviderStandIn::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, INetworkProvider::iid))
+void* NetworkProviderStandIn::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, INetworkProvider::iid))
         return static_cast<INetworkProvider*>(this);
     return nullptr;
 }

@@ -29,8 +29,8 @@ int PluginGroups::TotalReferences() const {
     return static_cast<int>(n);
 }
 
-void* PluginGroups::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IGroupsManager::iid))
+void* PluginGroups::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IGroupsManager::iid))
         return static_cast<IGroupsManager*>(this);
     return nullptr;
 }

@@ -69,8 +69,8 @@ size_t PolicyRunner::WaitingMethods() const {
     return sleeping_;
 }
 
-void* PolicyRunner::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IRunPolicy::iid))
+void* PolicyRunner::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IRunPolicy::iid))
         return static_cast<IRunPolicy*>(this);
     return nullptr;
 }

@@ -6,8 +6,8 @@
 
 namespace host {
 
-void* ServiceControl::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IControl::iid))
+void* ServiceControl::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IControl::iid))
         return static_cast<IControl*>(this);
     return nullptr;
 }

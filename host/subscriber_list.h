@@ -21,8 +21,8 @@
 // the service report again (the nested report is delivered at once, inside the
 // one in progress).
 // Not allowed: a callback that waits for another thread which reports through
-// the same list, or which removes a subscriber (both would wait for ever). Do not use it for reports that must reach subscribers
-// concurrently: one slow subscriber holds up every report of its service.
+// the same list, or which removes a subscriber (both would wait for ever). Do not use it for reports that must reach
+// subscribers concurrently: one slow subscriber holds up every report of its service.
 //
 // Thread rule: every member may be called from any thread; the list has its
 // own plain mutex, never held while a subscriber is called.

@@ -1,24 +1,19 @@
 #include "host/user_manager.h"
 
-#include <cwctype>
 #include <utility>
 
+#include "os/text_case.h"
 #include "qv/status.h"
 
 namespace host {
 namespace {
 
-bool SameSid(const std::wstring& a, const std::wstring& b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (std::towupper(a[i]) != std::towupper(b[i])) return false;
-    return true;
-}
+bool SameSid(const std::wstring& a, const std::wstring& b) { return os::EqualIgnoringCase(a, b); }
 
 }  // namespace
 
-void* UserManager::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IUserManager::iid))
+void* UserManager::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IUserManager::iid))
         return static_cast<IUserManager*>(this);
     return nullptr;
 }

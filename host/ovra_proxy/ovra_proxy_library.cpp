@@ -43,10 +43,10 @@ protected:
 
 class OSInfo final : public ComponentObject, public Ovra::IPhysicalAdapterQuery {
 public:
-    void* QueryInterface(const GUID& iid) override {
-        if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, Ovra::IComponent::iid))
+    void* QueryInterface(const GUID& requested) override {
+        if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, Ovra::IComponent::iid))
             return static_cast<Ovra::IComponent*>(this);
-        if (qv::GuidEquals(iid, Ovra::IPhysicalAdapterQuery::iid))
+        if (qv::GuidEquals(requested, Ovra::IPhysicalAdapterQuery::iid))
             return static_cast<Ovra::IPhysicalAdapterQuery*>(this);
         return nullptr;
     }
@@ -59,10 +59,10 @@ public:
 
 class Network final : public ComponentObject, public Ovra::IMacQuery {
 public:
-    void* QueryInterface(const GUID& iid) override {
-        if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, Ovra::IComponent::iid))
+    void* QueryInterface(const GUID& requested) override {
+        if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, Ovra::IComponent::iid))
             return static_cast<Ovra::IComponent*>(this);
-        if (qv::GuidEquals(iid, Ovra::IMacQuery::iid)) return static_cast<Ovra::IMacQuery*>(this);
+        if (qv::GuidEquals(requested, Ovra::IMacQuery::iid)) return static_cast<Ovra::IMacQuery*>(this);
         return nullptr;
     }
     bool IsPhysicalMac(const wchar_t* macText) override {

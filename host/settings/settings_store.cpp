@@ -71,8 +71,8 @@ std::wstring SettingsStore::LastCommitError() const {
     return lastCommitError_;
 }
 
-void* SettingsStore::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IEPSettings::iid))
+void* SettingsStore::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IEPSettings::iid))
         return static_cast<IEPSettings*>(this);
     return nullptr;
 }

@@ -69,7 +69,7 @@ public:
     static constexpr int kMaxJsonDepth = 256;
     // The journal may always grow to this size before a whole write, however
     // small the tree.
-    static constexpr size_t kJournalFloor = 64 * 1024;
+    static constexpr size_t kJournalFloor = size_t{64} * 1024;
 
     // Opens the store kept in the file at `path`. A missing file is an empty
     // tree; the file (not its folder) is created by the first commit. Null

@@ -11,7 +11,7 @@ namespace {
 // Where wchar_t holds whole code points, those above U+FFFF (surrogate pairs
 // in UTF-16, 0xD800-0xDBFF first) sort after U+D7FF and before U+E000.
 uint32_t OrdinalWeight(wchar_t c) {
-    const auto u = static_cast<uint32_t>(c);
+    const auto u = static_cast<uint32_t>(c);  // NOLINT(bugprone-signed-char-misuse): a wchar_t, no char
     if constexpr (sizeof(wchar_t) == 2) {
         return u;
     } else {

@@ -30,6 +30,8 @@ constexpr int32_t kAgentNotFound = -5002;
 
 // The name of `status` as the system spells it ("ERROR_INVALID_PARAMETER"),
 // for people reading answers and logs; null for a status not listed above.
+// One line per status reads as the table it is.
+// clang-format off
 constexpr const char* Name(int32_t status) {
     switch (status) {
     case kSuccess: return "ERROR_SUCCESS";
@@ -58,4 +60,5 @@ constexpr const char* Name(int32_t status) {
     default: return nullptr;
     }
 }
+// clang-format on
 }  // namespace qv::status

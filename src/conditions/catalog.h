@@ -26,8 +26,8 @@ struct ConditionType {
     const wchar_t* keyword;
     const char* meaning;
     std::vector<DataMember> data;
-    const char* example;                // a whole condition object of this type, as JSON text
-    Manager::FactoryEntry (*entry)();   // how the manager builds it
+    const char* example;               // a whole condition object of this type, as JSON text
+    Manager::FactoryEntry (*entry)();  // how the manager builds it
 };
 
 // Every type the module builds, in the order the catalog lists them.

@@ -53,7 +53,7 @@ public:
     // The condition's answer to one of the module's own optional interfaces
     // (IConditionDiagnostics), or null. Declared after the destructor, so
     // that every operation above keeps its place.
-    virtual void* QueryInterface(const GUID& iid) { return nullptr; }
+    virtual void* QueryInterface(const GUID& requested) { return nullptr; }
 };
 
 // Owning handle of a condition, as the condition manager hands it out. The

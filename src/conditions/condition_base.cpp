@@ -20,8 +20,8 @@ int32_t ConditionBase::Accept(IConditionVisitor& visitor) {
     return 0;
 }
 
-void* ConditionBase::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IConditionDiagnostics::iid)) return static_cast<IConditionDiagnostics*>(this);
+void* ConditionBase::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IConditionDiagnostics::iid)) return static_cast<IConditionDiagnostics*>(this);
     return nullptr;
 }
 

@@ -110,7 +110,7 @@ public:
     using Dependencies = DependencyList<D...>;
     using Base::Base;
 
-    void Inject(const GUID& iid, void* object) override { this->InjectDependency(iid, object); }
+    void Inject(const GUID& interfaceId, void* object) override { this->InjectDependency(interfaceId, object); }
 };
 
 }  // namespace Product::Integration::ConditionManager

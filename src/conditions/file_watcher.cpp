@@ -75,16 +75,16 @@ struct FileWatcher::Run : std::enable_shared_from_this<Run> {
 
     std::unique_ptr<os::FolderWatch> watch;  // null: every path is polled
     bool stop = false;
-    bool woken = false;         // for a watcher without a watch
-    bool watcherIdle = false;   // the watcher thread waits without a time limit
-    size_t threads = 0;  // started and not yet ended
+    bool woken = false;        // for a watcher without a watch
+    bool watcherIdle = false;  // the watcher thread waits without a time limit
+    size_t threads = 0;        // started and not yet ended
     std::thread watcher;
     std::unordered_map<std::wstring, std::shared_ptr<Path>> paths;
     std::unordered_map<Client*, std::shared_ptr<Path>> clients;
     std::unordered_map<std::wstring, Folder> folders;
     std::unordered_map<os::FolderWatch::Id, std::wstring> byId;
-    std::vector<std::shared_ptr<Path>> toArm;  // registered, to be armed by the watcher thread
-    std::vector<os::FolderWatch::Id> toRemove;  // watches no path needs any more
+    std::vector<std::shared_ptr<Path>> toArm;     // registered, to be armed by the watcher thread
+    std::vector<os::FolderWatch::Id> toRemove;    // watches no path needs any more
     std::deque<std::shared_ptr<Path>> queues[2];  // by role
     Lane lanes[2];
     Clock::time_point nextPoll;
@@ -218,8 +218,8 @@ size_t FileWatcher::ThreadCount() const {
 size_t FileWatcher::PolledPathCount() const {
     std::lock_guard lock(mutex_);
     if (!run_) return 0;
-    return static_cast<size_t>(std::count_if(run_->paths.begin(), run_->paths.end(),
-                                             [](const auto& entry) { return !entry.second->split; }));
+    return static_cast<size_t>(
+        std::count_if(run_->paths.begin(), run_->paths.end(), [](const auto& entry) { return !entry.second->split; }));
 }
 
 FileWatcher::Serving FileWatcher::HowServed(const std::wstring& path) const {
@@ -272,6 +272,7 @@ void FileWatcher::Wake(Run& run) {
     }
 }
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 void FileWatcher::Watch(std::shared_ptr<Run> shared) {
     Run& run = *shared;
     std::unique_lock lock(mutex_);
@@ -288,8 +289,8 @@ void FileWatcher::Watch(std::shared_ptr<Run> shared) {
             Enqueue(run, path);
         }
         const Clock::time_point now = Clock::now();
-        const bool polling = std::any_of(run.paths.begin(), run.paths.end(),
-                                         [](const auto& entry) { return entry.second->Polled(); });
+        const bool polling =
+            std::any_of(run.paths.begin(), run.paths.end(), [](const auto& entry) { return entry.second->Polled(); });
         if (polling && now >= run.nextPoll) {
             for (const auto& [text, path] : run.paths)
                 if (path->Polled()) Enqueue(run, path);

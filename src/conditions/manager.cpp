@@ -37,12 +37,12 @@ Manager::Manager() = default;
 
 Manager::~Manager() { static_cast<void>(Uninit()); }  // Uninit always succeeds
 
-void* Manager::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid))
+void* Manager::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid))
         return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
-    if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
-    if (qv::GuidEquals(iid, IManager::iid)) return static_cast<IManager*>(this);
-    if (qv::GuidEquals(iid, IManagerDiagnostics::iid)) return static_cast<IManagerDiagnostics*>(this);
+    if (qv::GuidEquals(requested, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
+    if (qv::GuidEquals(requested, IManager::iid)) return static_cast<IManager*>(this);
+    if (qv::GuidEquals(requested, IManagerDiagnostics::iid)) return static_cast<IManagerDiagnostics*>(this);
     return nullptr;
 }
 

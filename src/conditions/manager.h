@@ -111,7 +111,6 @@ public:
     }
 
 protected:
-
     // Fills the table with every type of the catalog (conditions/catalog.h); 0.
     // Tests that need a type of their own override it and add theirs with
     // AddToFactory.

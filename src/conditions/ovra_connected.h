@@ -61,10 +61,10 @@ private:
     bool wantConnected_ = true;
     std::atomic<bool> deliveredState_{false};
     std::atomic<bool> pendingState_{false};
-    uint64_t generation_ = 0;              // guarded by lock_
-    std::optional<bool> lastReport_;       // guarded by lock_
-    bool deliveryPending_ = false;         // guarded by lock_
-    uint32_t pendingSinceTick_ = 0;        // os::TickMs() of the report waiting; guarded by lock_
+    uint64_t generation_ = 0;         // guarded by lock_
+    std::optional<bool> lastReport_;  // guarded by lock_
+    bool deliveryPending_ = false;    // guarded by lock_
+    uint32_t pendingSinceTick_ = 0;   // os::TickMs() of the report waiting; guarded by lock_
     std::mutex lock_;
 };
 

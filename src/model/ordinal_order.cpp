@@ -12,6 +12,7 @@ public:
     explicit Utf16Units(std::wstring_view text) : text_(text) {}
     bool Done() const noexcept { return index_ == text_.size(); }
     uint32_t Next() noexcept {
+        // NOLINTNEXTLINE(bugprone-signed-char-misuse): a wchar_t, no char
         const uint32_t unit = static_cast<uint32_t>(text_[index_]);
         if (unit <= 0xFFFF) {
             ++index_;

@@ -44,11 +44,11 @@ NetworkProvider::~NetworkProvider() {
     startCount_ = 0;
 }
 
-void* NetworkProvider::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid))
+void* NetworkProvider::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid))
         return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
-    if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
-    if (qv::GuidEquals(iid, INetworkProvider::iid)) return static_cast<INetworkProvider*>(this);
+    if (qv::GuidEquals(requested, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
+    if (qv::GuidEquals(requested, INetworkProvider::iid)) return static_cast<INetworkProvider*>(this);
     return nullptr;
 }
 
@@ -115,7 +115,8 @@ int32_t NetworkProvider::Stop() {
 
 void NetworkProvider::InternalStop() {
     if (!listener_.joinable()) return;
-    CR_CHECK_NOT_ON_THREAD(listener_.get_id(), "the network provider stopped from a notification would join its own thread");
+    CR_CHECK_NOT_ON_THREAD(listener_.get_id(),
+                           "the network provider stopped from a notification would join its own thread");
     stop_.Set();
     listener_.join();
     // A stop signal the thread did not consume (it had ended on its own)

@@ -55,6 +55,7 @@ void Drain(int fd) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 AddressChangeWatch::WaitResult AddressChangeWatch::Wait(AutoResetEvent& stop, uint32_t timeoutMs) {
     using Clock = std::chrono::steady_clock;
     if (!native_->socket || !stop.Valid()) return WaitResult::kFailed;

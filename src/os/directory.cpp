@@ -7,10 +7,11 @@ namespace {
 
 bool IsBlank(wchar_t c) noexcept { return c == L' '; }
 bool IsSeparator(wchar_t c) noexcept { return c == L',' || c == L';'; }
-bool IsTypeChar(wchar_t c) noexcept { return std::iswalnum(c) || c == L'-' || c == L'.'; }
+bool IsTypeChar(wchar_t c) noexcept { return std::iswalnum(static_cast<std::wint_t>(c)) || c == L'-' || c == L'.'; }
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 uint32_t ParseRdn(const wchar_t** dn, size_t* length, RdnPart* part) {
     if (!dn || !length || !part || (!*dn && *length != 0)) return kInvalidDnSyntax;
     const wchar_t* text = *dn;

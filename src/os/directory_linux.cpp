@@ -1,13 +1,14 @@
 #include "os/directory.h"
 
 #include <cctype>
-#include <cwctype>
 #include <fstream>
 #include <string>
 #include <vector>
 
 namespace os {
 namespace {
+
+bool IsDigit(wchar_t c) noexcept { return c >= L'0' && c <= L'9'; }
 
 // The decimal sub-authorities of a SID written "S-1-<authority>-<sub>...",
 // with the authority first; empty when the text is not a SID.
@@ -16,9 +17,9 @@ std::vector<unsigned long long> SidNumbers(const std::wstring& sid) {
     std::vector<unsigned long long> numbers;
     size_t i = 2;
     while (true) {
-        if (i >= sid.size() || !std::iswdigit(sid[i])) return {};
+        if (i >= sid.size() || !IsDigit(sid[i])) return {};
         unsigned long long number = 0;
-        while (i < sid.size() && std::iswdigit(sid[i])) {
+        while (i < sid.size() && IsDigit(sid[i])) {
             number = number * 10 + static_cast<unsigned long long>(sid[i] - L'0');
             if (number > 0xFFFFFFFFFFFFull) return {};
             ++i;

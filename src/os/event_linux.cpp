@@ -46,6 +46,7 @@ bool TryConsume(int fd) {
 }
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 int WaitAny(std::span<AutoResetEvent* const> events, uint32_t timeoutMs) noexcept {
     using Clock = std::chrono::steady_clock;
     if (events.empty() || events.size() > kMaxWaitEvents) return kWaitFailed;

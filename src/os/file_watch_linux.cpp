@@ -17,8 +17,8 @@ namespace os {
 namespace {
 
 // What makes an entry appear or vanish, and the folder itself going away.
-constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF |
-                           IN_MOVE_SELF | IN_ONLYDIR;
+constexpr uint32_t kMask =
+    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 // File systems whose changes made by other machines inotify never reports.
 bool IsRemoteFileSystem(long type) {

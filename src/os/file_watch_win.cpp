@@ -67,9 +67,9 @@ public:
                        : AddResult::kFailed;
         }
         auto record = std::make_unique<Folder>();
-        record->handle = ::CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY,
-                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                       FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr);
+        record->handle =
+            ::CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                          nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr);
         if (record->handle == INVALID_HANDLE_VALUE) {
             const DWORD cause = ::GetLastError();
             error = ErrorText(L"CreateFileW", cause);

@@ -39,7 +39,8 @@ bool ParseDotted(const std::wstring& text, size_t pos, size_t end, LeadingZeros 
         }
         const size_t start = pos;
         unsigned value = 0;
-        while (pos < end && IsDigit(text[pos]) && pos - start < 3) value = value * 10 + (text[pos++] - L'0');
+        while (pos < end && IsDigit(text[pos]) && pos - start < 3)
+            value = value * 10 + static_cast<unsigned>(text[pos++] - L'0');
         const size_t digits = pos - start;
         if (digits == 0 || value > 255) return false;
         if (zeros == LeadingZeros::kRefused && digits > 1 && text[start] == L'0') return false;
@@ -48,6 +49,7 @@ bool ParseDotted(const std::wstring& text, size_t pos, size_t end, LeadingZeros 
     return pos == end;
 }
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 bool ParseSix(const std::wstring& text, std::array<uint8_t, 16>& out) {
     std::array<uint16_t, 8> groups{};
     size_t count = 0;           // groups read

@@ -51,8 +51,9 @@ bool ProcessIsEnding() noexcept {
     using Fn = BOOLEAN(WINAPI*)();
     static const Fn inProgress = [] {
         HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
-        return ntdll ? reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlDllShutdownInProgress")))
-                     : nullptr;
+        return ntdll
+                   ? reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlDllShutdownInProgress")))
+                   : nullptr;
     }();
     return inProgress && inProgress() != 0;
 }

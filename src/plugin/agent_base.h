@@ -24,9 +24,9 @@ public:
     explicit AgentBase(std::wstring name = std::wstring()) : agentManager_(kAgentManagerName), name_(std::move(name)) {}
     virtual ~AgentBase() = default;
 
-    void* QueryInterface(const GUID& iid) override {
-        if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IServPlugin::iid) ||
-            qv::GuidEquals(iid, IAgent::iid))
+    void* QueryInterface(const GUID& requested) override {
+        if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IServPlugin::iid) ||
+            qv::GuidEquals(requested, IAgent::iid))
             return static_cast<IAgent*>(this);
         return nullptr;
     }

@@ -15,6 +15,7 @@ namespace qv {
 // lock, so std::lock_guard, std::unique_lock and std::shared_lock work on it.
 // The reentrancy rules of the underlying lock apply.
 template <class Lock>
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name the host interface gives it
 class __Event_LockAdaptor : public Lock {
 public:
     void lock() { this->WriteLock(0); }

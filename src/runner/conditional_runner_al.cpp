@@ -36,13 +36,14 @@ ConditionalRunnerAL::~ConditionalRunnerAL() {
     static_cast<void>(Uninit());
 }
 
-void* ConditionalRunnerAL::QueryInterface(const GUID& iid) {
-    if (qv::GuidEquals(iid, IQvBaseInterface::iid))
+void* ConditionalRunnerAL::QueryInterface(const GUID& requested) {
+    if (qv::GuidEquals(requested, IQvBaseInterface::iid))
         return static_cast<IQvBaseInterface*>(static_cast<IServPlugin*>(this));
-    if (qv::GuidEquals(iid, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
-    if (qv::GuidEquals(iid, IConditionalRunner::iid)) return static_cast<IConditionalRunner*>(this);
-    if (qv::GuidEquals(iid, IConditionalRunnerExtensions::iid)) return static_cast<IConditionalRunnerExtensions*>(this);
-    if (qv::GuidEquals(iid, IConditionalRunnerDiagnostics::iid))
+    if (qv::GuidEquals(requested, IServPlugin::iid)) return static_cast<IServPlugin*>(this);
+    if (qv::GuidEquals(requested, IConditionalRunner::iid)) return static_cast<IConditionalRunner*>(this);
+    if (qv::GuidEquals(requested, IConditionalRunnerExtensions::iid))
+        return static_cast<IConditionalRunnerExtensions*>(this);
+    if (qv::GuidEquals(requested, IConditionalRunnerDiagnostics::iid))
         return static_cast<IConditionalRunnerDiagnostics*>(this);
     return nullptr;
 }

@@ -205,7 +205,7 @@ private:
     uint64_t methodSetsVersion_ = 1;  // changes with every change of methodSets_
     RunRequests requests_;            // valid for methodSets_ as of requestsVersion_
     uint64_t requestsVersion_ = 0;
-    RunGroups runGroups_;             // the runs of the pass under way, the id lists of the last
+    RunGroups runGroups_;  // the runs of the pass under way, the id lists of the last
     bool isDisabled_ = false;
     RunnerStore store_{nullptr};
 
@@ -224,7 +224,7 @@ private:
     ConditionManager::ConditionQueue eventQueue_;
     EvaluationHistory history_;  // written by passes; read from any thread (its own mutex)
     // TrueIds' cache, used by passes only (the evaluation thread, under lock_).
-    std::vector<uint64_t> trueSerials_;                          // the serials TrueIds last listed
+    std::vector<uint64_t> trueSerials_;                         // the serials TrueIds last listed
     std::shared_ptr<const std::vector<std::wstring>> trueIds_;  // their ids
     // Wall-clock ms of a retry scheduled; 0: none. Set by a pass, cleared by
     // the retry's pass, read by EvaluationStatus on any thread.

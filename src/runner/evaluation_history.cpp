@@ -60,22 +60,32 @@ Json::Value RecordJson(const EvaluationRecord& record) {
 
 const char* TriggerName(EvaluationTrigger trigger) noexcept {
     switch (trigger) {
-        case EvaluationTrigger::kStart: return "start";
-        case EvaluationTrigger::kConditionChange: return "conditionChange";
-        case EvaluationTrigger::kRetry: return "retry";
-        case EvaluationTrigger::kEnabled: return "enabled";
-        case EvaluationTrigger::kConsole: return "console";
-        case EvaluationTrigger::kServiceConnected: return "serviceConnected";
+        case EvaluationTrigger::kStart:
+            return "start";
+        case EvaluationTrigger::kConditionChange:
+            return "conditionChange";
+        case EvaluationTrigger::kRetry:
+            return "retry";
+        case EvaluationTrigger::kEnabled:
+            return "enabled";
+        case EvaluationTrigger::kConsole:
+            return "console";
+        case EvaluationTrigger::kServiceConnected:
+            return "serviceConnected";
     }
     return "unknown";
 }
 
 const char* NotRunReasonText(NotRunReason reason) noexcept {
     switch (reason) {
-        case NotRunReason::kUnchanged: return "unchanged since the last run";
-        case NotRunReason::kMethodSetUnknown: return "method set unknown";
-        case NotRunReason::kRunnerDisabled: return "runner disabled";
-        case NotRunReason::kTransactionOpen: return "transaction open";
+        case NotRunReason::kUnchanged:
+            return "unchanged since the last run";
+        case NotRunReason::kMethodSetUnknown:
+            return "method set unknown";
+        case NotRunReason::kRunnerDisabled:
+            return "runner disabled";
+        case NotRunReason::kTransactionOpen:
+            return "transaction open";
     }
     return "unknown";
 }

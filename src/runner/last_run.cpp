@@ -19,7 +19,8 @@ int32_t LastRun::Restore(const qv::IList<Rule>& stored, const std::vector<RulePt
         rules_.reserve(stored.Count());
         stored.ForEach([&](const Rule& rule) {
             const auto [first, last] = byId.equal_range(rule.id);
-            const auto same = std::find_if(first, last, [&](const auto& entry) { return (*entry.second)->rule() == rule; });
+            const auto same =
+                std::find_if(first, last, [&](const auto& entry) { return (*entry.second)->rule() == rule; });
             rules_.push_back(same != last ? *same->second : std::make_shared<const RuleRecord>(rule));
         });
     } catch (const std::bad_alloc&) {

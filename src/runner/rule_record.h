@@ -67,7 +67,7 @@ private:
     }
 
     mutable Rule rule_;
-    mutable Json::Value json_;    // {"id", "displayName", "methodSetId", "matchIf": null}
+    mutable Json::Value json_;        // {"id", "displayName", "methodSetId", "matchIf": null}
     Json::Value* matchIf_ = nullptr;  // json_'s "matchIf" member (swapping json_ moves no member)
     bool treeHasComment_ = false;     // the tree's own comments (it never changes)
 };

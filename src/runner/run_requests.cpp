@@ -1,6 +1,6 @@
 #include "runner/run_requests.h"
 
-#include <cstring>
+#include <bit>
 #include <string_view>
 
 #include "os/utf8.h"
@@ -39,17 +39,22 @@ std::string_view MemberName(const Json::Value::const_iterator& member) {
 bool WrittenAlike(const Json::Value& a, const Json::Value& b) {
     if (a.type() != b.type() || !SameComments(a, b)) return false;
     switch (a.type()) {
-        case Json::nullValue: return true;
-        case Json::intValue: return a.asLargestInt() == b.asLargestInt();
-        case Json::uintValue: return a.asLargestUInt() == b.asLargestUInt();
+        case Json::nullValue:
+            return true;
+        case Json::intValue:
+            return a.asLargestInt() == b.asLargestInt();
+        case Json::uintValue:
+            return a.asLargestUInt() == b.asLargestUInt();
         case Json::realValue: {
             // Bit for bit: 0.0 and -0.0 are equal numbers but not equal texts.
             const double x = a.asDouble();
             const double y = b.asDouble();
-            return std::memcmp(&x, &y, sizeof x) == 0;
+            return std::bit_cast<uint64_t>(x) == std::bit_cast<uint64_t>(y);
         }
-        case Json::booleanValue: return a.asBool() == b.asBool();
-        case Json::stringValue: return Text(a) == Text(b);
+        case Json::booleanValue:
+            return a.asBool() == b.asBool();
+        case Json::stringValue:
+            return Text(a) == Text(b);
         case Json::arrayValue:
         case Json::objectValue: {
             if (a.size() != b.size()) return false;

@@ -35,8 +35,9 @@ int32_t ConditionalRunnerAL::MakeRequest(const std::wstring& methodSetId, std::w
     return 0;
 }
 
-std::vector<TrueRule> ConditionalRunnerAL::CollectTrueRules(
-    bool invalidateCache, std::vector<std::wstring>& unknownMethodSet, size_t& unknownCount) {
+std::vector<TrueRule> ConditionalRunnerAL::CollectTrueRules(bool invalidateCache,
+                                                            std::vector<std::wstring>& unknownMethodSet,
+                                                            size_t& unknownCount) {
     // Nothing is copied until the pass knows that something changed.
     std::vector<TrueRule> trueRules;
     trueRules.reserve(rules_.size());
@@ -148,9 +149,10 @@ std::shared_ptr<const std::vector<std::wstring>> ConditionalRunnerAL::TrueIds(
     // Only the first rules are listed. A serial names one installed rule for
     // good: equal serials, equal ids.
     const size_t listed = std::min(trueEntries.size(), EvaluationHistory::kListedRules);
-    const bool same = trueIds_ && trueSerials_.size() == listed &&
-                      std::equal(trueSerials_.begin(), trueSerials_.end(), trueEntries.begin(),
-                                 [](uint64_t serial, const LastRun::Installed& entry) { return entry.serial == serial; });
+    const bool same =
+        trueIds_ && trueSerials_.size() == listed &&
+        std::equal(trueSerials_.begin(), trueSerials_.end(), trueEntries.begin(),
+                   [](uint64_t serial, const LastRun::Installed& entry) { return entry.serial == serial; });
     if (same) return trueIds_;
     auto ids = std::make_shared<std::vector<std::wstring>>();
     ids->reserve(listed);
@@ -238,13 +240,14 @@ int32_t ConditionalRunnerAL::ReEvalRules() {
     if (leftUnapplied) {
         logging::Log(logging::kDetail, kReEvalRules,
                      L"There are some valid rules which were not applied; re-signal after 30s");
-        if (const int32_t status = eventQueue_.Post(
-                [this] { signals_.RequestEvaluation(EvaluationTrigger::kRetry); }, kRetryDelayMs);
+        if (const int32_t status =
+                eventQueue_.Post([this] { signals_.RequestEvaluation(EvaluationTrigger::kRetry); }, kRetryDelayMs);
             status != 0) {
             logging::Log(logging::kError, kReEvalRules, L"cannot schedule the re-evaluation [%d]", status);
         } else {
             record.retryAt = record.when + std::chrono::milliseconds(kRetryDelayMs);
-            retryAtMs_ = std::chrono::duration_cast<std::chrono::milliseconds>(record.retryAt->time_since_epoch()).count();
+            retryAtMs_ =
+                std::chrono::duration_cast<std::chrono::milliseconds>(record.retryAt->time_since_epoch()).count();
         }
     }
     history_.Record(std::move(record));
@@ -269,8 +272,9 @@ Json::Value ConditionalRunnerAL::EvaluationStatus() {
     const std::optional<EvaluationRecord> last = history_.Last();
     status["lastEvaluation"] = last ? Json::Value(os::Iso8601Utc(last->when)) : Json::Value();
     const int64_t retryAt = retryAtMs_.load();
-    status["retryAt"] = retryAt == 0 ? Json::Value()
-                                     : Json::Value(os::Iso8601Utc(system_clock::time_point(std::chrono::milliseconds(retryAt))));
+    status["retryAt"] = retryAt == 0
+                            ? Json::Value()
+                            : Json::Value(os::Iso8601Utc(system_clock::time_point(std::chrono::milliseconds(retryAt))));
     status["transactionOpen"] = transactionInProgress_.load();
     return status;
 }

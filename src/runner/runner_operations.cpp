@@ -36,6 +36,7 @@ bool IsStorableMethodSetId(const std::wstring& id) {
 }
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 int32_t ConditionalRunnerAL::SetRulesLocked(NewRules rules, qv::IList<RuleError>& errors, int32_t& remembered) {
     logging::CallTrace trace(kSetRulesLocked);
     std::lock_guard lock(lock_);

@@ -27,9 +27,9 @@ public:
         bool enabled = false;
     };
 
-    void* QueryInterface(const GUID& iid) override {
-        if (qv::GuidEquals(iid, IQvBaseInterface::iid)) return static_cast<IQvBaseInterface*>(this);
-        if (qv::GuidEquals(iid, IConditionalRunner::iid)) return static_cast<IConditionalRunner*>(this);
+    void* QueryInterface(const GUID& requested) override {
+        if (qv::GuidEquals(requested, IQvBaseInterface::iid)) return static_cast<IQvBaseInterface*>(this);
+        if (qv::GuidEquals(requested, IConditionalRunner::iid)) return static_cast<IConditionalRunner*>(this);
         return nullptr;
     }
 

@@ -30,7 +30,8 @@ TEST(Concurrency, NotificationsFromManyThreadsWhileTheTreeIsQueried) {
     for (size_t i = 0; i < names.size() + 2; ++i) {
         threads.emplace_back([&, i] {
             const bool shared = i >= names.size();
-            for (int n = 0; n < kFlips; ++n) bench.board.Set(names[shared ? 1 : i], (n + i) % (shared ? 3 : 2) == 0);
+            for (int n = 0; n < kFlips; ++n)
+                bench.board.Set(names[shared ? 1 : i], (static_cast<size_t>(n) + i) % (shared ? 3 : 2) == 0);
         });
     }
     std::vector<std::thread> readers;

@@ -145,7 +145,9 @@ TEST_P(EitherWay, SeesPathsAppearAndVanishInOneFolder) {
     std::this_thread::sleep_for(300ms);
     for (int i = 0; i < kPaths; ++i) {
         const bool changed = i == 3 || i == 7;
-        EXPECT_EQ(clients[i]->Flips(), changed ? std::vector<bool>({true, false}) : std::vector<bool>{}) << i;
+        EXPECT_EQ(clients[static_cast<size_t>(i)]->Flips(),
+                  changed ? std::vector<bool>({true, false}) : std::vector<bool>{})
+            << i;
     }
     EXPECT_EQ(twin.Flips(), (std::vector<bool>{true, false}));
     for (auto& client : clients) watcher.Unregister(client.get());
@@ -190,8 +192,8 @@ TEST_P(EitherWay, FollowsFoldersThatAppearVanishAndMove) {
 
 INSTANTIATE_TEST_SUITE_P(FileWatcher, EitherWay,
                          testing::Values(FileWatcher::Watching::kSystem, FileWatcher::Watching::kPollOnly),
-                         [](const auto& info) {
-                             return info.param == FileWatcher::Watching::kSystem ? "Watching" : "Polling";
+                         [](const auto& tested) {
+                             return tested.param == FileWatcher::Watching::kSystem ? "Watching" : "Polling";
                          });
 
 // Watched paths cost nothing while nothing changes: after the first look at

@@ -161,9 +161,9 @@ TEST(CreateCondition, LiveConditionsAreCountedByTypeUntilFreed) {
     EXPECT_EQ(count("boolean.NOT"), 1u);
     EXPECT_EQ(count("boolean.TRUE"), 2u);
     int32_t error = 0;
-    EXPECT_EQ(bench.Create(R"({"type":"boolean.AND","data":{"conditions":[{"type":"boolean.FALSE"},{"type":"x"}]}})",
-                           &error),
-              nullptr);
+    EXPECT_EQ(
+        bench.Create(R"({"type":"boolean.AND","data":{"conditions":[{"type":"boolean.FALSE"},{"type":"x"}]}})", &error),
+        nullptr);
     EXPECT_EQ(count("boolean.AND"), 0u);
     EXPECT_EQ(count("boolean.FALSE"), 0u);
     tree.reset();
@@ -243,8 +243,9 @@ TEST(CreateCondition, RefusedTreesGiveTheirStatusAndLogTheReason) {
             ASSERT_EQ(messages.size(), 1u) << c.json;
             EXPECT_EQ(messages[0].rfind(L"Creating condition of type[", 0), 0u);
         }
-        if (c.message == L"Failed to load subnode type")
+        if (c.message == L"Failed to load subnode type") {
             EXPECT_TRUE(capture.Contains(logging::kError, kCreate, L"Failed to find type for condition. Invalid Json"));
+        }
         EXPECT_EQ(ConditionTestSwitch::uninits, uninitsBefore + c.uninits) << c.json;
         EXPECT_EQ(ConditionTestSwitch::live, 0);
         EXPECT_EQ(bench.board.AttachedLeaves(), 0u);

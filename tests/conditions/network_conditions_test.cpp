@@ -198,7 +198,9 @@ TEST(NetworkConditions, InitRefusesMissingAndBadParameters) {
         int32_t error = 0;
         EXPECT_EQ(bench.Create(c.json, &error), nullptr) << c.json;
         EXPECT_EQ(error, c.status) << c.json;
-        if (c.function) EXPECT_TRUE(capture.Contains(logging::kError, c.function, c.message)) << c.json;
+        if (c.function) {
+            EXPECT_TRUE(capture.Contains(logging::kError, c.function, c.message)) << c.json;
+        }
     }
     // Every failed condition gave back its provider start and subscription.
     EXPECT_EQ(bench.provider.StartCount(), 0);

@@ -98,8 +98,8 @@ private:
 // Notify with no lock held.
 class ScriptedProvider final : public Product::Integration::INetworkProvider {
 public:
-    void* QueryInterface(const GUID& iid) override {
-        return qv::GuidEquals(iid, INetworkProvider::iid) ? static_cast<INetworkProvider*>(this) : nullptr;
+    void* QueryInterface(const GUID& requested) override {
+        return qv::GuidEquals(requested, INetworkProvider::iid) ? static_cast<INetworkProvider*>(this) : nullptr;
     }
     int32_t Start() override {
         std::lock_guard lock(mutex_);

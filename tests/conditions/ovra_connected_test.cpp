@@ -115,8 +115,9 @@ public:
     // Runs `action` once, inside the next read, after the state was taken.
     void DuringNextRead(std::function<void()> action) { duringNextRead_ = std::move(action); }
 
-    void* QueryInterface(const GUID& iid) override {
-        return qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IOvraClientWithNotifications::iid)
+    void* QueryInterface(const GUID& requested) override {
+        return qv::GuidEquals(requested, IQvBaseInterface::iid) ||
+                       qv::GuidEquals(requested, IOvraClientWithNotifications::iid)
                    ? static_cast<IOvraClientWithNotifications*>(this)
                    : nullptr;
     }

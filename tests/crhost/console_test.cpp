@@ -229,7 +229,7 @@ TEST_F(CrHostConsole, HostileLinesAreAnsweredAndTheHostGoesOn) {
     HostProcess host(Arguments());
     ASSERT_TRUE(host.Started()) << os::WideToUtf8Lossy(host.startError());
     const std::string deep(100'000, '[');
-    const std::string huge = "{\"id\":\"" + std::string(9 * 1024 * 1024, 'x') + "\",\"method\":\"IsEnabled\"}";
+    const std::string huge = "{\"id\":\"" + std::string(size_t{9} * 1024 * 1024, 'x') + "\",\"method\":\"IsEnabled\"}";
     const std::vector<std::string> hostile = {
         "not json",
         "[1,2]",
@@ -363,7 +363,7 @@ TEST_F(CrHostConsole, TheLongestLineIsTheSameWhateverItsEnd) {
         const std::string head = R"({"id":")" + id + R"(","method":"IsEnabled","request":{},"pad":")";
         return head + std::string(size - head.size() - 2, 'x') + "\"}";
     };
-    const size_t longest = 8 * 1024 * 1024;
+    const size_t longest = size_t{8} * 1024 * 1024;
     ASSERT_EQ(line("lf", longest).size(), longest);
     ASSERT_TRUE(host.Send(line("lf", longest)));
     ASSERT_TRUE(host.Send(line("crlf", longest) + "\r"));

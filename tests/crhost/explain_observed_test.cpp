@@ -120,8 +120,8 @@ TEST(CrHostExplainObserved, AnAndOverTwoFileRulesNamesBothPathsAndWhichExists) {
 // on 10.77.0.0/16 names that address as the one that matched.
 TEST(CrHostExplainObserved, AnAddressRuleNamesTheAddressThatMatched) {
     const network_test::ChildOutcome outcome = network_test::RunInPrivateNetworkNamespace([] {
-        std::string failures = network_test::Shell("ip link set lo up") +
-                               network_test::Shell("ip addr add 10.77.0.1/24 dev lo");
+        std::string failures =
+            network_test::Shell("ip link set lo up") + network_test::Shell("ip addr add 10.77.0.1/24 dev lo");
         testing_support::TempDir dir;
         HostProcess host(StateAndLogIn(dir));
         if (!host.Started()) return failures + "cr-host did not start\n";

@@ -27,8 +27,8 @@ std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8
 
 // Words a sanitizer or the C++ runtime writes when something went wrong.
 bool ReportsAFault(const std::string& errors) {
-    for (const char* word : {"AddressSanitizer", "ThreadSanitizer", "LeakSanitizer", "runtime error:", "terminate called",
-                             "Assertion", "wine: Unhandled"})
+    for (const char* word : {"AddressSanitizer", "ThreadSanitizer", "LeakSanitizer",
+                             "runtime error:", "terminate called", "Assertion", "wine: Unhandled"})
         if (errors.find(word) != std::string::npos) return true;
     return false;
 }
@@ -43,15 +43,16 @@ protected:
     static void StartEverything(HostProcess& host, const std::wstring& file) {
         ASSERT_EQ(host.Method("SetSettings", Parse(R"({"settings":{"minEvalTime":0,"maxPostponeTime":60}})"))["status"],
                   0);
-        ASSERT_EQ(host.Host(Parse(R"({"host":"policy.result","plugin":"P","method":"slow","result":0,"delayMs":60000})"))
-                      ["status"],
+        ASSERT_EQ(host.Host(Parse(
+                      R"({"host":"policy.result","plugin":"P","method":"slow","result":0,"delayMs":60000})"))["status"],
                   0);
         ASSERT_EQ(host.Method("SetMethodSet", Parse(R"({"id":"M","displayName":"m","methods":[
                                                        {"plugin":"P","method":"slow"}]})"))["status"],
                   0);
         const Json::Value answer = host.Method("SetRules", Parse(R"({"rules":[
             {"id":"file","displayName":"","methodSetId":"M","matchIf":
-                {"type":"Test.FileExists","data":{"filePath":)" + Quoted(file) + R"(}}},
+                {"type":"Test.FileExists","data":{"filePath":)" + Quoted(file) +
+                                                                 R"(}}},
             {"id":"name","displayName":"","methodSetId":"M","matchIf":
                 {"type":"network.canResolveHost","data":{"address":"localhost"}}},
             {"id":"always","displayName":"","methodSetId":"M","matchIf":{"type":"boolean.TRUE"}}]})"));

@@ -75,9 +75,10 @@ TEST_F(CrHostReadableAnswers, ATreeThatCannotBeBuiltNamesWhereAndWhy) {
 
     // A member left out, below a NOT; a wrong JSON type; an unknown type; a
     // combinator without children.
-    EXPECT_EQ(explain(R"({"type":"boolean.NOT","data":{"condition":{"type":"network.IPRange","data":{"start":"1.2.3.4"}}}})")
-                  ["failedAt"],
-              "data.condition.data.end");
+    EXPECT_EQ(
+        explain(R"({"type":"boolean.NOT","data":{"condition":{"type":"network.IPRange","data":{"start":"1.2.3.4"}}}})")
+            ["failedAt"],
+        "data.condition.data.end");
     EXPECT_EQ(explain(R"({"type":"boolean.OR","data":{"conditions":[{"type":"boolean.FALSE"},
         {"type":"network.ConnectionType","data":{"type":"wifi","ssid":7}}]}})")["failedAt"],
               "data.conditions[1].data.ssid");
@@ -178,11 +179,15 @@ TEST_F(CrHostReadableAnswers, PrettyOutputDrawsTreesAndGivesRunsAndEventsALineEa
     const std::string path = Json::Value(os::WideToUtf8Lossy(flag)).toStyledString();
     ASSERT_TRUE(host.Send(OneLine(R"({"id":1,"host":"explain","condition":{"type":"boolean.AND","data":{"conditions":[
         {"type":"boolean.TRUE"},{"type":"boolean.NOT","data":{"condition":
-        {"type":"Test.FileExists","data":{"filePath":)" + path + R"(}}}}]}}})")));
+        {"type":"Test.FileExists","data":{"filePath":)" +
+                                  path + R"(}}}}]}}})")));
     ASSERT_TRUE(host.Send(R"({"id":2,"host":"explain","condition":{"type":"network.IP","data":{"address":"1.2.3"}}})"));
-    ASSERT_TRUE(host.Send(R"({"id":3,"method":"SetSettings","request":{"settings":{"minEvalTime":0,"maxPostponeTime":60}}})"));
-    ASSERT_TRUE(host.Send(R"({"id":4,"method":"SetMethodSet","request":{"id":"M","displayName":"","methods":[{"plugin":"P","method":"m"}]}})"));
-    ASSERT_TRUE(host.Send(R"({"id":5,"method":"SetRules","request":{"rules":[{"id":"r1","displayName":"","methodSetId":"M","matchIf":{"type":"boolean.TRUE"}}]}})"));
+    ASSERT_TRUE(
+        host.Send(R"({"id":3,"method":"SetSettings","request":{"settings":{"minEvalTime":0,"maxPostponeTime":60}}})"));
+    ASSERT_TRUE(host.Send(
+        R"({"id":4,"method":"SetMethodSet","request":{"id":"M","displayName":"","methods":[{"plugin":"P","method":"m"}]}})"));
+    ASSERT_TRUE(host.Send(
+        R"({"id":5,"method":"SetRules","request":{"rules":[{"id":"r1","displayName":"","methodSetId":"M","matchIf":{"type":"boolean.TRUE"}}]}})"));
     const auto has = [&host](const std::string& wanted) {
         return testing_support::Eventually([&] {
             for (const std::string& line : host.RawLines())

@@ -65,7 +65,7 @@ std::optional<bool> RunStartedFlag(const std::wstring& stateFile) {
 
 size_t Count(const HostProcess& host, const HostProcess::Predicate& predicate) {
     size_t count = 0;
-    for (const Json::Value& line : host.Lines()) count += predicate(line) ? 1 : 0;
+    for (const Json::Value& line : host.Lines()) count += predicate(line) ? 1u : 0u;
     return count;
 }
 

@@ -102,7 +102,7 @@ protected:
 TEST_F(EventQueueServiceTest, RunsItemsOnItsWorkerWhenDueInDueOrderAndFifoAmongEqualDueTimes) {
     IEventQueue* q = Open(L"Q");
     std::thread::id ranOn;
-    for (auto [label, delay] : {std::pair{"late", 30}, {"mid1", 10}, {"mid2", 10}, {"last", 30}, {"mid3", 10}})
+    for (auto [label, delay] : {std::pair{"late", 30u}, {"mid1", 10u}, {"mid2", 10u}, {"last", 30u}, {"mid3", 10u}})
         ASSERT_EQ(Post(q, label, delay, [&] { ranOn = std::this_thread::get_id(); }), 0);
     ASSERT_TRUE(service.WaitIdle());
     EXPECT_TRUE(recorder.Runs().empty());

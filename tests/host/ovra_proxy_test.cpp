@@ -70,7 +70,7 @@ TEST(OvraProxy, OnLinuxTheInterfacesWithADeviceArePhysical) {
         std::string text;
         if (!(file >> text) || text.size() != 17) continue;
         uint8_t mac[6];
-        for (int i = 0; i < 6; ++i) mac[i] = static_cast<uint8_t>(std::stoul(text.substr(i * 3, 2), nullptr, 16));
+        for (size_t i = 0; i < 6; ++i) mac[i] = static_cast<uint8_t>(std::stoul(text.substr(i * 3, 2), nullptr, 16));
         if (std::all_of(mac, mac + 6, [](uint8_t b) { return b == 0; })) continue;
         const bool device = std::filesystem::exists(entry.path() / "device");
         EXPECT_EQ(query->IsPhysicalAdapter(6, mac, 6), device) << entry.path();

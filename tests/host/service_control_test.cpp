@@ -18,7 +18,9 @@ using testing_support::Finishes;
 // A pure sink: counts events and runs an optional hook on each.
 class Sink final : public IControl {
 public:
-    void* QueryInterface(const GUID& iid) override { return qv::GuidEquals(iid, IControl::iid) ? this : nullptr; }
+    void* QueryInterface(const GUID& requested) override {
+        return qv::GuidEquals(requested, IControl::iid) ? this : nullptr;
+    }
     void OnConnectionEvent(int32_t) override {
         ++calls;
         if (hook) hook();

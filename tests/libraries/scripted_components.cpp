@@ -75,10 +75,10 @@ private:
 class OSInfo final : public Component, public Ovra::IPhysicalAdapterQuery {
 public:
     OSInfo() : Component(Ovra::kOSInfoComponent) {}
-    void* QueryInterface(const GUID& iid) override {
-        if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, Ovra::IComponent::iid))
+    void* QueryInterface(const GUID& requested) override {
+        if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, Ovra::IComponent::iid))
             return static_cast<Ovra::IComponent*>(this);
-        if (qv::GuidEquals(iid, Ovra::IPhysicalAdapterQuery::iid) && AnswersQuery())
+        if (qv::GuidEquals(requested, Ovra::IPhysicalAdapterQuery::iid) && AnswersQuery())
             return static_cast<Ovra::IPhysicalAdapterQuery*>(this);
         return nullptr;
     }
@@ -93,10 +93,11 @@ public:
 class Network final : public Component, public Ovra::IMacQuery {
 public:
     Network() : Component(Ovra::kNetworkComponent) {}
-    void* QueryInterface(const GUID& iid) override {
-        if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, Ovra::IComponent::iid))
+    void* QueryInterface(const GUID& requested) override {
+        if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, Ovra::IComponent::iid))
             return static_cast<Ovra::IComponent*>(this);
-        if (qv::GuidEquals(iid, Ovra::IMacQuery::iid) && AnswersQuery()) return static_cast<Ovra::IMacQuery*>(this);
+        if (qv::GuidEquals(requested, Ovra::IMacQuery::iid) && AnswersQuery())
+            return static_cast<Ovra::IMacQuery*>(this);
         return nullptr;
     }
     bool IsPhysicalMac(const wchar_t* macText) override {

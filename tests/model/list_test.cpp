@@ -124,10 +124,10 @@ TEST(List, CopiesAreDeepAndMovesTransferOwnership) {
     EXPECT_TRUE(copy == original);
 
     qv::List<std::wstring> moved(std::move(copy));
-    EXPECT_TRUE(copy.Empty());
+    EXPECT_TRUE(copy.Empty());  // NOLINT(bugprone-use-after-move): the moved-from state is tested
     EXPECT_TRUE(moved == original);
     moved = std::move(original);
-    EXPECT_TRUE(original.Empty());
+    EXPECT_TRUE(original.Empty());  // NOLINT(bugprone-use-after-move): the moved-from state is tested
     EXPECT_EQ(Contents<std::wstring>(moved), (std::vector<std::wstring>{L"x", L"y"}));
 
     std::vector<std::wstring> viaIterators(moved.begin(), moved.end());

@@ -13,12 +13,12 @@
 
 #include <json/value.h>
 
-#include "hosted_module.h"
 #include "host/method_call.h"
 #include "host/network_provider_standin.h"
 #include "host/reference_host.h"
 #include "host/settings/settings_store.h"
 #include "host/user_manager.h"
+#include "hosted_module.h"
 #include "model/conditional_runner.h"
 #include "os/directory.h"
 #include "os/file_io.h"
@@ -36,12 +36,12 @@
 
 namespace {
 
+using module_test::HostedModule;
+using module_test::NetworkSource;
 using Product::Integration::ConditionalRunner::IConditionalRunner;
 using testing_support::Eventually;
 using testing_support::LoadedModule;
 using testing_support::ParseJson;
-using module_test::HostedModule;
-using module_test::NetworkSource;
 
 std::string Quoted(const std::wstring& text) { return Json::Value(os::WideToUtf8Lossy(text)).toStyledString(); }
 

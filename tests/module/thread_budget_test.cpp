@@ -42,8 +42,8 @@ std::string Rules(size_t network, size_t files, size_t names, const testing_supp
     auto add = [&rules](const std::string& rule) { rules += (rules.empty() ? "" : ",") + rule; };
     for (size_t i = 0; i < network; ++i)
         add(Rule("n" + std::to_string(i), R"({"type":"boolean.AND","data":{"conditions":[
-                {"type":"network.IP","data":{"address":"10.)" + std::to_string(i / 250) + ".0." +
-                                              std::to_string(i % 250 + 1) + R"("}},
+                {"type":"network.IP","data":{"address":"10.)" +
+                                              std::to_string(i / 250) + ".0." + std::to_string(i % 250 + 1) + R"("}},
                 {"type":"network.DNSSuffix","data":{"suffix":"corp.example"}}]}})"));
     for (size_t i = 0; i < files; ++i)
         add(Rule("f" + std::to_string(i), R"({"type":"Test.FileExists","data":{"filePath":)" +

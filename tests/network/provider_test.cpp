@@ -176,7 +176,9 @@ TEST(NetworkProvider, StartsAreCountedAndTheLastStopJoinsTheOneThread) {
     ASSERT_EQ(bench.provider->Stop(), 0);
     EXPECT_FALSE(bench.provider->ListenerRunning());
     EXPECT_EQ(bench.provider->StartCount(), 0);
-    if (threadsWithListener) EXPECT_EQ(os::ProcessThreadCount(), threadsWithListener - 1);
+    if (threadsWithListener) {
+        EXPECT_EQ(os::ProcessThreadCount(), threadsWithListener - 1);
+    }
     // And it starts again.
     ASSERT_EQ(bench.provider->Start(), 0);
     bench.changes->Signal();

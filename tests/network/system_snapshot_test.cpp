@@ -89,13 +89,16 @@ TEST(SystemSnapshot, MissingWirelessServiceAndAgentComponentsAreTolerated) {
     // (Wine's wlanapi.dll; a kernel with nl80211), it lists no connected
     // interface and nothing fails.
     const auto unavailable = log.Messages(8);
-    const size_t said = std::count(unavailable.begin(), unavailable.end(), L"WLAN API is unavailabe");
+    const auto said =
+        static_cast<size_t>(std::count(unavailable.begin(), unavailable.end(), L"WLAN API is unavailabe"));
     size_t loadFailures = 0;
     for (const auto& line : log.Lines())
         if (line.function == L"Product::Integration::NetworkProvider::WlanAPI::Load") ++loadFailures;
     // A run that has taken the library away (see tests/CMakeLists.txt) must
     // see the unavailable path.
-    if (os::GetEnv(L"CR_EXPECT_NO_WLAN")) EXPECT_GT(said, 0u);
+    if (os::GetEnv(L"CR_EXPECT_NO_WLAN")) {
+        EXPECT_GT(said, 0u);
+    }
     if (said > 0) {
         EXPECT_EQ(said, 2u);
         EXPECT_EQ(loadFailures, 1u);
@@ -107,9 +110,11 @@ TEST(SystemSnapshot, MissingWirelessServiceAndAgentComponentsAreTolerated) {
 #endif
     } else {
         EXPECT_EQ(loadFailures, 0u);
-        for (const auto& line : log.Lines())
-            if (line.function == kGetSSIDList)
+        for (const auto& line : log.Lines()) {
+            if (line.function == kGetSSIDList) {
                 EXPECT_NE(line.level, logging::kError) << os::WideToUtf8Lossy(line.message);
+            }
+        }
     }
 }
 

@@ -21,7 +21,7 @@ TEST(FileIo, AtomicWriteCreatesThenReplacesAndLeavesOnlyTheFile) {
     std::string bytes;
     EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kMissing);
     // Binary content of more than one read buffer, then shorter content.
-    std::string large(200 * 1024, '\0');
+    std::string large(size_t{200} * 1024, '\0');
     for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7);
     for (const std::string& content : {std::string("first"), large, std::string()}) {
         ASSERT_TRUE(os::WriteFileAtomically(path, content));

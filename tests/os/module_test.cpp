@@ -45,7 +45,7 @@ TEST(LoadedModule, HoldsTheLibraryUntilItsLastHandleGoesAndKeepsTheReasonOfAFail
         EXPECT_EQ(missing.error(), reason);
         EXPECT_NE(loaded.Function<void (*)()>("LogWrite"), nullptr);
         const os::LoadedModule moved = std::move(loaded);
-        EXPECT_FALSE(loaded);
+        EXPECT_FALSE(loaded);  // NOLINT(bugprone-use-after-move): the moved-from state is tested
         EXPECT_NE(moved.Function<void (*)()>("LogWrite"), nullptr);
         EXPECT_TRUE(os::LoadedModule::FindLoaded(name));
     }

@@ -16,8 +16,9 @@ struct IFronted : IQvBaseInterface {
 
 class Fronted final : public IFronted {
 public:
-    void* QueryInterface(const GUID& iid) override {
-        return qv::GuidEquals(iid, IFronted::iid) || qv::GuidEquals(iid, IQvBaseInterface::iid) ? this : nullptr;
+    void* QueryInterface(const GUID& requested) override {
+        return qv::GuidEquals(requested, IFronted::iid) || qv::GuidEquals(requested, IQvBaseInterface::iid) ? this
+                                                                                                            : nullptr;
     }
 };
 

@@ -20,7 +20,7 @@ struct IEvents {
 
 // Notes each call as "<name>:<arguments>" in a shared log and returns `status`.
 struct Subscriber : IEvents {
-    Subscriber(std::string name, int status, Log& log) : name(std::move(name)), status(status), log(log) {}
+    Subscriber(std::string label, int answer, Log& shared) : name(std::move(label)), status(answer), log(shared) {}
     int Note(const std::string& what) {
         log.push_back(name + ":" + what);
         return status;
@@ -50,17 +50,17 @@ TEST(EventAdaptor, CallsEverySubscriberInOrderAndReturnsTheLastStatusOrZeroForNo
     qv::Event<qv::MemberFunction_2_args<IEvents, int, bool, size_t, &IEvents::OnStateChanged>> notifier(subscribers);
     Log log;
     Subscriber failing("1", 1627, log), succeeding("2", 0, log), failingLast("3", 21, log);
-    EXPECT_EQ(notifier(true, 4), 0);
+    EXPECT_EQ(notifier(true, size_t{4}), 0);
     EXPECT_TRUE(log.empty());
 
     ASSERT_EQ(subscribers.Add(&failing), 0);
     ASSERT_EQ(subscribers.Add(&succeeding), 0);
-    EXPECT_EQ(notifier(true, 7), 0) << "an earlier failure is overridden by the last subscriber";
+    EXPECT_EQ(notifier(true, size_t{7}), 0) << "an earlier failure is overridden by the last subscriber";
     EXPECT_EQ(log, (Log{"1:1,7", "2:1,7"}));
 
     ASSERT_EQ(subscribers.Add(&failingLast), 0);
     log.clear();
-    EXPECT_EQ(notifier.Fire(false, 2), 21);
+    EXPECT_EQ(notifier.Fire(false, size_t{2}), 21);
     EXPECT_EQ(log, (Log{"1:0,2", "2:0,2", "3:0,2"}));
 }
 

@@ -21,8 +21,8 @@ public:
     static inline std::atomic<int> live{0};
     CountedPlugin() { ++live; }
     virtual ~CountedPlugin() { --live; }
-    void* QueryInterface(const GUID& iid) override {
-        if (qv::GuidEquals(iid, IQvBaseInterface::iid) || qv::GuidEquals(iid, IServPlugin::iid))
+    void* QueryInterface(const GUID& requested) override {
+        if (qv::GuidEquals(requested, IQvBaseInterface::iid) || qv::GuidEquals(requested, IServPlugin::iid))
             return static_cast<IServPlugin*>(this);
         return nullptr;
     }

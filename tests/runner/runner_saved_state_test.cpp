@@ -39,9 +39,9 @@ protected:
     }
 
     const Rule always_ = MakeRule(L"always", L"M", R"({"type":"boolean.TRUE"})");
-    const Rule office_ =
-        MakeRule(L"office", L"N", R"({"type":"network.DNSSuffix","data":{"suffix":"corp.example"}})");
-    const Rule also_ = MakeRule(L"also", L"M", R"({"type":"boolean.NOT","data":{"condition":{"type":"boolean.FALSE"}}})");
+    const Rule office_ = MakeRule(L"office", L"N", R"({"type":"network.DNSSuffix","data":{"suffix":"corp.example"}})");
+    const Rule also_ =
+        MakeRule(L"also", L"M", R"({"type":"boolean.NOT","data":{"condition":{"type":"boolean.FALSE"}}})");
 };
 
 TEST_F(RunnerSavedStateTest, StoredRulesAndLastRunEqualAFullWriteAfterEveryPass) {

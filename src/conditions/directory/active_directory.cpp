@@ -1,10 +1,10 @@
 #include "conditions/directory/active_directory.h"
 
-#include <cwctype>
 #include <utility>
 
 #include "conditions/directory/directory_system.h"
 #include "os/directory.h"
+#include "os/text_case.h"
 #include "os/utf8.h"
 #include "plugin/log.h"
 #include "qv/status.h"
@@ -120,12 +120,7 @@ bool IsComputerPartOfOU(std::wstring_view computerDn, std::wstring_view targetOu
                    L"No components detected in the computer's DN.");
 }
 
-bool EqualIgnoringCase(std::wstring_view a, std::wstring_view b) noexcept {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (std::towupper(a[i]) != std::towupper(b[i])) return false;
-    return true;
-}
+bool EqualIgnoringCase(std::wstring_view a, std::wstring_view b) noexcept { return os::EqualIgnoringCase(a, b); }
 
 std::wstring GetAccountDomainSid(const std::wstring& sid) { return os::AccountDomainSidOf(sid); }
 

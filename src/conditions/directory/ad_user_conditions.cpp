@@ -1,12 +1,12 @@
 #include "conditions/directory/ad_user_conditions.h"
 
-#include <cwctype>
 #include <exception>
 #include <vector>
 
 #include "conditions/directory/active_directory.h"
 #include "conditions/guarded_callback.h"
 #include "model/json_composed_serializer.h"
+#include "os/text_case.h"
 #include "os/utf8.h"
 #include "plugin/call_trace.h"
 #include "plugin/log.h"
@@ -42,11 +42,6 @@ int32_t LoadDomainSid(const Json::Value& json, const wchar_t* function, std::wst
         return qv::status::kInvalidParameter;
     }
     return 0;
-}
-
-std::wstring UpperCase(std::wstring text) {
-    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towupper(c));
-    return text;
 }
 
 }  // namespace
@@ -195,7 +190,7 @@ int32_t ConditionADUserOU::LoadConditionData(const Json::Value& json) {
 }
 
 bool ConditionADUserOU::Matches(const UserInfo& user, Event event) {
-    const std::wstring key = UpperCase(user.sid);
+    const std::wstring key = os::UpperCase(user.sid);
     if (event == Event::kLogOff) {
         std::lock_guard lock(loggedOnMutex_);
         if (auto found = loggedOn_.find(key); found != loggedOn_.end()) {

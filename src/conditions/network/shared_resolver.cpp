@@ -51,9 +51,12 @@ SharedResolver::Answer SharedResolver::ResolveByDns(const std::wstring& name) {
 
 const char* SharedResolver::AnswerName(Answer answer) noexcept {
     switch (answer) {
-        case Answer::kA: return "A";
-        case Answer::kAAAA: return "AAAA";
-        case Answer::kNone: break;
+        case Answer::kA:
+            return "A";
+        case Answer::kAAAA:
+            return "AAAA";
+        case Answer::kNone:
+            break;
     }
     return "none";
 }
