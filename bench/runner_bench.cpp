@@ -102,8 +102,8 @@ public:
 
 private:
     static std::unique_ptr<host::SettingsStore> OpenStore(const std::wstring& file) {
-        std::wstring error;
-        return host::SettingsStore::Open(file, error);
+        os::Expected<std::unique_ptr<host::SettingsStore>> store = host::SettingsStore::Open(file);
+        return store ? std::move(*store) : nullptr;
     }
 
     std::unique_ptr<bench::MemorySettings> memory_;

@@ -13,6 +13,11 @@ namespace crhost {
 
 namespace {
 std::wstring StatusText(int32_t status) { return L" (status " + std::to_wstring(status) + L")"; }
+
+// A failure that answered `status`; kFunctionFailed when it answered success.
+os::Status Failed(int32_t status, std::wstring message) {
+    return os::Status::Failure(status != 0 ? status : qv::status::kFunctionFailed, std::move(message));
+}
 }  // namespace
 
 HostedModule::HostedModule(std::unique_ptr<host::SettingsStore> settings)
@@ -27,13 +32,10 @@ HostedModule::~HostedModule() {
     host_.components().Unregister(host::AgentClientNotifications::kName);
 }
 
-bool HostedModule::Create(const std::wstring& name, const GUID& iid, std::wstring& error) {
+os::Status HostedModule::Create(const std::wstring& name, const GUID& iid) {
     void* raw = nullptr;
     const int32_t status = create_(name.c_str(), &iid, &raw);
-    if (status != 0 || !raw) {
-        error = L"the module does not give the object " + name + StatusText(status);
-        return false;
-    }
+    if (status != 0 || !raw) return Failed(status, L"the module does not give the object " + name + StatusText(status));
     auto* base = static_cast<IQvBaseInterface*>(raw);
     Object object;
     object.name = name;
@@ -41,49 +43,46 @@ bool HostedModule::Create(const std::wstring& name, const GUID& iid, std::wstrin
     object.plugin = static_cast<IServPlugin*>(base->QueryInterface(IServPlugin::iid));
     host_.components().Register(name, static_cast<IQvBaseInterface*>(base->QueryInterface(IQvBaseInterface::iid)));
     objects_.push_back(object);
-    return true;
+    return os::Status::Ok();
 }
 
-bool HostedModule::InitAndStart(Object& object, std::wstring& error) {
-    if (!object.plugin) return true;
-    if (const int32_t status = object.plugin->Init(host_.main()); status != 0) {
-        error = L"initialising " + object.name + L" failed" + StatusText(status);
-        return false;
-    }
+os::Status HostedModule::InitAndStart(Object& object) {
+    if (!object.plugin) return os::Status::Ok();
+    if (const int32_t status = object.plugin->Init(host_.main()); status != 0)
+        return Failed(status, L"initialising " + object.name + L" failed" + StatusText(status));
     object.initialised = true;
-    if (const int32_t status = object.plugin->Start(); status != 0) {
-        error = L"starting " + object.name + L" failed" + StatusText(status);
-        return false;
-    }
+    if (const int32_t status = object.plugin->Start(); status != 0)
+        return Failed(status, L"starting " + object.name + L" failed" + StatusText(status));
     object.started = true;
-    return true;
+    return os::Status::Ok();
 }
 
-bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
+os::Status HostedModule::Start(const std::wstring& modulePath) {
     module_ = os::LoadedModule::Load(modulePath);
     if (!module_) {
-        error = L"cannot load the module " + modulePath + L": " + module_.error();
-        return false;
+        return Failed(static_cast<int32_t>(module_.errorCode()),
+                      L"cannot load the module " + modulePath + L": " + module_.error());
     }
     create_ = module_.Function<CreateFn>("QvCreateObject");
     destroy_ = module_.Function<DestroyFn>("QvDestroyObject");
     if (!create_ || !destroy_) {
-        error = L"the library " + modulePath + L" does not export QvCreateObject and QvDestroyObject";
         static_cast<void>(Stop());  // the failure that matters is the one reported
-        return false;
+        return Failed(qv::status::kFunctionFailed,
+                      L"the library " + modulePath + L" does not export QvCreateObject and QvDestroyObject");
     }
 
-    // The network provider first: the condition manager obtains it in Init.
-    std::wstring ignored;
-    if (!Create(qv::names::kNetworkProvider, IQvBaseInterface::iid, ignored)) {
+    // The network provider first: the condition manager obtains it in Init;
+    // a module without one runs over the host's stand-in.
+    if (!Create(qv::names::kNetworkProvider, IQvBaseInterface::iid)) {
         usesStandIn_ = true;
         host_.components().Register(host::NetworkProviderStandIn::kName, &standIn_);
     }
     const std::wstring agentName = qv::names::AgentName();
-    if (!Create(qv::names::kConditionManager, IServPlugin::iid, error) ||
-        !Create(qv::names::kModule, IServPlugin::iid, error) || !Create(agentName, IServPlugin::iid, error)) {
-        static_cast<void>(Stop());  // the failure that matters is the one reported
-        return false;
+    for (const std::wstring& name : {std::wstring(qv::names::kConditionManager), std::wstring(qv::names::kModule), agentName}) {
+        if (os::Status created = Create(name, IServPlugin::iid); !created) {
+            static_cast<void>(Stop());  // the failure that matters is the one reported
+            return created;
+        }
     }
     for (Object& object : objects_) {
         if (object.name != qv::names::kModule) continue;
@@ -100,9 +99,9 @@ bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
             static_cast<IConditionalRunnerDiagnostics*>(base->QueryInterface(IConditionalRunnerDiagnostics::iid));
     }
     for (Object& object : objects_) {
-        if (!InitAndStart(object, error)) {
+        if (os::Status started = InitAndStart(object); !started) {
             static_cast<void>(Stop());
-            return false;
+            return started;
         }
         if (object.name == qv::names::kConditionManager) {
             using Product::Integration::ConditionManager::IManager;
@@ -114,11 +113,10 @@ bool HostedModule::Start(const std::wstring& modulePath, std::wstring& error) {
         }
     }
     if (!conditionManager_) {
-        error = L"the condition manager does not answer its interface";
         static_cast<void>(Stop());  // the failure that matters is the one reported
-        return false;
+        return Failed(qv::status::kNotSupported, L"the condition manager does not answer its interface");
     }
-    return true;
+    return os::Status::Ok();
 }
 
 EnterpriseIntegration::IAgent* HostedModule::agent() {

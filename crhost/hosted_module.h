@@ -30,6 +30,7 @@
 #include "host/settings/settings_store.h"
 #include "model/conditional_runner.h"
 #include "os/module.h"
+#include "os/status.h"
 #include "qv/integration.h"
 
 namespace crhost {
@@ -47,9 +48,10 @@ public:
     // before giving it up; the module's own limit unless set before Start.
     void SetStopLimit(uint32_t milliseconds) { stopLimitMs_ = milliseconds; }
 
-    // Loads the module at `modulePath` and starts its objects. False with
-    // `error` saying what failed; what was started is stopped again.
-    bool Start(const std::wstring& modulePath, std::wstring& error);
+    // Loads the module at `modulePath` and starts its objects. On failure the
+    // status says what failed, with the module's or the system's code; what
+    // was started is stopped again.
+    os::Status Start(const std::wstring& modulePath);
     // Stops and gives back every object, then releases the library.
     // Idempotent. Returns what failed on the way ("" when nothing did); the
     // rest is stopped all the same.
@@ -94,10 +96,10 @@ private:
         bool started = false;
     };
 
-    // Creates `name` asking for `iid` and registers it; false with `error`.
-    bool Create(const std::wstring& name, const GUID& iid, std::wstring& error);
+    // Creates `name` asking for `iid` and registers it.
+    os::Status Create(const std::wstring& name, const GUID& iid);
     // Init then Start of the object of that name, when it is a plug-in.
-    bool InitAndStart(Object& object, std::wstring& error);
+    os::Status InitAndStart(Object& object);
     // The objects in the order they are stopped (and uninitialised).
     std::vector<Object*> StopOrder();
 

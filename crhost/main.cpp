@@ -92,13 +92,13 @@ std::wstring ResumedState(crhost::HostedModule& hosted, const std::wstring& stat
 int Run(const crhost::Options& options) {
     if (!options.log.empty()) os::SetEnv(L"CR_LOG_FILE", options.log);
 
-    std::wstring error;
     const bool resuming = os::PathExists(options.state);
-    std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(options.state, error);
-    if (!store) {
-        Complain(error);
+    os::Expected<std::unique_ptr<host::SettingsStore>> opened = host::SettingsStore::Open(options.state);
+    if (!opened) {
+        Complain(opened.status().message());
         return kCannotStart;
     }
+    std::unique_ptr<host::SettingsStore> store = std::move(*opened);
 
     crhost::StopRequest stop;
     os::StopSignalWatcher signals([&stop] { stop.Request(); });
@@ -111,8 +111,8 @@ int Run(const crhost::Options& options) {
     hosted.host().policyRunner().SetRunSink([&output](const auto& run) { output.Write(PolicyRunLine(run)); });
 
     const std::wstring modulePath = AsPath(options.module.empty() ? DefaultModulePath() : options.module);
-    if (!hosted.Start(modulePath, error)) {
-        Complain(error);
+    if (const os::Status started = hosted.Start(modulePath); !started) {
+        Complain(started.message());
         return kCannotStart;
     }
     if (hosted.usesNetworkStandIn())

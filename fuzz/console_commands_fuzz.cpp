@@ -286,9 +286,9 @@ private:
     std::wstring File() const { return (folder_.path() / "state.json").wstring(); }
 
     void Open(bool start) {
-        std::wstring error;
-        store_ = host::SettingsStore::Open(File(), error);
-        FUZZ_CHECK(store_ != nullptr, "the state file cannot be read again: %s", Utf8(error).c_str());
+        os::Expected<std::unique_ptr<host::SettingsStore>> opened = host::SettingsStore::Open(File());
+        FUZZ_CHECK(opened.ok(), "the state file cannot be read again: %s", Utf8(opened.status().message()).c_str());
+        store_ = std::move(*opened);
         host_.components().Register(host::ReferenceHost::kSettingsName, store_.get());
         runner_ = std::make_unique<ConditionalRunnerAL>();
         host_.components().Register(qv::names::kModule,

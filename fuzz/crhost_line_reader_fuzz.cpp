@@ -42,11 +42,10 @@ public:
         : folder_("crhost"),
           hosted_(OpenStore(folder_.path() / "state.json")),
           output_(crhost::Output::Format::kJsonLines, [this](const std::string& line) { written_.push_back(line); }) {
-        std::wstring error;
         const std::filesystem::path module =
             std::filesystem::read_symlink("/proc/self/exe").parent_path() / "libConditionalRunner.so";
-        FUZZ_CHECK(hosted_.Start(module.wstring(), error), "the module does not start: %s",
-                   os::WideToUtf8Lossy(error).c_str());
+        const os::Status started = hosted_.Start(module.wstring());
+        FUZZ_CHECK(started.ok(), "the module does not start: %s", os::WideToUtf8Lossy(started.message()).c_str());
         stop_.Request();
         console_ =
             std::make_unique<crhost::Console>(hosted_, output_, stop_, (folder_.path() / "state.json").wstring());
@@ -62,10 +61,9 @@ public:
 
 private:
     static std::unique_ptr<host::SettingsStore> OpenStore(const std::filesystem::path& file) {
-        std::wstring error;
-        std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(file.wstring(), error);
-        FUZZ_CHECK(store != nullptr, "no state file: %s", os::WideToUtf8Lossy(error).c_str());
-        return store;
+        os::Expected<std::unique_ptr<host::SettingsStore>> store = host::SettingsStore::Open(file.wstring());
+        FUZZ_CHECK(store.ok(), "no state file: %s", os::WideToUtf8Lossy(store.status().message()).c_str());
+        return std::move(*store);
     }
 
     fuzz_support::ScratchFolder folder_;

@@ -77,13 +77,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     }
 
-    std::wstring error;
-    std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(file.wstring(), error);
-    if (!store) {
-        FUZZ_CHECK(!error.empty(), "a file refused without a reason");
-        FUZZ_CHECK(ReadFile(file) == bytes, "a refused file was changed: %s", Narrow(error).c_str());
+    os::Expected<std::unique_ptr<host::SettingsStore>> opened = host::SettingsStore::Open(file.wstring());
+    if (!opened) {
+        const os::Status refused = opened.status();
+        FUZZ_CHECK(!refused.message().empty(), "a file refused without a reason");
+        FUZZ_CHECK(ReadFile(file) == bytes, "a refused file was changed: %s", Narrow(refused.message()).c_str());
         return 0;
     }
+    std::unique_ptr<host::SettingsStore> store = std::move(*opened);
 
     TreeView before;
     Walk(*store, L"/", before);
@@ -98,8 +99,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     node->Release();
     store.reset();
 
-    store = host::SettingsStore::Open(file.wstring(), error);
-    FUZZ_CHECK(store != nullptr, "a file the store wrote cannot be opened again: %s", Narrow(error).c_str());
+    opened = host::SettingsStore::Open(file.wstring());
+    FUZZ_CHECK(opened.ok(), "a file the store wrote cannot be opened again: %s",
+               Narrow(opened.status().message()).c_str());
+    store = std::move(*opened);
     FUZZ_CHECK(store->OpenForRead(kWrittenNode, &node) == 0, "the node written is gone; the file holds %s",
                ReadFile(file).c_str());
     Json::Value back;

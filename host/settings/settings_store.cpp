@@ -25,15 +25,17 @@ SettingsStore::SettingsStore(std::wstring path, NodePtr root) : path_(std::move(
 
 SettingsStore::~SettingsStore() = default;
 
-std::unique_ptr<SettingsStore> SettingsStore::Open(const std::wstring& path, std::wstring& error) {
-    error.clear();
+os::Expected<std::unique_ptr<SettingsStore>> SettingsStore::Open(const std::wstring& path) {
+    auto refuse = [&](const wchar_t* what, const std::wstring& why) {
+        return os::Status::Failure(status::kInvalidDataType, L"settings file " + path + what + why);
+    };
     std::string bytes;
+    std::wstring error;
     switch (os::ReadWholeFile(path, bytes, &error)) {
         case os::ReadResult::kMissing:
             return std::unique_ptr<SettingsStore>(new SettingsStore(path, std::make_shared<Node>()));
         case os::ReadResult::kFailed:
-            error = L"settings file " + path + L" cannot be read: " + error;
-            return nullptr;
+            return os::Status::Failure(status::kFunctionFailed, L"settings file " + path + L" cannot be read: " + error);
         case os::ReadResult::kRead:
             break;
     }
@@ -43,20 +45,17 @@ std::unique_ptr<SettingsStore> SettingsStore::Open(const std::wstring& path, std
     Json::Value document;
     std::string reason;
     if (strict_json::Parse(tree, document, &reason, strict_json::Root::kAnyValue) != strict_json::Outcome::kParsed) {
-        error = L"settings file " + path + L" is not valid JSON: " + os::Utf8ToWideLossy(reason);
-        return nullptr;
+        return refuse(L" is not valid JSON: ", os::Utf8ToWideLossy(reason));
     }
     std::wstring why;
     NodePtr root = settings::NodeFromJson(document, L"/", 0, why);
     if (!root) {
-        error = L"settings file " + path + L" does not hold a settings tree: " + why;
-        return nullptr;
+        return refuse(L" does not hold a settings tree: ", why);
     }
     const settings::JournalRead journal =
         settings::ReadJournal(all.substr(journalStart), settings::LineCount(tree), root, why);
     if (journal.damaged) {
-        error = L"settings file " + path + L" has a damaged journal: " + why;
-        return nullptr;
+        return refuse(L" has a damaged journal: ", why);
     }
     std::unique_ptr<SettingsStore> store(new SettingsStore(path, std::move(root)));
     store->treeBytes_ = tree.size();
@@ -140,10 +139,12 @@ int32_t SettingsStore::Apply(const std::vector<std::wstring>& segments, const Ch
 
 bool SettingsStore::Write(const Node& root, const std::string& record, std::wstring& error) {
     if (!rewriteNext_ && journalBytes_ + record.size() <= std::max(kJournalFloor, 2 * treeBytes_)) {
-        if (os::AppendDurably(path_, record, &error)) {
+        const os::Status appended = os::AppendDurably(path_, record);
+        if (appended) {
             journalBytes_ += record.size();
             return true;
         }
+        error = appended.message();
         // The file may now end in part of the line: the next commit writes
         // the whole tree instead of appending after it.
         rewriteNext_ = true;
@@ -154,7 +155,10 @@ bool SettingsStore::Write(const Node& root, const std::string& record, std::wstr
     std::string bytes;
     settings::AppendNode(root, bytes);
     bytes += '\n';
-    if (!os::WriteFileAtomically(path_, bytes, &error)) return false;
+    if (const os::Status written = os::WriteFileAtomically(path_, bytes); !written) {
+        error = written.message();
+        return false;
+    }
     treeBytes_ = bytes.size();
     journalBytes_ = 0;
     rewriteNext_ = false;

@@ -54,6 +54,7 @@
 #include <string>
 #include <vector>
 
+#include "os/status.h"
 #include "qv/settings_store.h"
 
 namespace host {
@@ -72,10 +73,11 @@ public:
     static constexpr size_t kJournalFloor = size_t{64} * 1024;
 
     // Opens the store kept in the file at `path`. A missing file is an empty
-    // tree; the file (not its folder) is created by the first commit. Null
-    // when the file cannot be read or does not hold a settings tree, with
-    // `error` naming the file and the reason; the file is left as it is.
-    static std::unique_ptr<SettingsStore> Open(const std::wstring& path, std::wstring& error);
+    // tree; the file (not its folder) is created by the first commit. A file
+    // that cannot be read answers kFunctionFailed, one that does not hold a
+    // settings tree kInvalidDataType, each with a message naming the file and
+    // the reason; the file is left as it is.
+    static os::Expected<std::unique_ptr<SettingsStore>> Open(const std::wstring& path);
 
     ~SettingsStore();
     SettingsStore(const SettingsStore&) = delete;

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "os/file_io_steps.h"
+#include "qv/status.h"
 
 namespace os {
 
@@ -32,24 +33,22 @@ private:
     steps::NativeFile file_ = steps::kNoFile;
 };
 
-bool Fail(std::wstring* error, const wchar_t* what, const std::wstring& path, steps::ErrorCode code) {
-    if (error) *error = steps::Describe(what, path, code);
-    return false;
+Status Fail(const wchar_t* what, const std::wstring& path, steps::ErrorCode code) {
+    const int32_t status = code != 0 ? static_cast<int32_t>(code) : qv::status::kFunctionFailed;
+    return Status::Failure(status, steps::Describe(what, path, code));
 }
 
 // A read-only file is the user's decision to keep it as it is: neither
 // replaced nor appended to, with the same reason either way.
-bool RefuseReadOnly(std::wstring* error, const std::wstring& path) {
-    if (error) *error = L"writing " + path + L": the file is read-only";
-    return false;
+Status RefuseReadOnly(const std::wstring& path) {
+    return Status::Failure(qv::status::kAccessDenied, L"writing " + path + L": the file is read-only");
 }
 
 }  // namespace
 
-bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::wstring* error) {
-    if (!steps::UsablePath(path, steps::Target::kReplaced))
-        return Fail(error, L"writing", path, steps::InvalidPathCode());
-    if (steps::IsReadOnly(path)) return RefuseReadOnly(error, path);
+Status WriteFileAtomically(const std::wstring& path, std::string_view bytes) {
+    if (!steps::UsablePath(path, steps::Target::kReplaced)) return Fail(L"writing", path, steps::InvalidPathCode());
+    if (steps::IsReadOnly(path)) return RefuseReadOnly(path);
     // A fresh name beside the target keeps the rename within one file system.
     static std::atomic<unsigned> counter{0};
     std::wstring temporary;
@@ -60,11 +59,11 @@ bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::
         code = steps::CreateNew(temporary, file.Receive());
         if (code != 0 && !steps::AlreadyExists(code)) break;  // a name left by an earlier process: try the next
     }
-    if (!file.valid()) return Fail(error, L"creating a temporary file beside", path, code);
+    if (!file.valid()) return Fail(L"creating a temporary file beside", path, code);
     auto fail = [&](const wchar_t* what, steps::ErrorCode failure) {
         static_cast<void>(file.Close());
         steps::Remove(temporary);
-        return Fail(error, what, path, failure);
+        return Fail(what, path, failure);
     };
     if (const auto failure = steps::WriteAll(file.get(), bytes))
         return fail(L"writing the temporary file for", failure);
@@ -72,27 +71,26 @@ bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::
     if (const auto failure = file.Close()) return fail(L"closing the temporary file for", failure);
     if (const auto failure = steps::Replace(temporary, path)) return fail(L"renaming the temporary file to", failure);
     steps::FlushFolderOf(path);
-    return true;
+    return Status::Ok();
 }
 
-bool AppendDurably(const std::wstring& path, std::string_view bytes, std::wstring* error) {
-    if (!steps::UsablePath(path, steps::Target::kAppended))
-        return Fail(error, L"appending to", path, steps::InvalidPathCode());
-    if (steps::IsReadOnly(path)) return RefuseReadOnly(error, path);
+Status AppendDurably(const std::wstring& path, std::string_view bytes) {
+    if (!steps::UsablePath(path, steps::Target::kAppended)) return Fail(L"appending to", path, steps::InvalidPathCode());
+    if (steps::IsReadOnly(path)) return RefuseReadOnly(path);
     OpenedFile file;
     if (const auto failure = steps::OpenToAppend(path, file.Receive()))
-        return Fail(error, L"opening for appending", path, failure);
+        return Fail(L"opening for appending", path, failure);
     uint64_t oldLength = 0;
     const steps::ErrorCode atEnd = steps::LengthOf(file.get(), oldLength);
     auto fail = [&](const wchar_t* what, steps::ErrorCode failure) {
         if (atEnd == 0) steps::CutBack(file.get(), oldLength);
-        return Fail(error, what, path, failure);
+        return Fail(what, path, failure);
     };
     if (atEnd != 0) return fail(L"finding the end of", atEnd);
     if (const auto failure = steps::WriteAll(file.get(), bytes)) return fail(L"appending to", failure);
     if (const auto failure = steps::FlushToDisk(file.get())) return fail(L"flushing", failure);
     if (const auto failure = file.Close()) return fail(L"closing", failure);
-    return true;
+    return Status::Ok();
 }
 
 }  // namespace os

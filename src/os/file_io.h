@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "os/status.h"
+
 namespace os {
 
 struct FileCloser {
@@ -34,21 +36,21 @@ ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstr
 // process or the machine stops at, `path` holds either its old content or
 // the new one in full: the bytes go to a new file in the same folder, which
 // is flushed to the disk and then renamed over `path`. The folder must exist.
-// False on failure, with `path` unchanged, no temporary file left behind, and
-// `error` (when given) describing the step that failed and the system's
-// reason. A file at `path` marked read-only is never replaced (false, with
+// On failure `path` is unchanged, no temporary file is left behind, and the
+// status holds the system's error with the step that failed and the system's
+// reason. A file at `path` marked read-only is never replaced (kAccessDenied,
 // "writing <path>: the file is read-only"). Any thread; calls for the same
 // path are the caller's to order (the last rename wins).
-[[nodiscard]] bool WriteFileAtomically(const std::wstring& path, std::string_view bytes, std::wstring* error = nullptr);
+Status WriteFileAtomically(const std::wstring& path, std::string_view bytes);
 
 // Appends `bytes` to the existing file at `path` and flushes them to the
-// disk before returning true. A stop of the process or the machine meanwhile
-// may leave any prefix of `bytes` at the end of the file: a reader must be
-// able to recognise a partial append. On failure (`error` as above) the file
+// disk before returning success. A stop of the process or the machine
+// meanwhile may leave any prefix of `bytes` at the end of the file: a reader
+// must be able to recognise a partial append. On failure (as above) the file
 // is cut back to its old length where the system allows it. A read-only file
 // is refused as by WriteFileAtomically, even where the system would let the
 // caller write it (root on Linux). Any thread; the caller orders appends to
 // the same file.
-[[nodiscard]] bool AppendDurably(const std::wstring& path, std::string_view bytes, std::wstring* error = nullptr);
+Status AppendDurably(const std::wstring& path, std::string_view bytes);
 
 }  // namespace os

@@ -52,9 +52,9 @@ constexpr const char* kAlwaysTrue =
 
 // The run-started flag as the state file holds it; null when not readable.
 std::optional<bool> RunStartedFlag(const std::wstring& stateFile) {
-    std::wstring error;
-    const auto store = host::SettingsStore::Open(stateFile, error);
-    if (!store) return std::nullopt;
+    const auto opened = host::SettingsStore::Open(stateFile);
+    if (!opened) return std::nullopt;
+    const auto& store = *opened;
     IEPSettingsNode* node = nullptr;
     if (store->OpenForRead(L"/MethodsRunner/methodsRunStarted", &node) != 0) return std::nullopt;
     bool started = false;

@@ -119,10 +119,9 @@ public:
 
 private:
     static std::unique_ptr<host::SettingsStore> OpenStore(const std::wstring& file) {
-        std::wstring error;
-        std::unique_ptr<host::SettingsStore> store = host::SettingsStore::Open(file, error);
-        EXPECT_NE(store, nullptr) << os::WideToUtf8Lossy(error);
-        return store;
+        os::Expected<std::unique_ptr<host::SettingsStore>> store = host::SettingsStore::Open(file);
+        EXPECT_TRUE(store) << os::WideToUtf8Lossy(store.status().message());
+        return store ? std::move(*store) : nullptr;
     }
 
     LoadedModule module_;

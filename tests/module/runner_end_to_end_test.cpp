@@ -119,9 +119,9 @@ TEST_F(RunnerEndToEnd, ARestartRestoresTheStateAndRunsAgainOnlyAfterAnInterrupte
     }
     {
         // A run that was under way when the process ended is not trusted.
-        std::wstring error;
-        auto store = host::SettingsStore::Open(settings_, error);
-        ASSERT_NE(store, nullptr);
+        auto opened = host::SettingsStore::Open(settings_);
+        ASSERT_TRUE(opened) << os::WideToUtf8Lossy(opened.status().message());
+        const std::unique_ptr<host::SettingsStore> store = std::move(*opened);
         IEPSettingsNode* flag = nullptr;
         ASSERT_EQ(store->OpenForWrite(L"/MethodsRunner/methodsRunStarted", &flag), 0);
         EXPECT_EQ(flag->SetBool(L"", true), 0);

@@ -4,6 +4,8 @@
 #include <string>
 
 #include "os/file_io.h"
+#include "os/utf8.h"
+#include "qv/status.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -42,9 +44,10 @@ TEST(FileIo, FailuresNameThePathAndLeaveNothingBehind) {
     EXPECT_EQ(os::ReadWholeFile(folder, bytes, &error), os::ReadResult::kFailed);
     EXPECT_NE(error.find(folder), std::wstring::npos) << error;
     for (const std::wstring& path : {inMissingFolder, folder}) {
-        error.clear();
-        EXPECT_FALSE(os::WriteFileAtomically(path, "x", &error));
-        EXPECT_NE(error.find(path), std::wstring::npos) << error;
+        const os::Status written = os::WriteFileAtomically(path, "x");
+        EXPECT_FALSE(written);
+        EXPECT_NE(written.code(), 0);
+        EXPECT_NE(written.message().find(path), std::wstring::npos) << os::WideToUtf8Lossy(written.message());
     }
     EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::path(folder)));
     EXPECT_EQ(EntriesIn(dir.path()), 1u);
@@ -58,13 +61,10 @@ TEST(FileIo, AReadOnlyFileIsNeitherReplacedNorAppendedTo) {
     fs::permissions(fs::path(path), fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write,
                     fs::perm_options::remove);
     const fs::perms readOnly = fs::status(fs::path(path)).permissions();
-    std::wstring error;
-    EXPECT_FALSE(os::WriteFileAtomically(path, "new\n", &error));
-    EXPECT_NE(error.find(path), std::wstring::npos) << error;
-    EXPECT_NE(error.find(L"read-only"), std::wstring::npos) << error;
-    error.clear();
-    EXPECT_FALSE(os::AppendDurably(path, "more\n", &error));
-    EXPECT_NE(error.find(L"read-only"), std::wstring::npos) << error;
+    const os::Status replaced = os::WriteFileAtomically(path, "new\n");
+    EXPECT_EQ(replaced.code(), qv::status::kAccessDenied);
+    EXPECT_EQ(replaced.message(), L"writing " + path + L": the file is read-only");
+    EXPECT_EQ(os::AppendDurably(path, "more\n"), replaced);
     std::string bytes;
     EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kRead);
     EXPECT_EQ(bytes, "kept\n");

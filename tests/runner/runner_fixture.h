@@ -116,8 +116,8 @@ protected:
     }
 
     static std::unique_ptr<host::SettingsStore> OpenStore(const std::wstring& file) {
-        std::wstring error;
-        return host::SettingsStore::Open(file, error);
+        os::Expected<std::unique_ptr<host::SettingsStore>> store = host::SettingsStore::Open(file);
+        return store ? std::move(*store) : nullptr;
     }
 
     testing_support::TempDir dir_;

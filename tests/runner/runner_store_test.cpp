@@ -21,8 +21,8 @@ using testing_support::ParseJson;
 class RunnerStoreTest : public testing::Test {
 protected:
     static std::unique_ptr<host::SettingsStore> OpenStore(const std::wstring& file) {
-        std::wstring error;
-        return host::SettingsStore::Open(file, error);
+        os::Expected<std::unique_ptr<host::SettingsStore>> store = host::SettingsStore::Open(file);
+        return store ? std::move(*store) : nullptr;
     }
 
     // Writes `value` under `name` at `path`: text as text, the rest as JSON.

@@ -37,9 +37,9 @@ Json::Value Payload(int64_t n) {
 // In the child: commits `first`, `first` + 1, ... as "/Counter" and writes
 // each number to `acknowledged` once its commit succeeded. Never returns.
 [[noreturn]] void CommitUntilKilled(const std::wstring& file, int acknowledged, int64_t first) {
-    std::wstring error;
-    const auto store = host::SettingsStore::Open(file, error);
-    if (!store) ::_exit(2);
+    const auto opened = host::SettingsStore::Open(file);
+    if (!opened) ::_exit(2);
+    const auto& store = *opened;
     for (int64_t n = first;; ++n) {
         IEPSettingsNode* node = nullptr;
         if (store->OpenForWrite(L"/Counter", &node) != 0) ::_exit(3);
@@ -53,12 +53,12 @@ Json::Value Payload(int64_t n) {
 // The number stored as "/Counter"; -1 when nothing is stored yet. Fails the
 // test (and answers -2) when the store does not open or the value is damaged.
 int64_t StoredCounter(const std::wstring& file) {
-    std::wstring error;
-    const auto store = host::SettingsStore::Open(file, error);
-    if (!store) {
-        ADD_FAILURE() << os::WideToUtf8Lossy(error);
+    const auto opened = host::SettingsStore::Open(file);
+    if (!opened) {
+        ADD_FAILURE() << os::WideToUtf8Lossy(opened.status().message());
         return -2;
     }
+    const auto& store = *opened;
     IEPSettingsNode* node = nullptr;
     if (store->OpenForRead(L"/Counter", &node) != 0) return -1;
     Json::Value value;

@@ -33,10 +33,9 @@ struct Fixture {
     std::unique_ptr<host::SettingsStore> store = Reopen();
 
     std::unique_ptr<host::SettingsStore> Reopen() const {
-        std::wstring error;
-        auto opened = host::SettingsStore::Open(file, error);
-        EXPECT_TRUE(opened) << error;
-        return opened;
+        auto opened = host::SettingsStore::Open(file);
+        EXPECT_TRUE(opened) << os::WideToUtf8Lossy(opened.status().message());
+        return opened ? std::move(*opened) : nullptr;
     }
 };
 
@@ -227,9 +226,11 @@ TEST(SettingsStore, AnUnreadableFileIsRefusedByNameAndLeftAsItWas) {
          {std::string("{\"children\": {\"A\": "), std::string(), std::string("[1, 2]"),
           std::string("{\"values\": {\"v\": {\"string\": 5}}}"), std::string("{\"children\": {\"a/b\": {}}}")}) {
         ASSERT_TRUE(os::WriteFileAtomically(file, corrupt));
-        std::wstring error;
-        EXPECT_FALSE(host::SettingsStore::Open(file, error)) << corrupt;
-        EXPECT_NE(error.find(file), std::wstring::npos) << error;
+        const auto refused = host::SettingsStore::Open(file);
+        EXPECT_FALSE(refused) << corrupt;
+        const std::wstring error = refused.status().message();
+        EXPECT_EQ(refused.status().code(), qv::status::kInvalidDataType) << corrupt;
+        EXPECT_NE(error.find(file), std::wstring::npos) << os::WideToUtf8Lossy(error);
         EXPECT_EQ(Bytes(file), corrupt);
     }
 }
@@ -406,8 +407,8 @@ TEST(SettingsStore, ALastLineCutShortIsDroppedAndOtherJournalDamageRefusesTheFil
     for (const Case& c : {Case{intact.substr(0, intact.size() - 5), L"2"}, Case{withDigit(lastLine, '7'), L"2"},
                           Case{intact.substr(0, lastLine), L"2"}, Case{withDigit(middleLine, '7'), nullptr}}) {
         ASSERT_TRUE(os::WriteFileAtomically(f.file, c.bytes));
-        std::wstring error;
-        auto store = host::SettingsStore::Open(f.file, error);
+        auto store = host::SettingsStore::Open(f.file);
+        const std::wstring error = store.status().message();
         if (!c.expected) {
             EXPECT_FALSE(store);
             EXPECT_NE(error.find(f.file), std::wstring::npos) << error;
@@ -416,9 +417,9 @@ TEST(SettingsStore, ALastLineCutShortIsDroppedAndOtherJournalDamageRefusesTheFil
             continue;
         }
         ASSERT_TRUE(store) << error;
-        EXPECT_EQ(StringOf(*Open(*store, L"/A"), L"v"), c.expected);
+        EXPECT_EQ(StringOf(*Open(**store, L"/A"), L"v"), c.expected);
         // The next commit does not append after the damaged line.
-        Put(*store, L"/A", L"v", L"4");
+        Put(**store, L"/A", L"v", L"4");
         EXPECT_EQ(StringOf(*Open(*f.Reopen(), L"/A"), L"v"), L"4");
     }
 }
