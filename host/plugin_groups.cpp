@@ -35,14 +35,14 @@ void* PluginGroups::QueryInterface(const GUID& requested) {
     return nullptr;
 }
 
-int32_t PluginGroups::GetGroupMembers(const wchar_t* group, const GUID& iid, std::vector<void*>& members) {
+int32_t PluginGroups::GetGroupMembers(const wchar_t* group, const GUID& wanted, std::vector<void*>& members) {
     members.clear();
     if (!group) return qv::status::kInvalidParameter;
     std::lock_guard lock(mutex_);
     auto it = groups_.find(group);
     if (it == groups_.end()) return qv::status::kNotFound;
     for (IQvBaseInterface* member : it->second.members)
-        if (void* found = member->QueryInterface(iid)) members.push_back(found);
+        if (void* found = member->QueryInterface(wanted)) members.push_back(found);
     it->second.taken.push_back(members.size());
     return 0;
 }
