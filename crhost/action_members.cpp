@@ -84,9 +84,10 @@ std::optional<std::optional<bool>> ActionMembers::BoolOrNull(const char* key) {
     const char* expected = "true, false or null";
     const Json::Value* member = Find(key, Presence::kRequired, expected);
     if (!member) return std::nullopt;
-    if (member->isNull()) return std::optional<bool>();
-    if (!member->isBool()) return Fail(PathOf(key), expected);
-    return std::optional<bool>(member->asBool());
+    if (!member->isNull() && !member->isBool()) return Fail(PathOf(key), expected);
+    std::optional<std::optional<bool>> value{std::in_place};
+    if (member->isBool()) *value = member->asBool();
+    return value;
 }
 
 std::optional<std::vector<std::wstring>> ActionMembers::Names(const char* key, const Json::Value& array) {
