@@ -78,7 +78,8 @@ os::Status HostedModule::Start(const std::wstring& modulePath) {
         host_.components().Register(host::NetworkProviderStandIn::kName, &standIn_);
     }
     const std::wstring agentName = qv::names::AgentName();
-    for (const std::wstring& name : {std::wstring(qv::names::kConditionManager), std::wstring(qv::names::kModule), agentName}) {
+    for (const std::wstring& name :
+         {std::wstring(qv::names::kConditionManager), std::wstring(qv::names::kModule), agentName}) {
         if (os::Status created = Create(name, IServPlugin::iid); !created) {
             static_cast<void>(Stop());  // the failure that matters is the one reported
             return created;

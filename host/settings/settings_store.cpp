@@ -35,7 +35,8 @@ os::Expected<std::unique_ptr<SettingsStore>> SettingsStore::Open(const std::wstr
         case os::ReadResult::kMissing:
             return std::unique_ptr<SettingsStore>(new SettingsStore(path, std::make_shared<Node>()));
         case os::ReadResult::kFailed:
-            return os::Status::Failure(status::kFunctionFailed, L"settings file " + path + L" cannot be read: " + error);
+            return os::Status::Failure(status::kFunctionFailed,
+                                       L"settings file " + path + L" cannot be read: " + error);
         case os::ReadResult::kRead:
             break;
     }

@@ -75,7 +75,8 @@ Status WriteFileAtomically(const std::wstring& path, std::string_view bytes) {
 }
 
 Status AppendDurably(const std::wstring& path, std::string_view bytes) {
-    if (!steps::UsablePath(path, steps::Target::kAppended)) return Fail(L"appending to", path, steps::InvalidPathCode());
+    if (!steps::UsablePath(path, steps::Target::kAppended))
+        return Fail(L"appending to", path, steps::InvalidPathCode());
     if (steps::IsReadOnly(path)) return RefuseReadOnly(path);
     OpenedFile file;
     if (const auto failure = steps::OpenToAppend(path, file.Receive()))

@@ -188,11 +188,12 @@ TEST(FileExists, ThousandsOfTreesLeaveNoThreadOrHandleBehind) {
     EXPECT_TRUE(Eventually([&] { return os::ProcessThreadCount() == threadsBefore; }))
         << os::ProcessThreadCount() << " threads, " << threadsBefore << " before";
     // Threads start and end hundreds of times here (the file poller's and the
-    // host queues' workers), and the Windows thread library keeps some of their
-    // records, each with a handle, for reuse: a few to some tens, varying from
-    // run to run. A leak per tree would show as hundreds at least.
+    // host queues' workers), and Wine's thread library keeps some of their
+    // records, each with a handle, for reuse: some tens, and up to about 70 on
+    // a loaded machine (seen while two other test programs ran). A leak of one
+    // handle per built tree would show as kTrees / 2 = 500.
 #if defined(_WIN32)
-    constexpr size_t kRecycledHandles = 50;
+    constexpr size_t kRecycledHandles = kTrees / 10;
 #else
     constexpr size_t kRecycledHandles = 0;
 #endif
