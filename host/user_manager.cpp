@@ -60,31 +60,30 @@ int32_t UserManager::LogOn(const UserInfo& user) {
     return 0;
 }
 
+std::optional<UserManager::UserInfo> UserManager::Record(const std::wstring& sid, Then then) {
+    std::lock_guard lock(mutex_);
+    auto found = FindLocked(sid);
+    if (found == users_.end()) return std::nullopt;
+    UserInfo user = *found;
+    if (then == Then::kLogOff) users_.erase(found);
+    return user;
+}
+
 int32_t UserManager::LogOff(const std::wstring& sid) {
     auto turn = subscribers_.TakeTurn();
-    UserInfo user;
-    {
-        std::lock_guard lock(mutex_);
-        auto found = FindLocked(sid);
-        if (found == users_.end()) return qv::status::kNotFound;
-        user = *found;
-        users_.erase(found);
-    }
-    turn.Deliver([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOff(user)); });
+    const std::optional<UserInfo> user = Record(sid, Then::kLogOff);
+    if (!user) return qv::status::kNotFound;
+    turn.Deliver([&](IEvents* s) { static_cast<void>(s->OnUserLoggedOff(*user)); });
     return 0;
 }
 
 int32_t UserManager::Lock(const std::wstring& sid, bool locked) {
     auto turn = subscribers_.TakeTurn();
-    UserInfo user;
-    {
-        std::lock_guard lock(mutex_);
-        auto found = FindLocked(sid);
-        if (found == users_.end()) return qv::status::kNotFound;
-        user = *found;
-    }
-    turn.Deliver(
-        [&](IEvents* s) { static_cast<void>(locked ? s->OnUserSessionLocked(user) : s->OnUserSessionUnlocked(user)); });
+    const std::optional<UserInfo> user = Record(sid, Then::kKeep);
+    if (!user) return qv::status::kNotFound;
+    turn.Deliver([&](IEvents* s) {
+        static_cast<void>(locked ? s->OnUserSessionLocked(*user) : s->OnUserSessionUnlocked(*user));
+    });
     return 0;
 }
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,10 @@ public:
 
 private:
     std::vector<UserInfo>::iterator FindLocked(const std::wstring& sid);
+    // A copy of the record of the logged-on user `sid` (ignoring case), which
+    // kLogOff also removes; nullopt when no such user is logged on.
+    enum class Then { kKeep, kLogOff };
+    std::optional<UserInfo> Record(const std::wstring& sid, Then then);
 
     mutable std::mutex mutex_;  // guards the members below but the subscribers
     std::vector<UserInfo> users_;

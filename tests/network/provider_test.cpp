@@ -187,67 +187,52 @@ TEST(NetworkProvider, StartsAreCountedAndTheLastStopJoinsTheOneThread) {
     EXPECT_EQ(bench.provider->Unsubscribe(&subscriber), 0);
 }
 
-// A change source whose registration the system refuses.
-class RefusingSource final : public Product::Integration::IChangeSource {
+// A change source whose registration the system refuses (with
+// `registerError`), or whose wait fails once the request is in place.
+class FailingSource final : public Product::Integration::IChangeSource {
 public:
+    explicit FailingSource(uint32_t registerError) : registerError_(registerError) {}
     uint32_t CreationError() const noexcept override { return 0; }
-    uint32_t Register() override { return 50; }
+    uint32_t Register() override { return registerError_; }
     WaitResult Wait(os::AutoResetEvent&, uint32_t) override { return WaitResult::kFailed; }
     void Cancel() override { ++cancels; }
     std::atomic<int> cancels{0};
+
+private:
+    const uint32_t registerError_;
 };
 
-TEST(NetworkProvider, AFailedRegistrationEndsTheListenerAndKeepsTheState) {
-    testing_support::LogCapture log;
-    Machine machine;
-    machine.Set({Adapter(L"First", V4(10, 0, 0, 1))});
-    NetworkProvider::Options options;
-    auto source = std::make_unique<RefusingSource>();
-    RefusingSource* refusing = source.get();
-    options.changeSource = std::move(source);
-    options.readAdapters = [&] { return machine.Read(); };
-    options.components = NoComponents();
-    NetworkProvider provider(std::move(options));
-    EXPECT_EQ(provider.periodMs(), NetworkProvider::kDefaultPeriodMs);
-    ASSERT_EQ(provider.Init(nullptr), 0);
-    ASSERT_EQ(provider.Start(), 0);
-    ASSERT_TRUE(Eventually([&] { return refusing->cancels == 1; }));
-    EXPECT_TRUE(log.Contains(logging::kError, kListener, L"Failed to register for network notifications"));
-    EXPECT_TRUE(log.Contains(logging::kDetail, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
-    NetworkState state;
-    ASSERT_EQ(provider.GetState(state), 0);
-    EXPECT_EQ(state.ipv4Addresses.size(), 1u);
-    EXPECT_EQ(provider.Stop(), 0);
-}
-
-// A change source whose wait fails once the request is in place.
-class FailingWaitSource final : public Product::Integration::IChangeSource {
-public:
-    uint32_t CreationError() const noexcept override { return 0; }
-    uint32_t Register() override { return 0; }
-    WaitResult Wait(os::AutoResetEvent&, uint32_t) override { return WaitResult::kFailed; }
-    void Cancel() override { ++cancels; }
-    std::atomic<int> cancels{0};
-};
-
-TEST(NetworkProvider, AListenerEndedByAFailedWaitSaysSo) {
-    testing_support::LogCapture log;
-    Machine machine;
-    machine.Set({Adapter(L"First", V4(10, 0, 0, 1))});
-    NetworkProvider::Options options;
-    auto source = std::make_unique<FailingWaitSource>();
-    FailingWaitSource* failing = source.get();
-    options.changeSource = std::move(source);
-    options.readAdapters = [&] { return machine.Read(); };
-    options.components = NoComponents();
-    NetworkProvider provider(std::move(options));
-    ASSERT_EQ(provider.Init(nullptr), 0);
-    ASSERT_EQ(provider.Start(), 0);
-    ASSERT_TRUE(Eventually([&] { return failing->cancels == 1; }));
-    EXPECT_TRUE(log.Contains(logging::kError, kListener,
-                             L"Waiting for network notifications failed: the network state stays as last read "
-                             L"until the provider is started again"));
-    EXPECT_EQ(provider.Stop(), 0);
+// Either failure ends the listener, says so, and keeps the state as read.
+TEST(NetworkProvider, AFailedRegistrationOrWaitEndsTheListenerSaysSoAndKeepsTheState) {
+    struct Case {
+        uint32_t registerError;
+        const wchar_t* message;
+    };
+    for (const Case& c : {Case{50, L"Failed to register for network notifications"},
+                          Case{0,
+                               L"Waiting for network notifications failed: the network state stays as last read "
+                               L"until the provider is started again"}}) {
+        testing_support::LogCapture log;
+        Machine machine;
+        machine.Set({Adapter(L"First", V4(10, 0, 0, 1))});
+        NetworkProvider::Options options;
+        auto source = std::make_unique<FailingSource>(c.registerError);
+        FailingSource* failing = source.get();
+        options.changeSource = std::move(source);
+        options.readAdapters = [&] { return machine.Read(); };
+        options.components = NoComponents();
+        NetworkProvider provider(std::move(options));
+        EXPECT_EQ(provider.periodMs(), NetworkProvider::kDefaultPeriodMs);
+        ASSERT_EQ(provider.Init(nullptr), 0);
+        ASSERT_EQ(provider.Start(), 0);
+        ASSERT_TRUE(Eventually([&] { return failing->cancels == 1; }));
+        EXPECT_TRUE(log.Contains(logging::kError, kListener, c.message));
+        EXPECT_TRUE(log.Contains(logging::kDetail, kListener, L"Exit NetworkProvider::NetworkListenerThread"));
+        NetworkState state;
+        ASSERT_EQ(provider.GetState(state), 0);
+        EXPECT_EQ(state.ipv4Addresses.size(), 1u);
+        EXPECT_EQ(provider.Stop(), 0);
+    }
 }
 
 #if defined(__linux__)
