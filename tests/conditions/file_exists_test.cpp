@@ -30,6 +30,27 @@ std::string FileExists(const std::wstring& path) {
 
 void CreateFile(const std::wstring& path) { ASSERT_TRUE(os::OpenFile(path, L"wb")); }
 
+// Returns once the file conditions have dealt with every earlier change in
+// `dir`: a sentinel file changed after them is reported, checked and
+// notified after them. Its third notification comes from a check queued
+// after a whole round of polling that began after the changes. So a wrong
+// notification that merely comes late lands before the test looks, where a
+// fixed wait would miss it on a slow machine.
+void WaitUntilSettled(Bench& bench, const TempDir& dir) {
+    const std::wstring path = dir.File(L"settle-sentinel");
+    ConditionPtr sentinel = bench.Create(FileExists(path));
+    ASSERT_NE(sentinel, nullptr);
+    Recorder recorder;
+    ASSERT_EQ(sentinel->Subscribe(&recorder), 0);
+    CreateFile(path);
+    ASSERT_TRUE(recorder.WaitForCount(1, kPollPatience));
+    std::filesystem::remove(std::filesystem::path(path));
+    ASSERT_TRUE(recorder.WaitForCount(2, kPollPatience));
+    CreateFile(path);
+    ASSERT_TRUE(recorder.WaitForCount(3, kPollPatience));
+    EXPECT_EQ(sentinel->Unsubscribe(&recorder), 0);
+}
+
 // A directory counts as existing; the start state is never notified.
 TEST(FileExists, NotifiesOnceWhenTheFileAppearsAndOnceWhenItGoes) {
     Bench bench;
@@ -53,8 +74,8 @@ TEST(FileExists, NotifiesOnceWhenTheFileAppearsAndOnceWhenItGoes) {
     std::filesystem::remove(std::filesystem::path(path));
     ASSERT_TRUE(recorder.WaitForCount(2, kPollPatience));
     EXPECT_FALSE(StateOf(*condition, true));
-    // Several polls later nothing more has come.
-    std::this_thread::sleep_for(300ms);
+    // Once everything after those changes is done, nothing more has come.
+    ASSERT_NO_FATAL_FAILURE(WaitUntilSettled(bench, dir));
     ASSERT_EQ(recorder.Count(), 2u);
     EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
     EXPECT_EQ(recorder.Notifications()[0].id, 2u);
@@ -87,7 +108,7 @@ TEST(FileExists, ThousandsOfConditionsShareFewThreads) {
     ASSERT_TRUE(recorder.WaitForCount(1, kPollPatience));
     std::filesystem::remove(std::filesystem::path(dir.File(L"f" + std::to_wstring(kWatched))));
     ASSERT_TRUE(recorder.WaitForCount(2, kPollPatience));
-    std::this_thread::sleep_for(300ms);
+    ASSERT_NO_FATAL_FAILURE(WaitUntilSettled(bench, dir));
     ASSERT_EQ(recorder.Count(), 2u);
     EXPECT_EQ(recorder.States(), (std::vector<bool>{true, false}));
     EXPECT_EQ(recorder.Notifications()[0].id, kWatched);

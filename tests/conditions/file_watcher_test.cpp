@@ -93,6 +93,26 @@ private:
 
 void CreateFile(const std::wstring& path) { ASSERT_TRUE(os::OpenFile(path, L"wb")); }
 
+// Returns once the watcher has dealt with every earlier change in `dir`: a
+// sentinel path changed after them is reported, queued and checked after
+// them. Its third flip comes from a check queued after a whole round of
+// polling that began after the changes (the first may come from its own
+// first check, the second from a round that was already under way). So a
+// wrong call that merely comes late lands before the test looks, where a
+// fixed wait would miss it on a slow machine.
+void WaitUntilSettled(FileWatcher& watcher, const TempDir& dir) {
+    const std::wstring path = dir.File(L"settle-sentinel");
+    FlipRecorder sentinel;
+    ASSERT_TRUE(watcher.Register(&sentinel, path));
+    CreateFile(path);
+    ASSERT_TRUE(sentinel.WaitForFlips(1));
+    fs::remove(fs::path(path));
+    ASSERT_TRUE(sentinel.WaitForFlips(2));
+    CreateFile(path);
+    ASSERT_TRUE(sentinel.WaitForFlips(3));
+    watcher.Unregister(&sentinel);
+}
+
 FileWatcher::Options Polling() {
     FileWatcher::Options options;
     options.watching = FileWatcher::Watching::kPollOnly;
@@ -142,7 +162,7 @@ TEST_P(EitherWay, SeesPathsAppearAndVanishInOneFolder) {
     ASSERT_TRUE(clients[7]->WaitForFlips(2));
     ASSERT_TRUE(twin.WaitForFlips(2));
     ASSERT_TRUE(clients[3]->WaitForFlips(2));
-    std::this_thread::sleep_for(300ms);
+    ASSERT_NO_FATAL_FAILURE(WaitUntilSettled(watcher, dir));
     for (int i = 0; i < kPaths; ++i) {
         const bool changed = i == 3 || i == 7;
         EXPECT_EQ(clients[static_cast<size_t>(i)]->Flips(),
@@ -185,7 +205,7 @@ TEST_P(EitherWay, FollowsFoldersThatAppearVanishAndMove) {
     ASSERT_TRUE(client.WaitForFlips(4));
     fs::rename(moved, top);
     ASSERT_TRUE(client.WaitForFlips(5));
-    std::this_thread::sleep_for(300ms);
+    ASSERT_NO_FATAL_FAILURE(WaitUntilSettled(watcher, dir));
     EXPECT_EQ(client.Flips(), (std::vector<bool>{true, false, true, false, true}));
     watcher.Unregister(&client);
 }
