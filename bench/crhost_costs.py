@@ -19,7 +19,6 @@ switches with it, one that starts inside it counts all of its own.
 import argparse
 import json
 import os
-import queue
 import shutil
 import socket
 import subprocess
@@ -27,6 +26,11 @@ import sys
 import tempfile
 import threading
 import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools"))
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
+
+from crhost_console import Host  # noqa: E402
 
 SCENARIOS = ("hung_dns", "idle_files", "threads", "rss", "idle_typical")
 # Scenarios run in a private namespace, and what answers DNS there: "silent"
@@ -127,109 +131,22 @@ def module_threads(pid, module_name="libConditionalRunner"):
 
 # --- cr-host over its console ---------------------------------------------------
 
-class Host:
-    """One cr-host process in `folder`, its output read by a thread."""
+def checked(host, name, request, timeout=120):
+    """Calls a console method that must succeed: (answer, seconds)."""
+    answer, seconds = host.method(name, request, timeout)
+    if answer is None:
+        raise RuntimeError(f"{name}: no answer within {timeout} s ({host.error_text().strip()[-500:]})")
+    if answer.get("status") != 0:
+        raise RuntimeError(f"{name}: status {answer.get('status')}: {answer}")
+    return answer, seconds
 
-    def __init__(self, crhost, folder):
-        self.folder = folder
-        self.stderr = open(os.path.join(folder, "stderr.txt"), "wb")
-        self.process = subprocess.Popen(
-            [crhost, "--state", os.path.join(folder, "state.json"), "--log", os.path.join(folder, "log.txt")],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.stderr, cwd=folder)
-        self.pid = self.process.pid
-        self.answers = {}
-        self.arrived = threading.Condition()
-        self.next_id = 1
-        self.reader = threading.Thread(target=self._read, daemon=True)
-        self.reader.start()
 
-    def _read(self):
-        for raw in self.process.stdout:
-            try:
-                line = json.loads(raw)
-            except ValueError:
-                continue
-            if isinstance(line, dict) and "id" in line:
-                with self.arrived:
-                    self.answers[line["id"]] = line
-                    self.arrived.notify_all()
-
-    def send(self, obj):
-        """Sends one line with a new id; returns the id and when it was sent."""
-        ident = self.next_id
-        self.next_id += 1
-        obj = dict(obj, id=ident)
-        data = (json.dumps(obj) + "\n").encode()
-        sent = time.monotonic()
-        self.process.stdin.write(data)
-        self.process.stdin.flush()
-        return ident, sent
-
-    def wait_answer(self, ident, timeout):
-        deadline = time.monotonic() + timeout
-        with self.arrived:
-            while ident not in self.answers:
-                left = deadline - time.monotonic()
-                if left <= 0 or self.process.poll() is not None:
-                    return None, None
-                self.arrived.wait(min(left, 0.5))
-            return self.answers[ident], time.monotonic()
-
-    def call(self, obj, timeout=120):
-        """Sends a line and waits for its answer: (answer or None, seconds)."""
-        ident, sent = self.send(obj)
-        answer, at = self.wait_answer(ident, timeout)
-        return answer, (at - sent) if at is not None else None
-
-    def method(self, name, request, timeout=120):
-        answer, seconds = self.call({"method": name, "request": request}, timeout)
-        if answer is None:
-            raise RuntimeError(f"{name}: no answer within {timeout} s ({self.error_text()})")
-        if answer.get("status") != 0:
-            raise RuntimeError(f"{name}: status {answer.get('status')}: {answer}")
-        return answer, seconds
-
-    def quit(self, timeout=60):
-        """Sends quit; returns the seconds until the process ended, or None
-        when it had not ended within `timeout` (it is then killed)."""
-        _, sent = self.send({"host": "quit"})
-        try:
-            self.process.wait(timeout)
-            return time.monotonic() - sent
-        except subprocess.TimeoutExpired:
-            self.kill()
-            return None
-
-    def terminate(self, timeout=60):
-        """Sends SIGTERM; returns the seconds until the process ended, or
-        None when it had not ended within `timeout` (it is then killed)."""
-        sent = time.monotonic()
-        self.process.terminate()
-        try:
-            self.process.wait(timeout)
-            return time.monotonic() - sent
-        except subprocess.TimeoutExpired:
-            self.kill()
-            return None
-
-    def kill(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
-
-    def close(self):
-        if self.process.poll() is None:
-            try:
-                self.process.stdin.close()
-                self.process.wait(30)
-            except (subprocess.TimeoutExpired, BrokenPipeError):
-                self.kill()
-        self.stderr.close()
-
-    def error_text(self):
-        self.stderr.flush()
-        with open(os.path.join(self.folder, "stderr.txt"), errors="replace") as f:
-            return f.read().strip()[-500:]
+def timed(stop, timeout):
+    """Seconds until `stop(timeout)` (quit or terminate) saw the process end,
+    or None when it had to be killed."""
+    started = time.monotonic()
+    status = stop(timeout)
+    return None if status is None else time.monotonic() - started
 
 
 class Session:
@@ -237,19 +154,20 @@ class Session:
 
     def __init__(self, crhost):
         self.folder = tempfile.mkdtemp(prefix="cr-bench-")
-        self.host = Host(crhost, self.folder)
+        self.host = Host(crhost, os.path.join(self.folder, "state.json"), self.folder, name="bench")
         # One second of quiet starts an evaluation, so the rules settle soon.
-        self.host.method("SetSettings", {"settings": {"minEvalTime": 1, "maxPostponeTime": 10}})
-        self.host.method("SetMethodSet", {"id": "M", "displayName": "m", "methods": [{"plugin": "P", "method": "m"}]})
+        checked(self.host, "SetSettings", {"settings": {"minEvalTime": 1, "maxPostponeTime": 10}})
+        checked(self.host, "SetMethodSet",
+                {"id": "M", "displayName": "m", "methods": [{"plugin": "P", "method": "m"}]})
 
     def set_rules(self, rules, timeout=120):
-        return self.host.method("SetRules", {"rules": rules}, timeout)
+        return checked(self.host, "SetRules", {"rules": rules}, timeout)
 
     def __enter__(self):
         return self
 
     def __exit__(self, *exc):
-        self.host.close()
+        self.host.close(gently=True)
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
@@ -291,7 +209,7 @@ def settle(seconds=3.0, host=None):
     if host is not None:
         deadline = time.monotonic() + 30
         while time.monotonic() < deadline:
-            answer = host.call({"host": "status"})[0] or {}
+            answer = host.call({"host": "status"}, 120)[0] or {}
             evaluation = answer.get("evaluation", {})
             if answer.get("status") == 0 and not evaluation.get("evaluationPending") \
                     and evaluation.get("evaluationDueAt") is None and evaluation.get("lastEvaluation"):
@@ -309,20 +227,19 @@ def scenario_hung_dns(args):
     rules = [resolve_rule(i, f"host{i}.bench.example") for i in range(2)]
     result = {"limit_s": args.hung_timeout}
     with Session(args.crhost) as s:
-        ident, sent = s.host.send({"method": "SetRules", "request": {"rules": rules}})
-        answer, at = s.host.wait_answer(ident, args.hung_timeout)
-        result["setrules_s"] = None if at is None else round(at - sent, 4)
+        answer, seconds = s.host.method("SetRules", {"rules": rules}, args.hung_timeout)
+        result["setrules_s"] = None if answer is None else round(seconds, 4)
         if answer is not None and answer.get("status") != 0:
             result["setrules_error"] = f"status {answer.get('status')}"
         # Stop while the resolutions are still waiting for the server.
         time.sleep(0.5)
-        stop = s.host.quit(args.hung_timeout)
+        stop = timed(s.host.quit, args.hung_timeout)
         result["quit_s"] = None if stop is None else round(stop, 4)
-        result["quit_behind_setrules"] = at is None
+        result["quit_behind_setrules"] = answer is None
     with Session(args.crhost) as s:
         s.host.send({"method": "SetRules", "request": {"rules": rules}})
         time.sleep(1)
-        stop = s.host.terminate(args.hung_timeout)
+        stop = timed(s.host.terminate, args.hung_timeout)
         result["sigterm_s"] = None if stop is None else round(stop, 4)
     return result
 
@@ -379,7 +296,7 @@ def scenario_idle_typical(args):
     with Session(args.crhost) as s:
         with open(os.path.join(examples, "method-sets.json")) as f:
             for method_set in json.load(f)["methods"]:
-                s.host.method("SetMethodSet", method_set)
+                checked(s.host, "SetMethodSet", method_set)
         with open(os.path.join(examples, "rules.json")) as f:
             rules = json.load(f)["rules"]
         for r in rules:  # relative paths are made absolute inside the scratch folder

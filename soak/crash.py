@@ -20,7 +20,7 @@ import time
 
 import state_file
 import workload
-from host_process import Host
+from crhost_console import Host
 
 KINDS = ("random", "command", "run")
 

@@ -25,7 +25,7 @@ import time
 
 import state_file
 import workload
-from host_process import Host
+from crhost_console import Host
 
 ANSWER_BOUND = 30.0
 

@@ -23,7 +23,7 @@ import threading
 import time
 
 import workload
-from host_process import Host
+from crhost_console import Host
 
 ROLES = ("rules", "methodSets", "files", "agent", "users", "computer")
 STOP_BOUND = 120.0

@@ -1,8 +1,10 @@
-"""One cr-host process driven over its JSON-lines console.
+"""One cr-host process driven over its JSON-lines console; used by the soak
+runs (soak/) and the cost measurements (bench/).
 
 Several threads may send at once: each line is written whole under a lock,
 and answers are matched to their sender by id. Policy runs and events that
-cr-host writes on its own are kept in arrival order.
+cr-host writes on its own are kept in arrival order. The process's standard
+error goes to NAME-stderr.txt and its log to NAME-log.txt in `folder`.
 """
 
 import json
@@ -115,8 +117,30 @@ class Host:
         self.reader.join(10)
         return status
 
-    def close(self):
+    def terminate(self, timeout):
+        """SIGTERM; the exit status, or None when the process had not ended
+        within `timeout` s (it is then killed)."""
         if self.process.poll() is None:
+            self.process.terminate()
+        try:
+            status = self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            return None
+        self.reader.join(10)
+        return status
+
+    def close(self, gently=False):
+        """Ends the process if it still runs: at once with SIGKILL, or
+        `gently` by closing its input (cr-host then stops as on quit) and
+        killing it only when it has not ended within 30 s."""
+        if self.process.poll() is None:
+            if gently:
+                try:
+                    self.process.stdin.close()
+                    self.process.wait(30)
+                except (subprocess.TimeoutExpired, OSError):
+                    pass
             self.kill()
         self.stderr.close()
 
