@@ -109,19 +109,18 @@ class Host:
             self.process.stdin.close()
         except OSError:
             pass
-        try:
-            status = self.process.wait(timeout)
-        except subprocess.TimeoutExpired:
-            self.kill()
-            return None
-        self.reader.join(10)
-        return status
+        return self._ended(timeout)
 
     def terminate(self, timeout):
         """SIGTERM; the exit status, or None when the process had not ended
         within `timeout` s (it is then killed)."""
         if self.process.poll() is None:
             self.process.terminate()
+        return self._ended(timeout)
+
+    def _ended(self, timeout):
+        """Waits for the process and its output to end: its exit status, or
+        None when it had not ended within `timeout` s (it is then killed)."""
         try:
             status = self.process.wait(timeout)
         except subprocess.TimeoutExpired:
