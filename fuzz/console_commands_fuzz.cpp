@@ -130,6 +130,7 @@ struct Model {
     struct Rule {
         std::wstring id, methodSetId;
         Json::Value matchIf;
+        std::string displayName;  // as sent: "rule ID" unless a raw request chose another
     };
     std::vector<Rule> rules;
     std::map<std::wstring, Json::Value> methodSets;  // id -> methods
@@ -338,7 +339,7 @@ public:
         for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
             const Model::Rule& expected = model_.rules[i];
             FUZZ_CHECK(rules[i]["id"] == Json::Value(Utf8(expected.id)) &&
-                           rules[i]["displayName"] == Json::Value("rule " + Utf8(expected.id)) &&
+                           rules[i]["displayName"] == Json::Value(expected.displayName) &&
                            rules[i]["methodSetId"] == Json::Value(Utf8(expected.methodSetId)) &&
                            rules[i]["matchIf"] == expected.matchIf,
                        "after %s: rule %u is %s, the model's is %s", after, i, rules[i].toStyledString().c_str(),
@@ -444,7 +445,8 @@ private:
         for (size_t i = 0; i < rules.size(); ++i) {
             const int32_t refusal = rules[i].condition->status;
             if (refusal == 0) {
-                model_.rules.push_back({rules[i].id, rules[i].methodSetId, Parse(rules[i].condition->json)});
+                model_.rules.push_back(
+                    {rules[i].id, rules[i].methodSetId, Parse(rules[i].condition->json), "rule " + Utf8(rules[i].id)});
                 continue;
             }
             if (refusal != status::kCallNotImplemented) remembered = refusal;
@@ -649,11 +651,10 @@ private:
         model_.rules.clear();
         FUZZ_CHECK(Call(L"GetRules", response) == 0, "GetRules refused");
         for (const Json::Value& rule : response["rules"]) {
-            const std::string id = rule["id"].asString();
-            FUZZ_CHECK(rule["displayName"] == Json::Value("rule " + id),
-                       "a rule's display name is not as the fuzzer writes them");
-            model_.rules.push_back(
-                {os::Utf8ToWideLossy(id), os::Utf8ToWideLossy(rule["methodSetId"].asString()), rule["matchIf"]});
+            FUZZ_CHECK(rule["displayName"].isString(), "a rule's display name is not a string");
+            model_.rules.push_back({os::Utf8ToWideLossy(rule["id"].asString()),
+                                    os::Utf8ToWideLossy(rule["methodSetId"].asString()), rule["matchIf"],
+                                    rule["displayName"].asString()});
         }
         model_.methodSets.clear();
         FUZZ_CHECK(Call(L"GetMethodSetIds", response) == 0, "GetMethodSetIds refused");
