@@ -20,10 +20,14 @@ struct LengthModifier {
     CharSize charSize;
 };
 constexpr LengthModifier kLengthModifiers[] = {
-    {L"I64", Length::kLongLong, CharSize::kDefault}, {L"I32", Length::kNone, CharSize::kDefault},
-    {L"I", Length::kSize, CharSize::kDefault},       {L"z", Length::kSize, CharSize::kDefault},
-    {L"ll", Length::kLongLong, CharSize::kDefault},  {L"l", Length::kLong, CharSize::kWide},
-    {L"w", Length::kNone, CharSize::kWide},          {L"h", Length::kShort, CharSize::kNarrow},
+    {L"I64", Length::kLongLong, CharSize::kDefault},  // 64 bits
+    {L"I32", Length::kNone, CharSize::kDefault},      // 32 bits: an int
+    {L"I", Length::kSize, CharSize::kDefault},        // pointer-sized
+    {L"z", Length::kSize, CharSize::kDefault},        // pointer-sized
+    {L"ll", Length::kLongLong, CharSize::kDefault},   // long long
+    {L"l", Length::kLong, CharSize::kWide},           // long; a wide string or character
+    {L"w", Length::kNone, CharSize::kWide},           // a wide string or character
+    {L"h", Length::kShort, CharSize::kNarrow},        // short; a narrow string or character
 };
 
 // One conversion as written between its '%' and its type character.
