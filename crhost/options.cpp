@@ -42,6 +42,7 @@ std::optional<uint32_t> Milliseconds(const std::wstring& text) {
     }
     return static_cast<uint32_t>(value);
 }
+
 // Sets the flag `argument` names; false when it names none.
 bool SetFlag(const std::wstring& argument, Options& options) {
     for (const FlagOption& option : kFlagOptions) {

@@ -34,9 +34,7 @@ namespace {
 bool IsStorableMethodSetId(const std::wstring& id) {
     return (id.empty() || id.find(L'/') == std::wstring::npos) && id.find(L'\0') == std::wstring::npos;
 }
-}  // namespace
 
-namespace {
 // Builds the condition of rule number `index` into `condition`. A rule whose
 // condition cannot be built is logged and reported in `errors`, and
 // `condition` stays null; `remembered` takes that error unless the rule's
