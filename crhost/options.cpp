@@ -7,6 +7,16 @@
 namespace crhost {
 
 namespace {
+struct FlagOption {
+    const wchar_t* name;
+    bool Options::*flag;
+};
+constexpr FlagOption kFlagOptions[] = {
+    {L"--help", &Options::help},
+    {L"-h", &Options::help},
+    {L"--pretty", &Options::pretty},
+};
+
 struct ValueOption {
     const wchar_t* name;
     std::wstring Options::*value;
@@ -32,49 +42,53 @@ std::optional<uint32_t> Milliseconds(const std::wstring& text) {
     }
     return static_cast<uint32_t>(value);
 }
+
+// Sets the flag `argument` names; false when it names none.
+bool SetFlag(const std::wstring& argument, Options& options) {
+    for (const FlagOption& option : kFlagOptions) {
+        if (argument != option.name) continue;
+        options.*(option.flag) = true;
+        return true;
+    }
+    return false;
+}
+
+// The value option `argument` names, alone ("--state") or with its value
+// ("--state=FILE", the value then going to `inlineValue`); null when none.
+const ValueOption* FindValueOption(const std::wstring& argument, std::optional<std::wstring>& inlineValue) {
+    for (const ValueOption& option : kValueOptions) {
+        const std::wstring name = option.name;
+        if (argument == name) return &option;
+        if (argument.size() > name.size() && argument.compare(0, name.size(), name) == 0 &&
+            argument[name.size()] == L'=') {
+            inlineValue = argument.substr(name.size() + 1);
+            return &option;
+        }
+    }
+    return nullptr;
+}
 }  // namespace
 
-// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 os::Expected<Options> ParseOptions(const std::vector<std::wstring>& arguments) {
     Options options;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::wstring& argument = arguments[i];
-        if (argument == L"--help" || argument == L"-h") {
-            options.help = true;
-            continue;
-        }
-        if (argument == L"--pretty") {
-            options.pretty = true;
-            continue;
-        }
-        const ValueOption* match = nullptr;
-        std::wstring value;
-        bool inline_value = false;
-        for (const ValueOption& option : kValueOptions) {
-            const std::wstring name = option.name;
-            if (argument == name) {
-                match = &option;
-            } else if (argument.size() > name.size() && argument.compare(0, name.size(), name) == 0 &&
-                       argument[name.size()] == L'=') {
-                match = &option;
-                value = argument.substr(name.size() + 1);
-                inline_value = true;
-            }
-            if (match) break;
-        }
+        if (SetFlag(argument, options)) continue;
+        std::optional<std::wstring> value;
+        const ValueOption* match = FindValueOption(argument, value);
         if (!match) {
             return Refused(L"unknown argument '" + argument + L"'");
         }
-        if (!inline_value) {
+        if (!value) {
             if (i + 1 >= arguments.size()) {
                 return Refused(std::wstring(match->name) + L" needs a value");
             }
             value = arguments[++i];
         }
-        if (value.empty()) {
+        if (value->empty()) {
             return Refused(std::wstring(match->name) + L" needs a non-empty value");
         }
-        options.*(match->value) = std::move(value);
+        options.*(match->value) = std::move(*value);
     }
     if (!options.stopLimit.empty()) {
         options.stopLimitMs = Milliseconds(options.stopLimit);

@@ -1,5 +1,8 @@
 #include "pretty.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "output.h"
 
 namespace crhost {
@@ -89,40 +92,49 @@ void DrawHistory(const Json::Value& evaluations, std::string& out) {
     }
 }
 
-// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
-std::string Answer(const Json::Value& answer) {
+// The members an answer's first line shows.
+constexpr const char* kHeadingMembers[] = {"id", "method", "host", "status", "statusName", "error"};
+
+bool IsHeadingMember(const std::string& name) {
+    return std::find(std::begin(kHeadingMembers), std::end(kHeadingMembers), name) != std::end(kHeadingMembers);
+}
+
+// "#2 explain  ok", or "#2 explain  status 87 ERROR_INVALID_PARAMETER: why".
+std::string Heading(const Json::Value& answer) {
     const bool isMethod = answer.isMember("method");
     std::string text = "#" + (answer["id"].isString() ? answer["id"].asString() : CompactJson(answer["id"])) + " " +
                        (isMethod ? answer["method"].asString() : answer["host"].asString()) + "  ";
     const Json::Value& status = answer["status"];
-    if (status.isInt() && status.asInt() == 0) {
-        text += "ok";
-    } else {
-        text += "status " + CompactJson(status);
-        if (answer.isMember("statusName")) text += " " + answer["statusName"].asString();
-        if (answer.isMember("error")) text += ": " + answer["error"].asString();
-    }
-    text += "\n";
-    if (answer.isMember("tree")) {
-        DrawTree(answer["tree"], "  ", text);
-        return text;
-    }
-    if (answer.isMember("evaluations") && answer["evaluations"].isArray()) {
-        DrawHistory(answer["evaluations"], text);
-        return text;
-    }
+    if (status.isInt() && status.asInt() == 0) return text + "ok\n";
+    text += "status " + CompactJson(status);
+    if (answer.isMember("statusName")) text += " " + answer["statusName"].asString();
+    if (answer.isMember("error")) text += ": " + answer["error"].asString();
+    return text + "\n";
+}
+
+// The other members of an answer, one line each: its messages as "said:",
+// empty objects left out.
+void DrawMembers(const Json::Value& answer, std::string& out) {
     for (const std::string& name : answer.getMemberNames()) {
-        if (name == "id" || name == "method" || name == "host" || name == "status" || name == "statusName" ||
-            name == "error")
-            continue;
+        if (IsHeadingMember(name)) continue;
         const Json::Value& value = answer[name];
         if (name == "messages" && value.isArray()) {
-            for (const Json::Value& message : value) text += "  said: " + message.asString() + "\n";
+            for (const Json::Value& message : value) out += "  said: " + message.asString() + "\n";
             continue;
         }
         if (value.isObject() && value.empty()) continue;
-        text += "  " + name + ": " + (value.isString() ? value.asString() : CompactJson(value)) + "\n";
+        out += "  " + name + ": " + (value.isString() ? value.asString() : CompactJson(value)) + "\n";
     }
+}
+
+std::string Answer(const Json::Value& answer) {
+    std::string text = Heading(answer);
+    if (answer.isMember("tree"))
+        DrawTree(answer["tree"], "  ", text);
+    else if (answer.isMember("evaluations") && answer["evaluations"].isArray())
+        DrawHistory(answer["evaluations"], text);
+    else
+        DrawMembers(answer, text);
     return text;
 }
 

@@ -272,77 +272,95 @@ void FileWatcher::Wake(Run& run) {
     }
 }
 
-// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 void FileWatcher::Watch(std::shared_ptr<Run> shared) {
     Run& run = *shared;
     std::unique_lock lock(mutex_);
     while (!run.stop) {
-        // A lane that ended for want of work is joined (it ends but for returning).
-        for (Run::Lane& lane : run.lanes)
-            if (!lane.alive && lane.thread.joinable()) lane.thread.join();
-        for (const os::FolderWatch::Id id : run.toRemove)
-            if (run.watch) run.watch->Remove(id);
-        run.toRemove.clear();
-        for (const std::shared_ptr<Path>& path : std::exchange(run.toArm, {})) {
-            if (path->removed) continue;
-            Arm(run, *path);
-            Enqueue(run, path);
-        }
-        const Clock::time_point now = Clock::now();
-        const bool polling =
-            std::any_of(run.paths.begin(), run.paths.end(), [](const auto& entry) { return entry.second->Polled(); });
-        if (polling && now >= run.nextPoll) {
-            for (const auto& [text, path] : run.paths)
-                if (path->Polled()) Enqueue(run, path);
-            run.nextPoll = now + options_.pollInterval;
-        }
-        Rescue(run);
-
-        std::optional<std::chrono::milliseconds> timeout;
-        if (polling)
-            timeout = std::chrono::ceil<std::chrono::milliseconds>(std::max(run.nextPoll - now, Clock::duration{}));
-        // A check on the fast lane is timed, to rescue the lane if it sticks.
-        const bool checking = std::any_of(std::begin(run.lanes), std::end(run.lanes), [](const Run::Lane& lane) {
-            return lane.alive && lane.role == Role::kFast && lane.checking;
-        });
-        if (checking) timeout = timeout ? std::min(*timeout, kRescueTick) : kRescueTick;
+        TakeRequests(run);
+        const std::optional<std::chrono::milliseconds> timeout = Schedule(run);
         run.watcherIdle = !timeout;
-
-        if (run.watch) {
-            os::FolderWatch& watch = *run.watch;
-            lock.unlock();
-            os::FolderWatch::Batch batch = watch.Wait(timeout);
-            lock.lock();
-            if (run.stop) break;
-            if (batch.overflow) {
-                // Reports were lost: look again at every watched path.
-                for (const auto& [text, path] : run.paths) {
-                    if (!path->split) continue;
-                    Disarm(run, *path, 0);
-                    Arm(run, *path);
-                    Enqueue(run, path);
-                }
-            }
-            for (const os::FolderWatch::Change& change : batch.changes) {
-                const auto folder = run.byId.find(change.id);
-                if (folder == run.byId.end()) continue;  // no longer needed
-                const std::wstring key = folder->second;
-                Concerned(run, key, change.name, change.folderGone);
-            }
-        } else {
-            const auto woken = [&] { return run.woken || run.stop; };
-            if (timeout)
-                changed_.wait_for(lock, *timeout, woken);
-            else
-                changed_.wait(lock, woken);
-            run.woken = false;
-        }
+        AwaitChanges(lock, run, timeout);
     }
     std::unique_ptr<os::FolderWatch> watch = std::move(run.watch);
     lock.unlock();
     watch.reset();
     lock.lock();
     Ended(run);
+}
+
+// Called with the lock held, by the watcher thread.
+void FileWatcher::TakeRequests(Run& run) {
+    // A lane that ended for want of work is joined (it ends but for returning).
+    for (Run::Lane& lane : run.lanes)
+        if (!lane.alive && lane.thread.joinable()) lane.thread.join();
+    for (const os::FolderWatch::Id id : run.toRemove)
+        if (run.watch) run.watch->Remove(id);
+    run.toRemove.clear();
+    for (const std::shared_ptr<Path>& path : std::exchange(run.toArm, {})) {
+        if (path->removed) continue;
+        Arm(run, *path);
+        Enqueue(run, path);
+    }
+}
+
+// Called with the lock held, by the watcher thread.
+std::optional<std::chrono::milliseconds> FileWatcher::Schedule(Run& run) {
+    const Clock::time_point now = Clock::now();
+    const bool polling =
+        std::any_of(run.paths.begin(), run.paths.end(), [](const auto& entry) { return entry.second->Polled(); });
+    if (polling && now >= run.nextPoll) {
+        for (const auto& [text, path] : run.paths)
+            if (path->Polled()) Enqueue(run, path);
+        run.nextPoll = now + options_.pollInterval;
+    }
+    Rescue(run);
+
+    std::optional<std::chrono::milliseconds> timeout;
+    if (polling)
+        timeout = std::chrono::ceil<std::chrono::milliseconds>(std::max(run.nextPoll - now, Clock::duration{}));
+    // A check on the fast lane is timed, to rescue the lane if it sticks.
+    const bool checking = std::any_of(std::begin(run.lanes), std::end(run.lanes), [](const Run::Lane& lane) {
+        return lane.alive && lane.role == Role::kFast && lane.checking;
+    });
+    if (checking) timeout = timeout ? std::min(*timeout, kRescueTick) : kRescueTick;
+    return timeout;
+}
+
+// Called with `lock` held, by the watcher thread; releases it while waiting.
+void FileWatcher::AwaitChanges(std::unique_lock<std::mutex>& lock, Run& run,
+                               std::optional<std::chrono::milliseconds> timeout) {
+    if (!run.watch) {
+        const auto woken = [&] { return run.woken || run.stop; };
+        if (timeout)
+            changed_.wait_for(lock, *timeout, woken);
+        else
+            changed_.wait(lock, woken);
+        run.woken = false;
+        return;
+    }
+    os::FolderWatch& watch = *run.watch;
+    lock.unlock();
+    os::FolderWatch::Batch batch = watch.Wait(timeout);
+    lock.lock();
+    if (run.stop) return;
+    if (batch.overflow) Rewatch(run);
+    for (const os::FolderWatch::Change& change : batch.changes) {
+        const auto folder = run.byId.find(change.id);
+        if (folder == run.byId.end()) continue;  // no longer needed
+        const std::wstring key = folder->second;
+        Concerned(run, key, change.name, change.folderGone);
+    }
+}
+
+// Reports were lost: every watched path is watched afresh and looked at
+// again. Called with the lock held, by the watcher thread.
+void FileWatcher::Rewatch(Run& run) {
+    for (const auto& [text, path] : run.paths) {
+        if (!path->split) continue;
+        Disarm(run, *path, 0);
+        Arm(run, *path);
+        Enqueue(run, path);
+    }
 }
 
 // A report for folder `key`: the paths whose next name there is `name` (any,

@@ -52,6 +52,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -125,7 +126,16 @@ private:
     struct Run;
     enum class Role;
 
+    // The watcher thread's loop, and its phases (called with the lock held):
+    // take what other threads asked for (paths to arm, watches to remove,
+    // lanes to join); queue the polled paths that are due and rescue a stuck
+    // lane, giving how long the watcher may wait (none: until woken); wait
+    // for reports, the lock released meanwhile, and act on them.
     void Watch(std::shared_ptr<Run> run);
+    void TakeRequests(Run& run);
+    std::optional<std::chrono::milliseconds> Schedule(Run& run);
+    void AwaitChanges(std::unique_lock<std::mutex>& lock, Run& run, std::optional<std::chrono::milliseconds> timeout);
+    void Rewatch(Run& run);
     void Check(std::shared_ptr<Run> run, size_t slot);
     std::thread StartThread(Run& run, std::function<void()> body);
     void Ended(Run& run);

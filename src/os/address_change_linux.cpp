@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
+#include <optional>
 
 #include "os/address_change.h"
 #include "os/event_native_linux.h"
@@ -53,21 +53,35 @@ void Drain(int fd) {
     }
 }
 
+// What the ready descriptors of a wait mean: the socket's and the stop
+// event's. Nullopt when nothing is left for this wait (another waiter took
+// the stop signal).
+std::optional<AddressChangeWatch::WaitResult> ReadReady(const pollfd& socket, const pollfd& stop) {
+    using WaitResult = AddressChangeWatch::WaitResult;
+    // An overrun shows as POLLERR on the socket: a change as well.
+    if (socket.revents & (POLLIN | POLLERR)) {
+        Drain(socket.fd);
+        return WaitResult::kChanged;
+    }
+    if (socket.revents & POLLNVAL) return WaitResult::kFailed;
+    if (stop.revents & POLLIN) {
+        uint64_t value;
+        if (::read(stop.fd, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) return WaitResult::kStopped;
+        return std::nullopt;  // another waiter took the signal
+    }
+    if (stop.revents & (POLLNVAL | POLLERR)) return WaitResult::kFailed;
+    return std::nullopt;
+}
+
 }  // namespace
 
-// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 AddressChangeWatch::WaitResult AddressChangeWatch::Wait(AutoResetEvent& stop, uint32_t timeoutMs) {
-    using Clock = std::chrono::steady_clock;
     if (!native_->socket || !stop.Valid()) return WaitResult::kFailed;
     const int socketFd = nl_socket_get_fd(native_->socket.get());
     const int stopFd = stop.native().fd;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const PollDeadline deadline(timeoutMs);
     for (;;) {
-        int waitMs = -1;
-        if (timeoutMs != kInfinite) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            waitMs = left > 0 ? static_cast<int>(left) : 0;
-        }
+        const int waitMs = deadline.LeftMs();
         pollfd fds[2] = {{socketFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
         const int ready = ::poll(fds, 2, waitMs);
         if (ready < 0) {
@@ -75,22 +89,11 @@ AddressChangeWatch::WaitResult AddressChangeWatch::Wait(AutoResetEvent& stop, ui
             return WaitResult::kFailed;
         }
         if (ready == 0) {
-            if (waitMs == 0 || Clock::now() >= deadline) return WaitResult::kTimeout;
+            if (waitMs == 0 || deadline.Passed()) return WaitResult::kTimeout;
             continue;
         }
         ++wakeUps_;
-        // An overrun shows as POLLERR on the socket: a change as well.
-        if (fds[0].revents & (POLLIN | POLLERR)) {
-            Drain(socketFd);
-            return WaitResult::kChanged;
-        }
-        if (fds[0].revents & POLLNVAL) return WaitResult::kFailed;
-        if (fds[1].revents & POLLIN) {
-            uint64_t value;
-            if (::read(stopFd, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) return WaitResult::kStopped;
-            continue;  // another waiter took the signal
-        }
-        if (fds[1].revents & (POLLNVAL | POLLERR)) return WaitResult::kFailed;
+        if (const std::optional<WaitResult> result = ReadReady(fds[0], fds[1])) return *result;
     }
 }
 

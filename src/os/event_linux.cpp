@@ -8,7 +8,7 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
+#include <optional>
 
 #include "os/event_native_linux.h"
 
@@ -44,42 +44,55 @@ bool TryConsume(int fd) {
     uint64_t value;
     return ::read(fd, &value, sizeof value) == static_cast<ssize_t>(sizeof value);
 }
-}  // namespace
 
-// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
-int WaitAny(std::span<AutoResetEvent* const> events, uint32_t timeoutMs) noexcept {
-    using Clock = std::chrono::steady_clock;
-    if (events.empty() || events.size() > kMaxWaitEvents) return kWaitFailed;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    // A fixed array: poll() would silently skip the negative fd of an invalid
-    // event, so those are refused here, as WaitForMultipleObjects refuses them.
-    std::array<pollfd, kMaxWaitEvents> fds{};
+// Fills `fds` with the descriptors of `events`, in order. False for a null or
+// invalid event: poll() would silently skip its negative fd, so it is refused
+// here, as WaitForMultipleObjects refuses one.
+bool Describe(std::span<AutoResetEvent* const> events, std::span<pollfd> fds) {
     for (size_t i = 0; i < events.size(); ++i) {
-        if (!events[i] || !events[i]->Valid()) return kWaitFailed;
+        if (!events[i] || !events[i]->Valid()) return false;
         fds[i] = pollfd{events[i]->native().fd, POLLIN, 0};
     }
+    return true;
+}
+
+// After poll() found some of `fds` ready: the index of the first whose signal
+// could be consumed, kWaitFailed for one broken before it, nullopt when other
+// waiters took every signal.
+std::optional<int> TakeReady(std::span<const pollfd> fds) {
+    for (size_t i = 0; i < fds.size(); ++i) {
+        if ((fds[i].revents & POLLIN) && TryConsume(fds[i].fd)) return static_cast<int>(i);
+        // An fd closed or broken under the wait would report this at once, forever.
+        if (fds[i].revents & (POLLNVAL | POLLERR)) return kWaitFailed;
+    }
+    return std::nullopt;
+}
+
+// Without waiting: the index of the first of `fds` whose signal could be
+// consumed; kWaitTimeout when none.
+int TakeAnySignalled(std::span<const pollfd> fds) {
+    for (size_t i = 0; i < fds.size(); ++i)
+        if (TryConsume(fds[i].fd)) return static_cast<int>(i);
+    return kWaitTimeout;
+}
+}  // namespace
+
+int WaitAny(std::span<AutoResetEvent* const> events, uint32_t timeoutMs) noexcept {
+    if (events.empty() || events.size() > kMaxWaitEvents) return kWaitFailed;
+    const PollDeadline deadline(timeoutMs);
+    std::array<pollfd, kMaxWaitEvents> storage{};
+    const std::span<pollfd> fds(storage.data(), events.size());
+    if (!Describe(events, fds)) return kWaitFailed;
     for (;;) {
-        int waitMs = -1;
-        if (timeoutMs != kInfinite) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            waitMs = left > 0 ? static_cast<int>(left) : 0;
-        }
-        int ready = ::poll(fds.data(), events.size(), waitMs);
+        const int waitMs = deadline.LeftMs();
+        const int ready = ::poll(fds.data(), fds.size(), waitMs);
         if (ready < 0 && errno != EINTR) return kWaitFailed;
         if (ready > 0) {
-            for (size_t i = 0; i < events.size(); ++i) {
-                if ((fds[i].revents & POLLIN) && TryConsume(fds[i].fd)) return static_cast<int>(i);
-                // An fd closed or broken under the wait would report this at once, forever.
-                if (fds[i].revents & (POLLNVAL | POLLERR)) return kWaitFailed;
-            }
+            if (const std::optional<int> taken = TakeReady(fds)) return *taken;
         }
         if (ready == 0 && waitMs == 0) return kWaitTimeout;
-        if (timeoutMs != kInfinite && Clock::now() >= deadline) {
-            // One last non-blocking look so that a signal raced with the deadline is not lost.
-            for (size_t i = 0; i < events.size(); ++i)
-                if (TryConsume(fds[i].fd)) return static_cast<int>(i);
-            return kWaitTimeout;
-        }
+        // One last non-blocking look so that a signal raced with the deadline is not lost.
+        if (deadline.Passed()) return TakeAnySignalled(fds);
     }
 }
 

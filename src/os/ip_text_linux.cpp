@@ -49,62 +49,89 @@ bool ParseDotted(const std::wstring& text, size_t pos, size_t end, LeadingZeros 
     return pos == end;
 }
 
-// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
-bool ParseSix(const std::wstring& text, std::array<uint8_t, 16>& out) {
+// An IPv6 text as read, before its "::" is expanded.
+struct SixParts {
     std::array<uint16_t, 8> groups{};
-    size_t count = 0;           // groups read
-    std::optional<size_t> gap;  // where "::" stands, in groups
-    std::array<uint8_t, 4> dotted{};
-    bool haveDotted = false;
-    size_t pos = 0;
+    size_t count = 0;                              // groups read
+    std::optional<size_t> gap;                     // where "::" stands, in groups
+    std::optional<std::array<uint8_t, 4>> dotted;  // the embedded IPv4 form, last
+};
+
+// Reads the group at `pos`, or the embedded dotted form when a '.' follows
+// the digits (that form ends the text); `pos` moves past it.
+bool ReadGroup(const std::wstring& text, size_t& pos, SixParts& parts) {
     const size_t end = text.size();
-    if (end >= 2 && text[0] == L':' && text[1] == L':') {
-        gap = 0;
+    size_t digitsEnd = pos;
+    while (digitsEnd < end && HexValue(text[digitsEnd]) >= 0) ++digitsEnd;
+    if (digitsEnd < end && text[digitsEnd] == L'.') {
+        std::array<uint8_t, 4> dotted{};
+        if (parts.count + 2 > 8 || !ParseDotted(text, pos, end, LeadingZeros::kAllowed, dotted.data())) return false;
+        parts.dotted = dotted;
+        pos = end;
+        return true;
+    }
+    const size_t digits = digitsEnd - pos;
+    if (digits == 0 || digits > 4 || parts.count == 8) return false;
+    uint16_t value = 0;
+    for (size_t i = pos; i < digitsEnd; ++i) value = static_cast<uint16_t>(value * 16 + HexValue(text[i]));
+    parts.groups[parts.count++] = value;
+    pos = digitsEnd;
+    return true;
+}
+
+// Reads the ':' or "::" after a group at `pos`; a single ':' must be followed
+// by another group, and only one "::" may stand in the text.
+bool ReadSeparator(const std::wstring& text, size_t& pos, SixParts& parts) {
+    const size_t end = text.size();
+    if (text[pos] != L':') return false;
+    ++pos;
+    if (pos < end && text[pos] == L':') {
+        if (parts.gap) return false;
+        parts.gap = parts.count;
+        ++pos;
+        return true;
+    }
+    return pos < end;  // not a single ':' at the end
+}
+
+bool ReadSixParts(const std::wstring& text, SixParts& parts) {
+    size_t pos = 0;
+    if (text.starts_with(L"::")) {
+        parts.gap = 0;
         pos = 2;
-    } else if (end >= 1 && text[0] == L':') {
+    } else if (text.starts_with(L':')) {
         return false;
     }
-    while (pos < end) {
-        // A group, or the embedded dotted form when a '.' follows the digits.
-        size_t digitsEnd = pos;
-        while (digitsEnd < end && HexValue(text[digitsEnd]) >= 0) ++digitsEnd;
-        if (digitsEnd < end && text[digitsEnd] == L'.') {
-            if (count + 2 > 8 || !ParseDotted(text, pos, end, LeadingZeros::kAllowed, dotted.data())) return false;
-            haveDotted = true;
-            pos = end;
-            break;
-        }
-        const size_t digits = digitsEnd - pos;
-        if (digits == 0 || digits > 4 || count == 8) return false;
-        uint16_t value = 0;
-        for (size_t i = pos; i < digitsEnd; ++i) value = static_cast<uint16_t>(value * 16 + HexValue(text[i]));
-        groups[count++] = value;
-        pos = digitsEnd;
-        if (pos == end) break;
-        if (text[pos] != L':') return false;
-        ++pos;
-        if (pos < end && text[pos] == L':') {
-            if (gap) return false;
-            gap = count;
-            ++pos;
-        } else if (pos == end) {
-            return false;  // a single ':' at the end
-        }
+    while (pos < text.size()) {
+        if (!ReadGroup(text, pos, parts)) return false;
+        if (pos == text.size()) break;
+        if (!ReadSeparator(text, pos, parts)) return false;
     }
-    const size_t total = count + (haveDotted ? 2 : 0);
-    if (gap ? total > 7 : total != 8) return false;
+    return true;
+}
+
+// The sixteen bytes of `parts`, the "::" standing for the groups missing;
+// false when there are too few groups without one or too many with it.
+bool Expand(const SixParts& parts, std::array<uint8_t, 16>& out) {
+    const size_t total = parts.count + (parts.dotted ? 2 : 0);
+    if (parts.gap ? total > 7 : total != 8) return false;
     std::array<uint8_t, 16> bytes{};
     const size_t zeroGroups = 8 - total;
     size_t at = 0;
-    for (size_t i = 0; i < count; ++i) {
-        if (gap && i == *gap) at += zeroGroups;
-        bytes[2 * at] = static_cast<uint8_t>(groups[i] >> 8);
-        bytes[2 * at + 1] = static_cast<uint8_t>(groups[i] & 0xff);
+    for (size_t i = 0; i < parts.count; ++i) {
+        if (parts.gap && i == *parts.gap) at += zeroGroups;
+        bytes[2 * at] = static_cast<uint8_t>(parts.groups[i] >> 8);
+        bytes[2 * at + 1] = static_cast<uint8_t>(parts.groups[i] & 0xff);
         ++at;
     }
-    if (haveDotted) std::copy(dotted.begin(), dotted.end(), bytes.begin() + 12);
+    if (parts.dotted) std::copy(parts.dotted->begin(), parts.dotted->end(), bytes.begin() + 12);
     out = bytes;
     return true;
+}
+
+bool ParseSix(const std::wstring& text, std::array<uint8_t, 16>& out) {
+    SixParts parts;
+    return ReadSixParts(text, parts) && Expand(parts, out);
 }
 
 }  // namespace

@@ -34,9 +34,24 @@ namespace {
 bool IsStorableMethodSetId(const std::wstring& id) {
     return (id.empty() || id.find(L'/') == std::wstring::npos) && id.find(L'\0') == std::wstring::npos;
 }
+
+// Builds the condition of rule number `index` into `condition`. A rule whose
+// condition cannot be built is logged and reported in `errors`, and
+// `condition` stays null; `remembered` takes that error unless the rule's
+// type is only unknown to this module. Nonzero: `errors` refused the report.
+int32_t BuildCondition(ConditionManager::IManager& manager, const Rule& rule, int32_t index,
+                       qv::IList<RuleError>& errors, int32_t& remembered, ConditionManager::ConditionPtr& condition) {
+    int32_t error = 0;
+    condition = manager.CreateCondition(rule.matchIf, &error, static_cast<size_t>(index));
+    if (condition) return 0;
+    if (error == 0) error = qv::status::kFunctionFailed;
+    logging::Log(logging::kWarning, kSetRulesLocked, L"Cannot create condition %s, nret = %i", rule.id.c_str(), error);
+    if (const int32_t status = errors.AddTail(RuleError{index, error}); status != 0) return status;
+    if (error != qv::status::kCallNotImplemented) remembered = error;
+    return 0;
+}
 }  // namespace
 
-// NOLINTNEXTLINE(readability-function-cognitive-complexity): over the limit; to be split
 int32_t ConditionalRunnerAL::SetRulesLocked(NewRules rules, qv::IList<RuleError>& errors, int32_t& remembered) {
     logging::CallTrace trace(kSetRulesLocked);
     std::lock_guard lock(lock_);
@@ -51,19 +66,13 @@ int32_t ConditionalRunnerAL::SetRulesLocked(NewRules rules, qv::IList<RuleError>
     int32_t index = 0;
     // Builds the condition of rule number `index`; `keep` makes its record.
     auto add = [&](const Rule& rule, auto keep) -> int32_t {
-        int32_t error = 0;
-        ConditionManager::ConditionPtr condition =
-            conditionManager_->CreateCondition(rule.matchIf, &error, static_cast<size_t>(index));
-        if (!condition) {
-            if (error == 0) error = qv::status::kFunctionFailed;
-            logging::Log(logging::kWarning, kSetRulesLocked, L"Cannot create condition %s, nret = %i", rule.id.c_str(),
-                         error);
-            if (const int32_t status = errors.AddTail(RuleError{index, error}); status != 0) return status;
-            if (error != qv::status::kCallNotImplemented) remembered = error;
-            return 0;
+        ConditionManager::ConditionPtr condition;
+        if (const int32_t status = BuildCondition(*conditionManager_.get(), rule, index, errors, remembered, condition))
+            return status;
+        if (condition) {
+            entries.push_back(RuleEntry{keep(), std::move(condition)});
+            kept.push_back(entries.back().rule);
         }
-        entries.push_back(RuleEntry{keep(), std::move(condition)});
-        kept.push_back(entries.back().rule);
         return 0;
     };
     if (rules.copyFrom) {

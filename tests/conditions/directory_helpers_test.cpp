@@ -62,7 +62,10 @@ TEST(DistinguishedNames, OwnParserKeepsEscapesAndOrderAndRefusesWhatIsNoRdn) {
     EXPECT_EQ(ParseAll(LR"(CN="Ann, B",OU=a\ ,DC=x)", &error),
               (std::vector<std::wstring>{LR"(CN|"Ann, B")", LR"(OU|a\ )", L"DC|x"}));
     EXPECT_EQ(error, 0u);
-    for (const wchar_t* bad : {L"CN", L"=Ann", L"CN=\"Ann", L"CN=Ann\\", L"CN=A\"nn", L"C N=Ann"}) {
+    EXPECT_EQ(ParseAll(LR"(CN = "A\"nn"  ; DC=x)", &error), (std::vector<std::wstring>{LR"(CN|"A\"nn")", L"DC|x"}));
+    EXPECT_EQ(error, 0u);
+    for (const wchar_t* bad :
+         {L"CN", L"=Ann", L"CN=\"Ann", L"CN=Ann\\", L"CN=A\"nn", L"C N=Ann", L"CN=\"Ann\" B", L"CN=\"Ann\\"}) {
         ParseAll(bad, &error);
         EXPECT_EQ(error, os::kInvalidDnSyntax) << bad;
     }

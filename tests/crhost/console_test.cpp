@@ -445,6 +445,34 @@ TEST_F(CrHostConsole, ALibraryMissingBesideTheModuleIsNamed) {
             << built.ErrorText();
 }
 
+TEST_F(CrHostConsole, OptionsTakeTheirValueAfterAnEqualsSignOrAsTheNextArgument) {
+    {
+        // Both forms are taken: the module named after '=' is the one missing.
+        HostProcess host({L"--module=" + dir_.File(L"nothing-here"), L"--state", state_});
+        EXPECT_EQ(host.Finish(), 3);
+        EXPECT_TRUE(ErrorMentions(host, "cannot load the module")) << host.ErrorText();
+    }
+    {
+        HostProcess host({L"--pretty", L"-h"});
+        EXPECT_EQ(host.Finish(), 0);
+    }
+    const struct {
+        std::vector<std::wstring> arguments;
+        const char* reason;
+    } refused[] = {
+        {{L"--state="}, "--state needs a non-empty value"},
+        {{L"--state", state_, L"--log"}, "--log needs a value"},
+        {{L"--statefile"}, "unknown argument '--statefile'"},
+        {{L"--stop-limit=86400001"}, "not '86400001'"},
+        {{L"--stop-limit", L"12x"}, "--stop-limit needs a number of milliseconds from 0 to 86400000, not '12x'"},
+    };
+    for (const auto& [arguments, reason] : refused) {
+        HostProcess host(arguments);
+        EXPECT_EQ(host.Finish(), 2) << reason;
+        EXPECT_TRUE(ErrorMentions(host, reason)) << host.ErrorText();
+    }
+}
+
 TEST_F(CrHostConsole, CommandLineAndStartFailuresHaveTheirExitStatus) {
     {
         HostProcess host({L"--help"});

@@ -36,3 +36,28 @@ TEST(WindowsFormat, UnknownConversionsAndTruncatedFormatsAreCopied) {
     EXPECT_EQ(Format(L"end %"), L"end %");
     EXPECT_EQ(Format(nullptr), L"");
 }
+
+TEST(WindowsFormat, LengthModifiersPickTheArgumentSize) {
+    // Read with the wrong size, a value loses its high bits or the later
+    // arguments shift.
+    EXPECT_EQ(Format(L"%hd %hu %hx", 65537, 0x1FFFFu, 0x12345u), L"1 65535 2345");
+    EXPECT_EQ(Format(L"%ld %lu %llx %I64u %I32d", -7L, 7UL, 0x123456789ULL, 1ULL << 40, -3),
+              L"-7 7 123456789 1099511627776 -3");
+    EXPECT_EQ(Format(L"%Id %Iu %zd", -(static_cast<ptrdiff_t>(1) << 40), static_cast<size_t>(1) << 40,
+                     static_cast<ptrdiff_t>(-9)),
+              L"-1099511627776 1099511627776 -9");
+    // An 'I' that starts no known modifier is one by itself; the conversion
+    // that follows is unknown and takes no argument.
+    EXPECT_EQ(Format(L"%I6d|%d", 5), L"%I6d|5");
+}
+
+TEST(WindowsFormat, CharacterWidthFollowsCaseAndModifier) {
+    EXPECT_EQ(Format(L"%c%lc%wc%hc", 0x263A, 0x263A, 0x263A, 0x1E9), L"\u263A\u263A\u263A\u00E9");
+    EXPECT_EQ(Format(L"%C%hC%lC%wC", 0x263A, 0x263A, 0x263A, 0x263A), L"::\u263A\u263A");
+    EXPECT_EQ(Format(L"%hS|%lS|%wS|%hs|%ws", "a", L"b", L"c", "d", L"e"), L"a|b|c|d|e");
+}
+
+TEST(WindowsFormat, StarWidthAndPrecisionComeFromTheArguments) {
+    EXPECT_EQ(Format(L"[%*d][%.*s][%-*s]", -4, 1, 2, L"abcdef", 3, L"x"), L"[1   ][ab][x  ]");
+    EXPECT_EQ(Format(L"[%6.2s][%.0s]", L"abc", L"abc"), L"[    ab][]");
+}
