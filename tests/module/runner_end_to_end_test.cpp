@@ -243,13 +243,15 @@ TEST_F(RunnerEndToEnd, NetworkRulesFollowAddressesAndTheDefaultRoute) {
               "SetRules failed");
 
         // A change of the true rules runs the method set of every true rule.
-        const auto ran = [&hosted](std::vector<std::wstring> methods) {
+        using Runs = std::vector<std::wstring>;
+        const auto ranOneOf = [&hosted](std::vector<Runs> expected) {
             return Eventually([&] {
-                std::vector<std::wstring> all;
+                Runs all;
                 for (const auto& run : hosted.host().policyRunner().Runs()) all.push_back(run.methods.at(0).method);
-                return all == methods;
+                return std::find(expected.begin(), expected.end(), all) != expected.end();
             });
         };
+        const auto ran = [&ranOneOf](Runs methods) { return ranOneOf({std::move(methods)}); };
         failures += Shell("ip addr add 10.79.0.1/24 dev cr-veth0");
         check(ran({L"a"}), "the address did not run A");
         failures += Shell("ip route add default via 10.79.0.2 dev cr-veth0");
@@ -258,10 +260,24 @@ TEST_F(RunnerEndToEnd, NetworkRulesFollowAddressesAndTheDefaultRoute) {
         failures += Shell("ip addr del 10.79.0.1/24 dev cr-veth0");
         check(Eventually([&] { return capture.Contains(L"Rule with id address has state false"); }),
               "the rule did not turn false");
+        // The conditions of the two rules flip one after the other. With no
+        // quiet period a pass may fall between them and find one rule still
+        // true: a change of the true rules, so it runs that rule's method set
+        // once more (A or G). What follows is the same either way.
+        const auto thenAll = [](const Runs& after) {
+            std::vector<Runs> all;
+            for (const Runs& between : {Runs{}, Runs{L"a"}, Runs{L"g"}}) {
+                Runs runs = {L"a", L"a", L"g"};
+                runs.insert(runs.end(), between.begin(), between.end());
+                runs.insert(runs.end(), after.begin(), after.end());
+                all.push_back(std::move(runs));
+            }
+            return all;
+        };
         failures += Shell("ip addr add 10.79.0.1/24 dev cr-veth0");
-        check(ran({L"a", L"a", L"g", L"a"}), "the address again did not run A");
+        check(ranOneOf(thenAll({L"a"})), "the address again did not run A");
         failures += Shell("ip route add default via 10.79.0.2 dev cr-veth0");
-        check(ran({L"a", L"a", L"g", L"a", L"a", L"g"}), "the default route again did not run A and G");
+        check(ranOneOf(thenAll({L"a", L"a", L"g"})), "the default route again did not run A and G");
 
         // No condition notified more than once per flip (true, false, true).
         // A flip may also reach the parent without a notification: a parent
