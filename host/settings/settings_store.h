@@ -112,8 +112,9 @@ private:
     int32_t Apply(const std::vector<std::wstring>& segments, const Changes& changes, NodePtr& committed);
 
     // Writes `root` to the file: the commit's journal line `record`, or the
-    // whole tree when the journal is due for a rewrite.
-    bool Write(const Node& root, const std::string& record, std::wstring& error);
+    // whole tree when the journal is due for a rewrite. The failure is the
+    // file's, naming it and the system's reason.
+    os::Status Write(const Node& root, const std::string& record);
 
     const std::wstring path_;
     mutable std::mutex mutex_;
