@@ -49,15 +49,18 @@ os::Expected<std::unique_ptr<SettingsStore>> SettingsStore::Open(const std::wstr
         settings::ReadJournal(all.substr(journalStart), settings::LineCount(tree), *root);
     if (!journal) return journal.status().WithContext(file + L" has a damaged journal");
     std::unique_ptr<SettingsStore> store(new SettingsStore(path, std::move(*root)));
-    store->treeBytes_ = tree.size();
-    store->journalBytes_ = all.size() - journalStart;
-    // A tree without its final line break cannot take a journal line after it.
-    store->rewriteNext_ = journal->droppedTail || tree.empty() || tree.back() != '\n';
+    {
+        os::MutexLock lock(store->mutex_);  // not shared yet: held for the analysis only
+        store->treeBytes_ = tree.size();
+        store->journalBytes_ = all.size() - journalStart;
+        // A tree without its final line break cannot take a journal line after it.
+        store->rewriteNext_ = journal->droppedTail || tree.empty() || tree.back() != '\n';
+    }
     return store;
 }
 
 std::wstring SettingsStore::LastCommitError() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return lastCommitError_;
 }
 
@@ -93,7 +96,7 @@ int32_t SettingsStore::OpenForWrite(const wchar_t* path, IEPSettingsNode** node)
 }
 
 SettingsStore::NodePtr SettingsStore::Find(const std::vector<std::wstring>& segments) const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return FindLocked(segments);
 }
 
@@ -108,7 +111,7 @@ SettingsStore::NodePtr SettingsStore::FindLocked(const std::vector<std::wstring>
 }
 
 int32_t SettingsStore::Apply(const std::vector<std::wstring>& segments, const Changes& changes, NodePtr& committed) {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     // Nothing to write for a node that exists and did not change.
     if (changes.values.empty() && changes.removed.empty()) {
         if (NodePtr existing = FindLocked(segments)) {
