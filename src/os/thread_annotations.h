@@ -73,6 +73,7 @@ public:
 
     void lock() CR_ACQUIRE() { mutex_.lock(); }
     void unlock() CR_RELEASE() { mutex_.unlock(); }
+    bool try_lock() CR_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
 private:
     std::recursive_mutex mutex_;
