@@ -200,7 +200,7 @@ private:
     qv::ServPlugin<Framework::IGroupsManager> groups_;
     std::vector<EndpointService::IControl*> serviceControls_;  // members of the group, held through groups_
 
-    os::RecursiveMutex lock_;  // guards everything below but the subscribers and the atomics
+    os::RecursiveMutex lock_;  // guards the members marked so
     std::list<RuleEntry> rules_ CR_GUARDED_BY(lock_);
     MethodSets methodSets_ CR_GUARDED_BY(lock_);
     LastRun lastRun_ CR_GUARDED_BY(lock_);
