@@ -120,11 +120,16 @@ public:
 
     // Waits for a notification of `changed` (or a spurious wake).
     void Wait(std::condition_variable& changed) { changed.wait(lock_); }
-    // As Wait, or until `deadline` at the latest.
+    // As Wait, or until `deadline` at the latest: kTimeout once it passed.
     template <class Clock, class Duration>
-    void WaitUntil(std::condition_variable& changed, const std::chrono::time_point<Clock, Duration>& deadline) {
-        static_cast<void>(changed.wait_until(lock_, deadline));
+    std::cv_status WaitUntil(std::condition_variable& changed,
+                             const std::chrono::time_point<Clock, Duration>& deadline) {
+        return changed.wait_until(lock_, deadline);
     }
+    // The standard lock underneath, for a wait that other code makes on the
+    // holder's behalf (an injected clock): that code must hand the mutex
+    // back held, as the waits above do.
+    std::unique_lock<std::mutex>& native() noexcept { return lock_; }
 
 private:
     std::unique_lock<std::mutex> lock_;

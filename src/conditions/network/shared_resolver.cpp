@@ -179,7 +179,7 @@ void SharedResolver::Run(uint64_t generation) {
         if (next == std::chrono::steady_clock::time_point::max())
             lock.Wait(changed_);
         else
-            lock.WaitUntil(changed_, next);
+            static_cast<void>(lock.WaitUntil(changed_, next));
     }
     --threads_;
     // A place under the limit is free again, for a name waiting for one.
