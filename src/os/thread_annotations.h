@@ -120,7 +120,8 @@ public:
 
     // Waits for a notification of `changed` (or a spurious wake).
     void Wait(std::condition_variable& changed) { changed.wait(lock_); }
-    // As Wait, or until `deadline` at the latest: kTimeout once it passed.
+    // As Wait, or until `deadline` at the latest: std::cv_status::timeout
+    // once it passed.
     template <class Clock, class Duration>
     std::cv_status WaitUntil(std::condition_variable& changed,
                              const std::chrono::time_point<Clock, Duration>& deadline) {
