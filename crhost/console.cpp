@@ -12,6 +12,7 @@
 #include "explain.h"
 #include "json/strict_json.h"
 #include "log_messages.h"
+#include "os/status.h"
 #include "os/thread_name.h"
 #include "os/utf8.h"
 #include "plugin/module_names.h"
@@ -79,18 +80,21 @@ void AddStatusName(Json::Value& out) {
 bool Blank(const std::string& text) { return text.find_first_not_of(" \t\r") == std::string::npos; }
 
 // Reads one line's JSON strictly (no comments, nothing after the value, no
-// duplicate keys) and no deeper than the console allows. False with `reason`.
-bool ParseLine(const std::string& text, Json::Value& value, std::string& reason) {
+// duplicate keys) and no deeper than the console allows; kInvalidParameter
+// with the reason otherwise.
+os::Expected<Json::Value> ParseLine(const std::string& text) {
+    Json::Value value;
+    std::string reason;
     switch (strict_json::Parse(text, value, &reason, strict_json::Root::kObjectOrArray, Console::kMaxNesting)) {
         case strict_json::Outcome::kParsed:
-            return true;
+            return value;
         case strict_json::Outcome::kTooDeep:
-            return false;
+            break;
         case strict_json::Outcome::kMalformed:
             reason = "not JSON: " + reason;
-            return false;
+            break;
     }
-    return false;
+    return os::Status::Failure(qv::status::kInvalidParameter, os::Utf8ToWideLossy(reason));
 }
 
 }  // namespace
@@ -105,12 +109,12 @@ Console::Next Console::Handle(const LineReader::Line& line) {
         Reject(line.number, "not UTF-8");
         return Next::kGoOn;
     }
-    Json::Value in;
-    std::string reason;
-    if (!ParseLine(line.text, in, reason)) {
-        Reject(line.number, reason);
+    os::Expected<Json::Value> parsed = ParseLine(line.text);
+    if (!parsed) {
+        Reject(line.number, os::WideToUtf8Lossy(parsed.status().message()));
         return Next::kGoOn;
     }
+    Json::Value in = std::move(*parsed);
     if (!in.isObject()) {
         Reject(line.number, "not a JSON object");
         return Next::kGoOn;

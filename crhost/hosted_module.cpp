@@ -59,10 +59,7 @@ os::Status HostedModule::InitAndStart(Object& object) {
 
 os::Status HostedModule::Start(const std::wstring& modulePath) {
     module_ = os::LoadedModule::Load(modulePath);
-    if (!module_) {
-        return Failed(static_cast<int32_t>(module_.errorCode()),
-                      L"cannot load the module " + modulePath + L": " + module_.error());
-    }
+    if (!module_) return module_.status().WithContext(L"cannot load the module " + modulePath);
     create_ = module_.Function<CreateFn>("QvCreateObject");
     destroy_ = module_.Function<DestroyFn>("QvDestroyObject");
     if (!create_ || !destroy_) {

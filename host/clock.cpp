@@ -5,19 +5,19 @@
 namespace host {
 
 void Clock::AddListener(Listener* listener) {
-    std::lock_guard lock(listenersMutex_);
+    os::MutexLock lock(listenersMutex_);
     listeners_.push_back(listener);
 }
 
 void Clock::RemoveListener(Listener* listener) {
-    std::lock_guard lock(listenersMutex_);
+    os::MutexLock lock(listenersMutex_);
     listeners_.erase(std::remove(listeners_.begin(), listeners_.end(), listener), listeners_.end());
 }
 
 void Clock::NotifyTimeMoved() {
     // Held while calling, so that RemoveListener returns only once no call
     // to the removed listener is in progress.
-    std::lock_guard lock(listenersMutex_);
+    os::MutexLock lock(listenersMutex_);
     for (Listener* listener : listeners_) listener->OnTimeMoved();
 }
 

@@ -9,6 +9,8 @@
 #include <mutex>
 #include <vector>
 
+#include "os/thread_annotations.h"
+
 namespace host {
 
 class Clock {
@@ -45,8 +47,8 @@ protected:
     void NotifyTimeMoved();
 
 private:
-    std::mutex listenersMutex_;
-    std::vector<Listener*> listeners_;
+    os::Mutex listenersMutex_;
+    std::vector<Listener*> listeners_ CR_GUARDED_BY(listenersMutex_);
 };
 
 // The system's steady clock. Real time passing wakes waiters through their

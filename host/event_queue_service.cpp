@@ -37,7 +37,7 @@ EventQueueService::~EventQueueService() {
     std::vector<EqWorkItem*> dropped;
     std::vector<std::unique_ptr<Worker>> ending;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         for (auto& [name, worker] : workers_) {
             TakePending(
                 *worker, [](const Pending&) { return true; }, dropped);
@@ -64,7 +64,7 @@ int32_t EventQueueService::CreateQueue(const wchar_t* name, IEventQueue** queue)
     if (queue) *queue = nullptr;
     if (!name || !*name || !queue) return qv::status::kInvalidParameter;
     ReapRetired();
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     auto it = workers_.find(name);
     if (it == workers_.end()) {
         auto worker = std::make_unique<Worker>();
@@ -89,7 +89,7 @@ int32_t EventQueueService::CreateQueue(const wchar_t* name, IEventQueue** queue)
 int32_t EventQueueService::StopQueue(IEventQueue* queue) {
     std::vector<EqWorkItem*> dropped;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         auto handle = FindHandle(queue);
         if (!handle) return qv::status::kInvalidParameter;
         handle->stopped_ = true;
@@ -102,18 +102,18 @@ int32_t EventQueueService::StopQueue(IEventQueue* queue) {
 }
 
 int32_t EventQueueService::WaitQueue(IEventQueue* queue, uint32_t timeoutMs) {
-    std::unique_lock lock(mutex_);
+    os::UniqueLock lock(mutex_);
     auto handle = FindHandle(queue);
     if (!handle) return qv::status::kInvalidParameter;
     // On its own worker the only item that can be running is the caller.
     if (handle->worker_->threadId == std::this_thread::get_id()) return qv::status::kSuccess;
     auto done = [&handle] { return handle->active_ == 0; };
     if (timeoutMs == 0xFFFFFFFFu) {
-        changed_.wait(lock, done);
+        changed_.wait(lock.native(), done);
         return qv::status::kSuccess;
     }
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), done) ? qv::status::kSuccess
-                                                                               : qv::status::kTimeout;
+    return changed_.wait_for(lock.native(), std::chrono::milliseconds(timeoutMs), done) ? qv::status::kSuccess
+                                                                                        : qv::status::kTimeout;
 }
 
 int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
@@ -121,7 +121,7 @@ int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
     Worker* joinNow = nullptr;
     std::unique_ptr<Worker> ended;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         auto handle = FindHandle(queue);
         if (!handle) return qv::status::kInvalidParameter;
         Worker& worker = *handle->worker_;
@@ -152,17 +152,21 @@ int32_t EventQueueService::ReleaseQueue(IEventQueue* queue) {
 }
 
 bool EventQueueService::WaitIdle(std::chrono::milliseconds realTimeout) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, realTimeout, [this] { return IdleLocked(); });
+    os::UniqueLock lock(mutex_);
+    const auto deadline = std::chrono::steady_clock::now() + realTimeout;
+    while (!IdleLocked()) {
+        if (lock.WaitUntil(changed_, deadline) == std::cv_status::timeout) return IdleLocked();
+    }
+    return true;
 }
 
 size_t EventQueueService::WorkerCount() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return workers_.size();
 }
 
 size_t EventQueueService::PendingCount() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     size_t n = 0;
     for (const auto& [name, worker] : workers_) n += worker->pending.size();
     return n;
@@ -171,7 +175,7 @@ size_t EventQueueService::PendingCount() const {
 int32_t EventQueueService::CreateGroup(Handle& handle, EqGroupHandle* group) {
     if (!group) return qv::status::kInvalidParameter;
     *group = 0;
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     if (!handle.worker_) return qv::status::kInvalidParameter;
     if (handle.stopped_) return qv::status::kNotReady;
     *group = nextGroup_++;
@@ -182,7 +186,7 @@ int32_t EventQueueService::CreateGroup(Handle& handle, EqGroupHandle* group) {
 int32_t EventQueueService::CancelGroup(Handle& handle, EqGroupHandle group, bool forget) {
     std::vector<EqWorkItem*> dropped;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         if (!handle.worker_) return qv::status::kInvalidParameter;
         auto it = handle.groups_.find(group);
         if (it == handle.groups_.end()) return qv::status::kNotFound;
@@ -198,7 +202,7 @@ int32_t EventQueueService::CancelGroup(Handle& handle, EqGroupHandle group, bool
 int32_t EventQueueService::Cancel(Handle& handle, EqItemId id) {
     std::vector<EqWorkItem*> dropped;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         if (!handle.worker_) return qv::status::kInvalidParameter;
         Handle* h = &handle;
         TakePending(
@@ -215,7 +219,7 @@ int32_t EventQueueService::Post(Handle& handle, const wchar_t* queueName, uint32
     if (!item) return qv::status::kInvalidParameter;
     int32_t status = qv::status::kSuccess;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         Worker* worker = handle.worker_;
         // The order of the checks decides which status answers.
         if (!worker || (queueName && worker->name != queueName)) {  // NOLINT(bugprone-branch-clone)
@@ -287,7 +291,7 @@ void EventQueueService::ReleaseItems(const std::vector<EqWorkItem*>& items) {
 void EventQueueService::ReapRetired() {
     std::vector<std::unique_ptr<Worker>> joinable;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         const auto self = std::this_thread::get_id();
         for (auto it = retired_.begin(); it != retired_.end();) {
             if ((*it)->threadId != self) {
@@ -302,17 +306,17 @@ void EventQueueService::ReapRetired() {
 }
 
 void EventQueueService::WorkerLoop(Worker& worker) {
-    std::unique_lock lock(mutex_);
+    os::UniqueLock lock(mutex_);
     while (!worker.quit) {
         if (worker.pending.empty()) {
-            worker.wake.wait(lock);
+            lock.Wait(worker.wake);
             continue;
         }
         auto first = worker.pending.begin();
         const auto now = clock_.Now();
         const auto due = first->first.first;
         if (due > now) {
-            clock_.WaitUntil(worker.wake, lock, due);
+            clock_.WaitUntil(worker.wake, lock.native(), due);
             continue;
         }
         Pending pending = std::move(first->second);
@@ -321,7 +325,7 @@ void EventQueueService::WorkerLoop(Worker& worker) {
         worker.runningFor = pending.handle;
         ++pending.handle->active_;
         changed_.notify_all();
-        lock.unlock();
+        lock.Unlock();
         if (!expired) {
             try {
                 pending.item->Run();
@@ -330,7 +334,7 @@ void EventQueueService::WorkerLoop(Worker& worker) {
             }
         }
         ReleaseItems({pending.item});
-        lock.lock();
+        lock.Lock();
         --pending.handle->active_;
         worker.runningFor.reset();
         changed_.notify_all();
@@ -338,7 +342,7 @@ void EventQueueService::WorkerLoop(Worker& worker) {
 }
 
 void EventQueueService::OnTimeMoved() {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     for (auto& [name, worker] : workers_) worker->wake.notify_all();
     changed_.notify_all();
 }

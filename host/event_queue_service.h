@@ -23,13 +23,13 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "host/clock.h"
+#include "os/thread_annotations.h"
 #include "qv/event_queue.h"
 
 namespace host {
@@ -101,26 +101,26 @@ private:
     // Caller holds mutex_. Moves the matching pending items of `worker` to `out`.
     template <class Predicate>
     static void TakePending(Worker& worker, Predicate match, std::vector<EqWorkItem*>& out);
-    // Caller holds mutex_. The live handle behind `queue`, or null.
-    std::shared_ptr<Handle> FindHandle(IEventQueue* queue) const;
-    // Caller holds mutex_.
-    bool IdleLocked() const;
+    // The live handle behind `queue`, or null.
+    std::shared_ptr<Handle> FindHandle(IEventQueue* queue) const CR_REQUIRES(mutex_);
+    bool IdleLocked() const CR_REQUIRES(mutex_);
     // Caller holds no lock.
     static void ReleaseItems(const std::vector<EqWorkItem*>& items);
     // Joins retired workers other than the calling thread's; caller holds no lock.
     void ReapRetired();
 
-    void WorkerLoop(Worker& worker);
+    void WorkerLoop(Worker& worker) CR_EXCLUDES(mutex_);
     void OnTimeMoved() override;
 
     Clock& clock_;
-    mutable std::mutex mutex_;
+    // Guards the members below, the workers' and the handles' state.
+    mutable os::Mutex mutex_;
     std::condition_variable changed_;  // an item started or finished, time moved (WaitQueue, WaitIdle)
-    std::map<std::wstring, std::unique_ptr<Worker>> workers_;
-    std::vector<std::unique_ptr<Worker>> retired_;  // ended, not yet joined
-    std::map<const IEventQueue*, std::shared_ptr<Handle>> handles_;
-    uint64_t nextId_ = 1;  // item ids and post sequence
-    uint64_t nextGroup_ = 1;
+    std::map<std::wstring, std::unique_ptr<Worker>> workers_ CR_GUARDED_BY(mutex_);
+    std::vector<std::unique_ptr<Worker>> retired_ CR_GUARDED_BY(mutex_);  // ended, not yet joined
+    std::map<const IEventQueue*, std::shared_ptr<Handle>> handles_ CR_GUARDED_BY(mutex_);
+    uint64_t nextId_ CR_GUARDED_BY(mutex_) = 1;  // item ids and post sequence
+    uint64_t nextGroup_ CR_GUARDED_BY(mutex_) = 1;
 };
 
 }  // namespace host

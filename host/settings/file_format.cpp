@@ -6,6 +6,7 @@
 #include "host/settings/settings_store.h"
 #include "host/settings/value_entry.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 
 namespace host::settings {
 
@@ -60,10 +61,9 @@ void AppendNode(const Node& node, std::string& out) {
     out += '}';
 }
 
-NodePtr NodeFromJson(const Json::Value& in, const std::wstring& where, size_t depth, std::wstring& why) {
+os::Expected<NodePtr> NodeFromJson(const Json::Value& in, const std::wstring& where, size_t depth) {
     auto fail = [&](const std::wstring& what) {
-        why = where + L": " + what;
-        return nullptr;
+        return os::Status::Failure(qv::status::kInvalidDataType, where + L": " + what);
     };
     if (!in.isObject()) return fail(L"a node is not an object");
     if (depth > SettingsStore::kMaxDepth) return fail(L"the tree is deeper than the store allows");
@@ -77,20 +77,20 @@ NodePtr NodeFromJson(const Json::Value& in, const std::wstring& where, size_t de
     for (auto it = values.begin(); it != values.end(); ++it) {
         const auto name = os::Utf8ToWide(it.name());
         if (!name || name->find(L'\0') != std::wstring::npos) return fail(L"a value name is not valid text");
-        ValuePtr value = ValueFromEntry(*it, L"value \"" + *name + L"\"", why);
-        if (!value) return fail(why);
-        node->values.emplace(*name, std::move(value));
+        os::Expected<ValuePtr> value = ValueFromEntry(*it, L"value \"" + *name + L"\"");
+        if (!value) return value.status().WithContext(where);
+        node->values.emplace(*name, std::move(*value));
     }
     const Json::Value& children = in[kChildrenKey];
     if (!children.isNull() && !children.isObject()) return fail(L"\"children\" is not an object");
     for (auto it = children.begin(); it != children.end(); ++it) {
         const auto name = os::Utf8ToWide(it.name());
         if (!name || !ValidChildName(*name)) return fail(L"a child name is not a valid name");
-        NodePtr child = NodeFromJson(*it, where == L"/" ? L"/" + *name : where + L"/" + *name, depth + 1, why);
-        if (!child) return nullptr;
-        node->children.emplace(*name, std::move(child));
+        os::Expected<NodePtr> child = NodeFromJson(*it, where == L"/" ? L"/" + *name : where + L"/" + *name, depth + 1);
+        if (!child) return child.status();
+        node->children.emplace(*name, std::move(*child));
     }
-    return node;
+    return NodePtr(std::move(node));
 }
 
 }  // namespace host::settings

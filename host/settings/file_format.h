@@ -9,15 +9,16 @@
 #include <json/value.h>
 
 #include "host/settings/tree.h"
+#include "os/status.h"
 
 namespace host::settings {
 
 // Appends `node` in the file's form (compact, no line break).
 void AppendNode(const Node& node, std::string& out);
 
-// Reads a node written by AppendNode (or indented alike); null on failure,
-// with `why` saying what is wrong where. `where` is the node's path ("/"),
-// `depth` its depth in the tree.
-NodePtr NodeFromJson(const Json::Value& in, const std::wstring& where, size_t depth, std::wstring& why);
+// Reads a node written by AppendNode (or indented alike); on failure
+// kInvalidDataType, saying what is wrong where. `where` is the node's path
+// ("/"), `depth` its depth in the tree.
+os::Expected<NodePtr> NodeFromJson(const Json::Value& in, const std::wstring& where, size_t depth);
 
 }  // namespace host::settings

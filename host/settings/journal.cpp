@@ -11,6 +11,7 @@
 #include "host/settings/value_entry.h"
 #include "json/strict_json.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 
 namespace host::settings {
 
@@ -82,29 +83,25 @@ size_t FindJournal(std::string_view file) {
 
 size_t LineCount(std::string_view text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
 
-bool DecodeRecord(std::string_view line, std::vector<std::wstring>& segments, Changes& changes, std::wstring& why) {
+os::Expected<Record> DecodeRecord(std::string_view line) {
+    auto refuse = [](const wchar_t* why) { return os::Status::Failure(qv::status::kInvalidDataType, why); };
     const size_t commitStart = kRecordStart.size() + kCheckDigits + kRecordMiddle.size();
     if (line.size() < commitStart + 1 || !line.starts_with(kRecordStart) ||
         line.substr(kRecordStart.size() + kCheckDigits, kRecordMiddle.size()) != kRecordMiddle || line.back() != '}') {
-        why = L"not a journal line";
-        return false;
+        return refuse(L"not a journal line");
     }
     const std::string_view commit = line.substr(commitStart, line.size() - commitStart - 1);
-    if (line.substr(kRecordStart.size(), kCheckDigits) != CheckOf(commit)) {
-        why = L"its checksum does not match";
-        return false;
-    }
+    if (line.substr(kRecordStart.size(), kCheckDigits) != CheckOf(commit))
+        return refuse(L"its checksum does not match");
     Json::Value parsed;
     if (strict_json::Parse(commit, parsed) != strict_json::Outcome::kParsed || !parsed.isObject()) {
-        why = L"not a commit";
-        return false;
+        return refuse(L"not a commit");
     }
     const Json::Value& at = parsed["at"];
     const Json::Value& values = parsed["values"];
     const Json::Value& removed = parsed["removed"];
     if (!at.isArray() || !values.isObject() || !removed.isArray() || at.size() > SettingsStore::kMaxDepth) {
-        why = L"not a commit";
-        return false;
+        return refuse(L"not a commit");
     }
     auto name = [](const Json::Value& text) -> std::optional<std::wstring> {
         if (!text.isString()) return std::nullopt;
@@ -112,58 +109,47 @@ bool DecodeRecord(std::string_view line, std::vector<std::wstring>& segments, Ch
         if (!wide || !ValidChildName(*wide)) return std::nullopt;
         return wide;
     };
-    segments.clear();
+    Record record;
     for (const auto& segment : at) {
         auto valid = name(segment);
-        if (!valid) {
-            why = L"a path segment is not a valid name";
-            return false;
-        }
-        segments.push_back(std::move(*valid));
+        if (!valid) return refuse(L"a path segment is not a valid name");
+        record.segments.push_back(std::move(*valid));
     }
     for (auto it = values.begin(); it != values.end(); ++it) {
         const auto valueName = os::Utf8ToWide(it.name());
-        if (!valueName || valueName->find(L'\0') != std::wstring::npos) {
-            why = L"a value name is not valid text";
-            return false;
-        }
-        ValuePtr value = ValueFromEntry(*it, L"value \"" + *valueName + L"\"", why);
-        if (!value) return false;
-        changes.values.emplace(*valueName, std::move(value));
+        if (!valueName || valueName->find(L'\0') != std::wstring::npos)
+            return refuse(L"a value name is not valid text");
+        os::Expected<ValuePtr> value = ValueFromEntry(*it, L"value \"" + *valueName + L"\"");
+        if (!value) return value.status();
+        record.changes.values.emplace(*valueName, std::move(*value));
     }
     for (const auto& child : removed) {
         auto valid = name(child);
-        if (!valid) {
-            why = L"a removed child is not a valid name";
-            return false;
-        }
-        changes.removed.insert(std::move(*valid));
+        if (!valid) return refuse(L"a removed child is not a valid name");
+        record.changes.removed.insert(std::move(*valid));
     }
-    return true;
+    return record;
 }
 
-JournalRead ReadJournal(std::string_view text, size_t firstLine, NodePtr& root, std::wstring& why) {
+os::Expected<JournalRead> ReadJournal(std::string_view text, size_t firstLine, NodePtr& root) {
     JournalRead read;
     size_t number = firstLine;
     while (!text.empty()) {
         ++number;
         const size_t end = text.find('\n');
         const bool last = end == std::string_view::npos || end + 1 == text.size();
-        std::vector<std::wstring> segments;
-        Changes changes;
-        std::wstring problem;
         const bool complete = end != std::string_view::npos;
-        if (!complete || !DecodeRecord(text.substr(0, end), segments, changes, problem)) {
+        const os::Expected<Record> record = complete ? DecodeRecord(text.substr(0, end))
+                                                     : os::Status::Failure(qv::status::kInvalidDataType, L"incomplete");
+        if (!record) {
             if (last) {
                 read.droppedTail = true;
                 return read;
             }
-            why = L"line " + std::to_wstring(number) + L": " + (complete ? problem : L"incomplete");
-            read.damaged = true;
-            return read;
+            return record.status().WithContext(L"line " + std::to_wstring(number));
         }
         NodePtr ignored;
-        root = WithChanges(root.get(), segments, 0, changes, ignored);
+        root = WithChanges(root.get(), record->segments, 0, record->changes, ignored);
         text.remove_prefix(end + 1);
     }
     return read;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "host/settings/tree.h"
+#include "os/status.h"
 
 namespace host::settings {
 
@@ -22,10 +23,16 @@ namespace host::settings {
 // node at `segments`.
 std::string EncodeRecord(const std::vector<std::wstring>& segments, const Changes& changes);
 
-// Reads one journal line (without its line break) into `segments` and
-// `changes`; false with `why` when it is not one: not a journal line, a
-// checksum that does not match, or a commit that is not well-formed.
-bool DecodeRecord(std::string_view line, std::vector<std::wstring>& segments, Changes& changes, std::wstring& why);
+// One commit as a journal line records it.
+struct Record {
+    std::vector<std::wstring> segments;
+    Changes changes;
+};
+
+// Reads one journal line (without its line break); kInvalidDataType saying
+// why when it is not one: not a journal line, a checksum that does not
+// match, or a commit that is not well-formed.
+os::Expected<Record> DecodeRecord(std::string_view line);
 
 // Where the journal starts in the file's bytes: the size of the tree's text.
 size_t FindJournal(std::string_view file);
@@ -34,13 +41,14 @@ size_t FindJournal(std::string_view file);
 size_t LineCount(std::string_view text);
 
 struct JournalRead {
-    bool damaged = false;      // a line other than the last is not a commit: `why` says which
     bool droppedTail = false;  // the last line was cut short (or fails its checksum) and is ignored
 };
 
 // Applies the journal `text` to `root` in order. The lines are numbered from
 // `firstLine` + 1 for messages. A last line that is incomplete or not a
-// commit is an append cut short: dropped. Any other bad line is damage.
-JournalRead ReadJournal(std::string_view text, size_t firstLine, NodePtr& root, std::wstring& why);
+// commit is an append cut short: dropped. Any other bad line is damage:
+// kInvalidDataType, "line <n>: <what is wrong>", with `root` holding the
+// lines before it applied.
+os::Expected<JournalRead> ReadJournal(std::string_view text, size_t firstLine, NodePtr& root);
 
 }  // namespace host::settings

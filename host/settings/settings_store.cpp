@@ -26,48 +26,41 @@ SettingsStore::SettingsStore(std::wstring path, NodePtr root) : path_(std::move(
 SettingsStore::~SettingsStore() = default;
 
 os::Expected<std::unique_ptr<SettingsStore>> SettingsStore::Open(const std::wstring& path) {
-    auto refuse = [&](const wchar_t* what, const std::wstring& why) {
-        return os::Status::Failure(status::kInvalidDataType, L"settings file " + path + what + why);
-    };
-    std::string bytes;
-    std::wstring error;
-    switch (os::ReadWholeFile(path, bytes, &error)) {
-        case os::ReadResult::kMissing:
+    const os::Expected<std::string> bytes = os::ReadWholeFile(path);
+    if (!bytes) {
+        if (bytes.status().code() == os::kFileMissing)
             return std::unique_ptr<SettingsStore>(new SettingsStore(path, std::make_shared<Node>()));
-        case os::ReadResult::kFailed:
-            return os::Status::Failure(status::kFunctionFailed,
-                                       L"settings file " + path + L" cannot be read: " + error);
-        case os::ReadResult::kRead:
-            break;
+        return os::Status::Failure(status::kFunctionFailed,
+                                   L"settings file " + path + L" cannot be read: " + bytes.status().message());
     }
-    const std::string_view all(bytes);
+    const std::wstring file = L"settings file " + path;
+    const std::string_view all(*bytes);
     const size_t journalStart = settings::FindJournal(all);
     const std::string_view tree = all.substr(0, journalStart);
     Json::Value document;
     std::string reason;
     if (strict_json::Parse(tree, document, &reason, strict_json::Root::kAnyValue) != strict_json::Outcome::kParsed) {
-        return refuse(L" is not valid JSON: ", os::Utf8ToWideLossy(reason));
+        return os::Status::Failure(status::kInvalidDataType,
+                                   file + L" is not valid JSON: " + os::Utf8ToWideLossy(reason));
     }
-    std::wstring why;
-    NodePtr root = settings::NodeFromJson(document, L"/", 0, why);
-    if (!root) {
-        return refuse(L" does not hold a settings tree: ", why);
+    os::Expected<NodePtr> root = settings::NodeFromJson(document, L"/", 0);
+    if (!root) return root.status().WithContext(file + L" does not hold a settings tree");
+    const os::Expected<settings::JournalRead> journal =
+        settings::ReadJournal(all.substr(journalStart), settings::LineCount(tree), *root);
+    if (!journal) return journal.status().WithContext(file + L" has a damaged journal");
+    std::unique_ptr<SettingsStore> store(new SettingsStore(path, std::move(*root)));
+    {
+        os::MutexLock lock(store->mutex_);  // not shared yet: held for the analysis only
+        store->treeBytes_ = tree.size();
+        store->journalBytes_ = all.size() - journalStart;
+        // A tree without its final line break cannot take a journal line after it.
+        store->rewriteNext_ = journal->droppedTail || tree.empty() || tree.back() != '\n';
     }
-    const settings::JournalRead journal =
-        settings::ReadJournal(all.substr(journalStart), settings::LineCount(tree), root, why);
-    if (journal.damaged) {
-        return refuse(L" has a damaged journal: ", why);
-    }
-    std::unique_ptr<SettingsStore> store(new SettingsStore(path, std::move(root)));
-    store->treeBytes_ = tree.size();
-    store->journalBytes_ = all.size() - journalStart;
-    // A tree without its final line break cannot take a journal line after it.
-    store->rewriteNext_ = journal.droppedTail || tree.empty() || tree.back() != '\n';
     return store;
 }
 
 std::wstring SettingsStore::LastCommitError() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return lastCommitError_;
 }
 
@@ -103,7 +96,7 @@ int32_t SettingsStore::OpenForWrite(const wchar_t* path, IEPSettingsNode** node)
 }
 
 SettingsStore::NodePtr SettingsStore::Find(const std::vector<std::wstring>& segments) const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return FindLocked(segments);
 }
 
@@ -118,7 +111,7 @@ SettingsStore::NodePtr SettingsStore::FindLocked(const std::vector<std::wstring>
 }
 
 int32_t SettingsStore::Apply(const std::vector<std::wstring>& segments, const Changes& changes, NodePtr& committed) {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     // Nothing to write for a node that exists and did not change.
     if (changes.values.empty() && changes.removed.empty()) {
         if (NodePtr existing = FindLocked(segments)) {
@@ -128,9 +121,8 @@ int32_t SettingsStore::Apply(const std::vector<std::wstring>& segments, const Ch
     }
     NodePtr changed;
     NodePtr root = settings::WithChanges(root_.get(), segments, 0, changes, changed);
-    std::wstring error;
-    if (!Write(*root, settings::EncodeRecord(segments, changes), error)) {
-        lastCommitError_ = error;
+    if (const os::Status written = Write(*root, settings::EncodeRecord(segments, changes)); !written) {
+        lastCommitError_ = written.message();
         return status::kFunctionFailed;
     }
     root_ = std::move(root);
@@ -138,32 +130,28 @@ int32_t SettingsStore::Apply(const std::vector<std::wstring>& segments, const Ch
     return status::kSuccess;
 }
 
-bool SettingsStore::Write(const Node& root, const std::string& record, std::wstring& error) {
+os::Status SettingsStore::Write(const Node& root, const std::string& record) {
     if (!rewriteNext_ && journalBytes_ + record.size() <= std::max(kJournalFloor, 2 * treeBytes_)) {
-        const os::Status appended = os::AppendDurably(path_, record);
+        os::Status appended = os::AppendDurably(path_, record);
         if (appended) {
             journalBytes_ += record.size();
-            return true;
+        } else {
+            // The file may now end in part of the line: the next commit
+            // writes the whole tree instead of appending after it.
+            rewriteNext_ = true;
         }
-        error = appended.message();
-        // The file may now end in part of the line: the next commit writes
-        // the whole tree instead of appending after it.
-        rewriteNext_ = true;
-        return false;
+        return appended;
     }
     // Only the nodes on the changed path are written anew; the root's text is
     // the file itself and is not kept.
     std::string bytes;
     settings::AppendNode(root, bytes);
     bytes += '\n';
-    if (const os::Status written = os::WriteFileAtomically(path_, bytes); !written) {
-        error = written.message();
-        return false;
-    }
+    if (os::Status written = os::WriteFileAtomically(path_, bytes); !written) return written;
     treeBytes_ = bytes.size();
     journalBytes_ = 0;
     rewriteNext_ = false;
-    return true;
+    return os::Status::Ok();
 }
 
 }  // namespace host

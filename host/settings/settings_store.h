@@ -50,11 +50,11 @@
 // read-only file, and neither the tree nor the file changes.
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "os/status.h"
+#include "os/thread_annotations.h"
 #include "qv/settings_store.h"
 
 namespace host {
@@ -105,23 +105,24 @@ private:
     SettingsStore(std::wstring path, NodePtr root);
     // The committed node at `segments`, or null.
     NodePtr Find(const std::vector<std::wstring>& segments) const;
-    NodePtr FindLocked(const std::vector<std::wstring>& segments) const;  // under mutex_
+    NodePtr FindLocked(const std::vector<std::wstring>& segments) const CR_REQUIRES(mutex_);
     // Applies a writing node's changes to the node at `segments` (made with
     // its missing parents) and writes the file; only when that succeeded is
     // the result the current tree, and `committed` the node as it now stands.
     int32_t Apply(const std::vector<std::wstring>& segments, const Changes& changes, NodePtr& committed);
 
     // Writes `root` to the file: the commit's journal line `record`, or the
-    // whole tree when the journal is due for a rewrite.
-    bool Write(const Node& root, const std::string& record, std::wstring& error);
+    // whole tree when the journal is due for a rewrite. The failure is the
+    // file's, naming it and the system's reason.
+    os::Status Write(const Node& root, const std::string& record) CR_REQUIRES(mutex_);
 
     const std::wstring path_;
-    mutable std::mutex mutex_;
-    NodePtr root_;
-    std::wstring lastCommitError_;
-    size_t treeBytes_ = 0;     // the tree's size at the last whole write (or as read)
-    size_t journalBytes_ = 0;  // appended since
-    bool rewriteNext_ = true;  // no file yet, or a journal line was dropped or failed
+    mutable os::Mutex mutex_;
+    NodePtr root_ CR_GUARDED_BY(mutex_);
+    std::wstring lastCommitError_ CR_GUARDED_BY(mutex_);
+    size_t treeBytes_ CR_GUARDED_BY(mutex_) = 0;     // the tree's size at the last whole write (or as read)
+    size_t journalBytes_ CR_GUARDED_BY(mutex_) = 0;  // appended since
+    bool rewriteNext_ CR_GUARDED_BY(mutex_) = true;  // no file yet, or a journal line was dropped or failed
 };
 
 }  // namespace host

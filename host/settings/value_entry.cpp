@@ -7,6 +7,7 @@
 #include "host/settings/settings_store.h"
 #include "json/strict_json.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 
 namespace host::settings {
 
@@ -56,28 +57,27 @@ const std::string& EntryText(const StoredValue& stored) {
     return stored.entry;
 }
 
-ValuePtr ValueFromEntry(const Json::Value& entry, const std::wstring& at, std::wstring& why) {
-    why.clear();
-    if (!entry.isObject() || entry.size() != 1) {
-        why = at + L" is not one typed entry";
-    } else if (entry.isMember(kStringKey)) {
+os::Expected<ValuePtr> ValueFromEntry(const Json::Value& entry, const std::wstring& at) {
+    auto refuse = [&](const std::wstring& why) { return os::Status::Failure(qv::status::kInvalidDataType, at + why); };
+    if (!entry.isObject() || entry.size() != 1) return refuse(L" is not one typed entry");
+    if (entry.isMember(kStringKey)) {
         const Json::Value& text = entry[kStringKey];
         std::optional<std::wstring> wide;
         if (text.isString()) wide = os::Utf8ToWide(text.asString());
         if (wide) return std::make_shared<const StoredValue>(StoredValue{std::move(*wide), {}});
-        why = at + L": the string is not valid text";
-    } else if (entry.isMember(kBoolKey)) {
+        return refuse(L": the string is not valid text");
+    }
+    if (entry.isMember(kBoolKey)) {
         if (entry[kBoolKey].isBool())
             return std::make_shared<const StoredValue>(StoredValue{entry[kBoolKey].asBool(), {}});
-        why = at + L": not a bool";
-    } else if (entry.isMember(kJsonKey)) {
+        return refuse(L": not a bool");
+    }
+    if (entry.isMember(kJsonKey)) {
         if (auto json = MakeJsonEntry(entry[kJsonKey]))
             return std::make_shared<const StoredValue>(StoredValue{std::move(*json), {}});
-        why = at + L": JSON the store would refuse";
-    } else {
-        why = at + L" has no known type";
+        return refuse(L": JSON the store would refuse");
     }
-    return nullptr;
+    return refuse(L" has no known type");
 }
 
 }  // namespace host::settings

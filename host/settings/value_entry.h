@@ -11,6 +11,7 @@
 #include <json/value.h>
 
 #include "host/settings/tree.h"
+#include "os/status.h"
 
 namespace host::settings {
 
@@ -34,8 +35,8 @@ ValuePtr MakeValue(Value value);
 // The value's entry, made the first time it is asked for. Under the store's mutex.
 const std::string& EntryText(const StoredValue& stored);
 
-// Reads a value's entry; null on failure, with `why` saying what is wrong
+// Reads a value's entry; on failure kInvalidDataType, saying what is wrong
 // with the value `at`.
-ValuePtr ValueFromEntry(const Json::Value& entry, const std::wstring& at, std::wstring& why);
+os::Expected<ValuePtr> ValueFromEntry(const Json::Value& entry, const std::wstring& at);
 
 }  // namespace host::settings

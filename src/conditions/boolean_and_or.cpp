@@ -74,7 +74,7 @@ int32_t ConditionBooleanAndOr::Init(const InitData& data) {
     // notification that arrives before the count below only recomputes
     // early (for nobody: the owner subscribes after Init).
     if (const int32_t status = CreateChildren(data.json, manager); status != 0) return status;
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     threshold_ = requireAll_ == 1 ? children_.size() : 1;
     trueCount_ = 0;
     for (ConditionPtr& child : children_) {
@@ -91,7 +91,7 @@ void ConditionBooleanAndOr::Uninit() {
     queue().SetFactory(nullptr);
     std::vector<ConditionPtr> children;
     {
-        std::lock_guard lock(lock_);
+        os::RecursiveMutexLock lock(lock_);
         children.swap(children_);
     }
     // Destroyed outside the critical section: each child waits for its own
@@ -102,7 +102,7 @@ void ConditionBooleanAndOr::Uninit() {
 int32_t ConditionBooleanAndOr::GetState(bool* state, bool recompute) {
     logging::CallTrace trace(kGetState);
     if (!state) return qv::status::kInvalidParameter;
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     if (recompute) {
         size_t count = 0;
         for (ConditionPtr& child : children_) {
@@ -132,7 +132,7 @@ void ConditionBooleanAndOr::UpdateState(uint64_t expectedGeneration) {
         logging::Log(logging::kDetail, kUpdateState, L"another update is scheduled");
         return;
     }
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     const bool before = state_;
     bool now = false;
     // The parent's status has nobody to go to on the queue's thread.

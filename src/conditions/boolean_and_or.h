@@ -11,13 +11,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "conditions/condition_base.h"
 #include "conditions/condition_queue.h"
 #include "conditions/manager_interface.h"
+#include "os/thread_annotations.h"
 
 namespace Product::Integration::ConditionManager {
 
@@ -70,10 +70,10 @@ private:
     // notifies the parent when the result flipped.
     void UpdateState(uint64_t expectedGeneration);
 
-    std::recursive_mutex lock_;
-    size_t trueCount_ = 0;
-    size_t threshold_ = 0;
-    bool state_ = false;
+    os::RecursiveMutex lock_;
+    size_t trueCount_ CR_GUARDED_BY(lock_) = 0;
+    size_t threshold_ CR_GUARDED_BY(lock_) = 0;
+    bool state_ CR_GUARDED_BY(lock_) = false;
     const int requireAll_;
     std::atomic<uint64_t> generation_{0};
 };

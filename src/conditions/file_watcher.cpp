@@ -396,22 +396,17 @@ void FileWatcher::Arm(Run& run, Path& path) {
         const std::wstring key = path.FolderAt(level);
         auto existing = run.folders.find(key);
         if (existing == run.folders.end()) {
-            os::FolderWatch::Id id = 0;
-            std::wstring error;
-            switch (run.watch->Add(key, id, error)) {
-                case os::FolderWatch::AddResult::kWatching:
-                    existing = run.folders.emplace(key, Run::Folder{id, level, {}}).first;
-                    run.byId[id] = key;
-                    break;
-                case os::FolderWatch::AddResult::kMissing:
-                    return;
-                case os::FolderWatch::AddResult::kFailed:
-                    logging::Log(logging::kWarning, kFunction, L"Cannot watch %s (%s); polling %s", key.c_str(),
-                                 error.c_str(), path.text.c_str());
-                    Disarm(run, path, 0);
-                    path.split.reset();
-                    return;
+            const os::Expected<os::FolderWatch::Id> id = run.watch->Add(key);
+            if (!id) {
+                if (id.status().code() == os::FolderWatch::kFolderMissing) return;
+                logging::Log(logging::kWarning, kFunction, L"Cannot watch %s (%s); polling %s", key.c_str(),
+                             id.status().message().c_str(), path.text.c_str());
+                Disarm(run, path, 0);
+                path.split.reset();
+                return;
             }
+            existing = run.folders.emplace(key, Run::Folder{*id, level, {}}).first;
+            run.byId[*id] = key;
         }
         existing->second.users.insert(&path);
         path.armed.push_back(key);

@@ -39,7 +39,7 @@ int32_t ConditionisOvraConnected::Init(const InitData& data) {
     // what was read: it stays the pending state and is delivered after the
     // quiet period, while the state read is the one delivered so far.
     const uint64_t generationBefore = [this] {
-        std::lock_guard lock(lock_);
+        os::MutexLock lock(lock_);
         return generation_;
     }();
     if (const int32_t status = client->RegisterEcsNotifications(this); status != 0) {
@@ -49,7 +49,7 @@ int32_t ConditionisOvraConnected::Init(const InitData& data) {
     const std::optional<bool> connected = client->GetEcsConnectionState();
     const bool state = StateFor(connected);
     {
-        std::lock_guard lock(lock_);
+        os::MutexLock lock(lock_);
         deliveredState_ = state;
         if (generation_ == generationBefore) {
             pendingState_ = state;
@@ -78,7 +78,7 @@ int32_t ConditionisOvraConnected::GetState(bool* state, bool recompute) {
 void ConditionisOvraConnected::OnEcsConnected(std::optional<bool> connected) {
     static_cast<void>(Guarded(kOnEcsConnected, [&] {
         logging::CallTrace trace(kOnEcsConnected);
-        std::lock_guard lock(lock_);
+        os::MutexLock lock(lock_);
         const bool state = StateFor(connected);
         logging::Log(logging::kTrace, kOnEcsConnected, L"state [%d]", state ? 1 : 0);
         const uint64_t generation = ++generation_;
@@ -95,7 +95,7 @@ void ConditionisOvraConnected::OnEcsConnected(std::optional<bool> connected) {
 
 void ConditionisOvraConnected::DoNotify(uint64_t expectedGeneration) {
     logging::CallTrace trace(kDoNotify);
-    std::lock_guard lock(lock_);
+    os::MutexLock lock(lock_);
     if (expectedGeneration != generation_) return;  // a newer report is pending
     const bool state = pendingState_.load();
     deliveredState_ = state;
@@ -105,7 +105,7 @@ void ConditionisOvraConnected::DoNotify(uint64_t expectedGeneration) {
 }
 
 Json::Value ConditionisOvraConnected::Observed() {
-    std::lock_guard lock(lock_);
+    os::MutexLock lock(lock_);
     Json::Value observed(Json::objectValue);
     observed["connected"] = lastReport_ ? Json::Value(*lastReport_) : Json::Value();
     observed["state"] = deliveredState_.load();

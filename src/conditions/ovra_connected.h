@@ -14,12 +14,12 @@
 // report is lost between the two; a report during the read stays pending.
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "conditions/condition_base.h"
 #include "conditions/condition_queue.h"
+#include "os/thread_annotations.h"
 #include "qv/ovra_notifications.h"
 
 namespace Product::Integration::ConditionManager {
@@ -61,11 +61,11 @@ private:
     bool wantConnected_ = true;
     std::atomic<bool> deliveredState_{false};
     std::atomic<bool> pendingState_{false};
-    uint64_t generation_ = 0;         // guarded by lock_
-    std::optional<bool> lastReport_;  // guarded by lock_
-    bool deliveryPending_ = false;    // guarded by lock_
-    uint32_t pendingSinceTick_ = 0;   // os::TickMs() of the report waiting; guarded by lock_
-    std::mutex lock_;
+    os::Mutex lock_;
+    uint64_t generation_ CR_GUARDED_BY(lock_) = 0;
+    std::optional<bool> lastReport_ CR_GUARDED_BY(lock_);
+    bool deliveryPending_ CR_GUARDED_BY(lock_) = false;
+    uint32_t pendingSinceTick_ CR_GUARDED_BY(lock_) = 0;  // os::TickMs() of the report waiting
 };
 
 }  // namespace Product::Integration::ConditionManager

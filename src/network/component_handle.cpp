@@ -15,6 +15,13 @@ const int kModuleAnchor = 0;
 
 int32_t SystemErrorOr632(uint32_t code) { return code != 0 ? static_cast<int32_t>(code) : qv::status::kInvalidSize; }
 
+// A failed load's code for the caller: the system's, or kInvalidSize where
+// the system gave none (the load's status then says kFunctionFailed, a code
+// the system's loader never answers itself).
+int32_t LoadFailureCode(const os::Status& load) {
+    return load.code() == qv::status::kFunctionFailed ? qv::status::kInvalidSize : load.code();
+}
+
 }  // namespace
 
 ComponentLibraryLocation ComponentLibraryLocation::Default() {
@@ -33,7 +40,7 @@ int32_t ComponentHandle::Acquire(const ComponentLibraryLocation& location, const
         if (directory.empty()) continue;
         library_ = os::LoadedModule::LoadWithItsDependencies(os::JoinPath(directory, location.fileName));
         if (library_) break;
-        error = SystemErrorOr632(library_.errorCode());
+        error = LoadFailureCode(library_.status());
     }
     if (!library_) {
         logging::Log(logging::kWarning, kAcquire, L"Failed to load %s for component [%s], error %d",

@@ -34,8 +34,9 @@ NetworkProvider::NetworkProvider() : NetworkProvider(DefaultOptions()) {}
 NetworkProvider::NetworkProvider(Options options)
     : periodMs_(options.periodMs),
       changes_(options.changeSource ? std::move(options.changeSource) : std::make_unique<SystemChangeSource>()),
-      readAdapters_(options.readAdapters ? std::move(options.readAdapters)
-                                         : std::function<os::AdapterList()>([] { return os::ReadAdapters(); })),
+      readAdapters_(options.readAdapters
+                        ? std::move(options.readAdapters)
+                        : std::function<os::Expected<os::Adapters>()>([] { return os::ReadAdapters(); })),
       types_(options.components) {}
 
 NetworkProvider::~NetworkProvider() {
@@ -157,16 +158,16 @@ int32_t NetworkProvider::DoUpdateState(bool* changed) {
     types_.Refresh();
 
     NetworkState fresh;
-    const os::AdapterList list = readAdapters_();
-    if (list.result == os::AdapterList::Result::kRead) {
-        if (list.adapters.empty()) logging::Log(logging::kError, kDoUpdateState, L"GetAdaptersAddresses returns null");
-        for (const os::AdapterRecord& adapter : list.adapters) {
+    const os::Expected<os::Adapters> list = readAdapters_();
+    if (list) {
+        if (list->empty()) logging::Log(logging::kError, kDoUpdateState, L"GetAdaptersAddresses returns null");
+        for (const os::AdapterRecord& adapter : *list) {
             // Convert fails only for a null record, which a list cannot hold.
             static_cast<void>(Convert(&adapter, fresh, types_));
         }
     } else {
         logging::Log(logging::kWarning, kDoUpdateState, L"GetAdaptersAddresses failed with error %d",
-                     static_cast<int>(list.error));
+                     list.status().code());
     }
     if (!fresh.HasUnicastAddress()) {
         logging::Log(logging::kError, kDoUpdateState, L"GetAdaptersAddresses ip list is emtpy. skip this update");
@@ -177,9 +178,9 @@ int32_t NetworkProvider::DoUpdateState(bool* changed) {
     // with the SSIDs gathered so far.
     static_cast<void>(wlan_.GetSSIDList(fresh.ssids));
 
-    const os::HostName host = os::ReadHostName();
-    if (host.ok()) {
-        fresh.hostName = host.name;
+    const os::Expected<std::wstring> host = os::ReadHostName();
+    if (host) {
+        fresh.hostName = *host;
         logging::Log(logging::kDetail, kDoUpdateState, L"Hostname: %s", fresh.hostName.c_str());
     } else {
         logging::Log(logging::kError, kDoUpdateState, L"Failed to retrieve the hostname.");

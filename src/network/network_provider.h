@@ -53,7 +53,7 @@ public:
         // What tells the listener of address changes; null: the system's.
         std::unique_ptr<IChangeSource> changeSource;
         // Reads the adapters for a snapshot; empty: the system's adapters.
-        std::function<os::AdapterList()> readAdapters;
+        std::function<os::Expected<os::Adapters>()> readAdapters;
         // Where the agent's components are looked for.
         ComponentLibraryLocation components = ComponentLibraryLocation::Default();
     };
@@ -111,7 +111,7 @@ private:
 
     const uint32_t periodMs_;
     const std::unique_ptr<IChangeSource> changes_;
-    const std::function<os::AdapterList()> readAdapters_;
+    const std::function<os::Expected<os::Adapters>()> readAdapters_;
 
     qv::SynchronyzedObjectContainer<IEvents*> subscribers_;
 

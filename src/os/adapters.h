@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "os/status.h"
+
 namespace os {
 
 // Interface types as IANA numbers them (Windows' IF_TYPE_* values).
@@ -47,28 +49,17 @@ struct AdapterRecord {
     std::wstring dnsSuffix;                    // the adapter's own suffix, "" when none
 };
 
-struct AdapterList {
-    enum class Result : uint8_t {
-        kRead,    // `adapters` holds every adapter of the machine (possibly none)
-        kFailed,  // the system refused; `error` says why
-    };
-    Result result = Result::kFailed;
-    uint32_t error = 0;  // a Windows error code; on Linux a libnl error number (NLE_*)
-    std::vector<AdapterRecord> adapters;
-};
+using Adapters = std::vector<AdapterRecord>;
 
-// Reads every adapter of the machine (up or not) in the system's order.
-// Any thread; each call asks the system anew.
-AdapterList ReadAdapters();
+// Reads every adapter of the machine (up or not, possibly none) in the
+// system's order. When the system refuses, its error (a Windows error code;
+// on Linux a libnl error number, NLE_*) with the system's text. Any thread;
+// each call asks the system anew.
+Expected<Adapters> ReadAdapters();
 
 // The machine's host name (Windows: the NetBIOS computer name; Linux: the
-// kernel's host name of the calling process's namespace). Empty with
-// `error` set when the system refuses. Any thread.
-struct HostName {
-    std::wstring name;
-    uint32_t error = 0;
-    bool ok() const noexcept { return error == 0; }
-};
-HostName ReadHostName();
+// kernel's host name of the calling process's namespace), or the system's
+// error. Any thread.
+Expected<std::wstring> ReadHostName();
 
 }  // namespace os

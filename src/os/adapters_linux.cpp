@@ -6,6 +6,7 @@
 // hardware type (the value sysfs shows as "type"), which, unlike sysfs,
 // also answers for interfaces of a private network namespace.
 #include <linux/if_arp.h>
+#include <netlink/errno.h>
 #include <netlink/route/addr.h>
 #include <netlink/route/link.h>
 #include <netlink/route/route.h>
@@ -20,6 +21,7 @@
 #include "os/netlink_linux.h"
 #include "os/resolver_config.h"
 #include "os/utf8.h"
+#include "qv/status.h"
 
 namespace os {
 namespace {
@@ -83,15 +85,15 @@ bool IsDefaultRoute(rtnl_route* route) {
     return !destination || nl_addr_get_prefixlen(destination) == 0;
 }
 
-AdapterList Failed(int nlError) {
-    AdapterList list;
-    list.error = static_cast<uint32_t>(nlError < 0 ? -nlError : nlError);
-    return list;
+Status Failed(int nlError) {
+    const int code = nlError < 0 ? -nlError : nlError;
+    return Status::Failure(code != 0 ? code : qv::status::kFunctionFailed,
+                           L"reading the adapters through netlink: " + Utf8ToWideLossy(::nl_geterror(code)));
 }
 
 }  // namespace
 
-AdapterList ReadAdapters() {
+Expected<Adapters> ReadAdapters() {
     netlink::Socket socket(nl_socket_alloc());
     if (!socket) return Failed(NLE_NOMEM);
     if (int e = nl_connect(socket.get(), NETLINK_ROUTE); e < 0) return Failed(e);
@@ -105,20 +107,19 @@ AdapterList ReadAdapters() {
     netlink::Cache routes(raw);
 
     const ResolverConfiguration resolver = ReadResolverConfiguration();
-    AdapterList list;
-    list.result = AdapterList::Result::kRead;
+    Adapters list;
     std::map<int, size_t> byIndex;
     for (nl_object* o = nl_cache_get_first(links.get()); o; o = nl_cache_get_next(o)) {
         auto* link = reinterpret_cast<rtnl_link*>(o);
-        byIndex[rtnl_link_get_ifindex(link)] = list.adapters.size();
-        list.adapters.push_back(FromLink(link, resolver));
+        byIndex[rtnl_link_get_ifindex(link)] = list.size();
+        list.push_back(FromLink(link, resolver));
     }
     for (nl_object* o = nl_cache_get_first(addresses.get()); o; o = nl_cache_get_next(o)) {
         auto* address = reinterpret_cast<rtnl_addr*>(o);
         auto found = byIndex.find(rtnl_addr_get_ifindex(address));
         IpAddress ip;
         if (found != byIndex.end() && ToIpAddress(rtnl_addr_get_local(address), ip))
-            list.adapters[found->second].unicast.push_back(ip);
+            list[found->second].unicast.push_back(ip);
     }
     for (nl_object* o = nl_cache_get_first(routes.get()); o; o = nl_cache_get_next(o)) {
         auto* route = reinterpret_cast<rtnl_route*>(o);
@@ -128,21 +129,17 @@ AdapterList ReadAdapters() {
             auto found = byIndex.find(rtnl_route_nh_get_ifindex(hop));
             IpAddress gateway;
             if (found != byIndex.end() && ToIpAddress(rtnl_route_nh_get_gateway(hop), gateway))
-                list.adapters[found->second].gateways.push_back(gateway);
+                list[found->second].gateways.push_back(gateway);
         }
     }
     return list;
 }
 
-HostName ReadHostName() {
-    HostName result;
+Expected<std::wstring> ReadHostName() {
     char buffer[HOST_NAME_MAX + 1] = {};
-    if (::gethostname(buffer, sizeof buffer - 1) != 0) {
-        result.error = static_cast<uint32_t>(errno);
-        return result;
-    }
-    result.name = Utf8ToWideLossy(buffer);
-    return result;
+    if (::gethostname(buffer, sizeof buffer - 1) != 0)
+        return Status::System(static_cast<uint32_t>(errno), L"gethostname");
+    return Utf8ToWideLossy(buffer);
 }
 
 }  // namespace os

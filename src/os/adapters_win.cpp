@@ -60,40 +60,28 @@ AdapterRecord FromAdapter(const IP_ADAPTER_ADDRESSES& a) {
 
 }  // namespace
 
-AdapterList ReadAdapters() {
-    AdapterList list;
+Expected<Adapters> ReadAdapters() {
     ULONG size = 0;
     ULONG status = ::GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr, nullptr, &size);
-    if (status != ERROR_BUFFER_OVERFLOW) {
-        list.error = status;
-        return list;
-    }
+    if (status != ERROR_BUFFER_OVERFLOW) return Status::System(status, L"GetAdaptersAddresses");
     // ULONGLONG elements keep the records aligned as the structures need.
     std::vector<ULONGLONG> buffer((size + sizeof(ULONGLONG) - 1) / sizeof(ULONGLONG), 0);
     auto* first = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.data());
     status = ::GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr, first, &size);
-    if (status != ERROR_SUCCESS) {
-        list.error = status;
-        return list;
-    }
-    list.result = AdapterList::Result::kRead;
-    for (const IP_ADAPTER_ADDRESSES* a = first; a; a = a->Next) list.adapters.push_back(FromAdapter(*a));
+    if (status != ERROR_SUCCESS) return Status::System(status, L"GetAdaptersAddresses");
+    Adapters list;
+    for (const IP_ADAPTER_ADDRESSES* a = first; a; a = a->Next) list.push_back(FromAdapter(*a));
     return list;
 }
 
-HostName ReadHostName() {
-    HostName result;
+Expected<std::wstring> ReadHostName() {
     DWORD length = 0;
     ::GetComputerNameExW(ComputerNameNetBIOS, nullptr, &length);  // learns the length, terminator included
     std::vector<wchar_t> buffer(length + 1);
     length = static_cast<DWORD>(buffer.size());
-    if (!::GetComputerNameExW(ComputerNameNetBIOS, buffer.data(), &length)) {
-        result.error = ::GetLastError();
-        if (result.error == 0) result.error = ERROR_GEN_FAILURE;
-        return result;
-    }
-    result.name.assign(buffer.data(), length);
-    return result;
+    if (!::GetComputerNameExW(ComputerNameNetBIOS, buffer.data(), &length))
+        return Status::System(::GetLastError(), L"GetComputerNameExW");
+    return std::wstring(buffer.data(), length);
 }
 
 }  // namespace os

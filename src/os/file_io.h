@@ -2,12 +2,14 @@
 // Opening, reading and replacing files by wide path. The replace and append
 // protocols are written once (file_io.cpp) over each system's steps
 // (file_io_steps.h).
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "os/status.h"
+#include "qv/status.h"
 
 namespace os {
 
@@ -21,16 +23,14 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 // `mode` as for fopen ("rb", "ab", ...); null on failure.
 FilePtr OpenFile(const std::wstring& path, const wchar_t* mode);
 
-enum class ReadResult {
-    kRead,     // `bytes` holds the whole file
-    kMissing,  // neither the file nor its folder exists
-    kFailed,   // it exists (or may) but could not be read; `error` says why
-};
+// The code of a read that failed because neither the file nor its folder
+// exists: apart from every other failure, whose code is the system's error.
+inline constexpr int32_t kFileMissing = qv::status::kPathNotFound;
 
-// Reads the whole file at `path` into `bytes`. `error` (when given) receives
-// a description of the failure for kFailed, naming the system's reason. Any
+// Reads the whole file at `path`. A failure's message names the path and the
+// system's reason; its code is kFileMissing when the file is missing. Any
 // thread.
-ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstring* error = nullptr);
+Expected<std::string> ReadWholeFile(const std::wstring& path);
 
 // Replaces the file at `path` with `bytes` so that, whatever instant the
 // process or the machine stops at, `path` holds either its old content or

@@ -22,8 +22,9 @@ FilePtr OpenFile(const std::wstring& path, const wchar_t* mode) {
 
 namespace {
 
-void Describe(std::wstring* error, const wchar_t* what, const std::wstring& path, int code) {
-    if (error) *error = file_steps::Describe(what, path, static_cast<file_steps::ErrorCode>(code));
+Status Failed(const wchar_t* what, const std::wstring& path, int code) {
+    const int32_t status = code == ENOENT ? kFileMissing : static_cast<int32_t>(code);
+    return Status::Failure(status, file_steps::Describe(what, path, static_cast<file_steps::ErrorCode>(code)));
 }
 
 class Descriptor {
@@ -44,34 +45,23 @@ private:
 
 }  // namespace
 
-ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstring* error) {
-    bytes.clear();
+Expected<std::string> ReadWholeFile(const std::wstring& path) {
     const auto narrow = WideToUtf8(path);
-    if (!narrow || narrow->empty() || narrow->find('\0') != std::string::npos) {
-        Describe(error, L"reading", path, EINVAL);
-        return ReadResult::kFailed;
-    }
+    if (!narrow || narrow->empty() || narrow->find('\0') != std::string::npos) return Failed(L"reading", path, EINVAL);
     Descriptor file(::open(narrow->c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0) {
-        const int code = errno;
-        if (code == ENOENT) return ReadResult::kMissing;
-        Describe(error, L"opening", path, code);
-        return ReadResult::kFailed;
-    }
+    if (file.get() < 0) return Failed(L"opening", path, errno);
+    std::string bytes;
     char buffer[64 * 1024];
     for (;;) {
         const ssize_t got = ::read(file.get(), buffer, sizeof buffer);
         if (got == 0) break;
         if (got < 0) {
             if (errno == EINTR) continue;
-            const int code = errno;
-            bytes.clear();
-            Describe(error, L"reading", path, code);
-            return ReadResult::kFailed;
+            return Failed(L"reading", path, errno);
         }
         bytes.append(buffer, static_cast<size_t>(got));
     }
-    return ReadResult::kRead;
+    return bytes;
 }
 
 namespace file_steps {

@@ -14,8 +14,9 @@ FilePtr OpenFile(const std::wstring& path, const wchar_t* mode) {
 
 namespace {
 
-void Describe(std::wstring* error, const wchar_t* what, const std::wstring& path, DWORD code) {
-    if (error) *error = file_steps::Describe(what, path, code);
+Status Failed(const wchar_t* what, const std::wstring& path, DWORD code) {
+    const bool missing = code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND;
+    return Status::Failure(missing ? kFileMissing : static_cast<int32_t>(code), file_steps::Describe(what, path, code));
 }
 
 class Handle {
@@ -39,33 +40,21 @@ bool BadPath(const std::wstring& path) { return path.empty() || path.find(L'\0')
 
 }  // namespace
 
-ReadResult ReadWholeFile(const std::wstring& path, std::string& bytes, std::wstring* error) {
-    bytes.clear();
-    if (BadPath(path)) {
-        Describe(error, L"reading", path, ERROR_INVALID_PARAMETER);
-        return ReadResult::kFailed;
-    }
+Expected<std::string> ReadWholeFile(const std::wstring& path) {
+    if (BadPath(path)) return Failed(L"reading", path, ERROR_INVALID_PARAMETER);
     Handle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file.valid()) {
-        const DWORD code = ::GetLastError();
-        if (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND) return ReadResult::kMissing;
-        Describe(error, L"opening", path, code);
-        return ReadResult::kFailed;
-    }
+    if (!file.valid()) return Failed(L"opening", path, ::GetLastError());
+    std::string bytes;
     char buffer[64 * 1024];
     for (;;) {
         DWORD got = 0;
-        if (!::ReadFile(file.get(), buffer, sizeof buffer, &got, nullptr)) {
-            const DWORD code = ::GetLastError();
-            bytes.clear();
-            Describe(error, L"reading", path, code);
-            return ReadResult::kFailed;
-        }
+        if (!::ReadFile(file.get(), buffer, sizeof buffer, &got, nullptr))
+            return Failed(L"reading", path, ::GetLastError());
         if (got == 0) break;
         bytes.append(buffer, got);
     }
-    return ReadResult::kRead;
+    return bytes;
 }
 
 namespace file_steps {

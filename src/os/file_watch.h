@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "os/status.h"
+#include "qv/status.h"
 
 namespace os {
 
@@ -27,11 +28,10 @@ class FolderWatch {
 public:
     using Id = uint64_t;
 
-    enum class AddResult {
-        kWatching,  // the folder is watched
-        kMissing,   // no such folder (absent, or not a folder)
-        kFailed,    // it exists but cannot be watched (limit reached, remote file system, ...)
-    };
+    // The code of an Add whose folder is missing (absent, or not a folder),
+    // apart from a folder that exists but cannot be watched (limit reached,
+    // remote file system, ...): that failure carries the system's error.
+    static constexpr int32_t kFolderMissing = qv::status::kPathNotFound;
 
     struct Change {
         Id id = 0;
@@ -55,9 +55,9 @@ public:
 
     virtual ~FolderWatch() = default;
 
-    // Starts watching `folder`. On success `id` names the watch in the
-    // reports until Remove; on failure `error` holds the reason.
-    virtual AddResult Add(const std::wstring& folder, Id& id, std::wstring& error) = 0;
+    // Starts watching `folder`: the id that names the watch in the reports
+    // until Remove, or the failure with the reason.
+    virtual Expected<Id> Add(const std::wstring& folder) = 0;
     // Ends watch `id` (one that is no longer known is ignored).
     virtual void Remove(Id id) = 0;
     // Waits up to `timeout` (forever when nullopt) for reports or Wake, and

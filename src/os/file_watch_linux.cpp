@@ -49,30 +49,27 @@ public:
         ::close(wake_);
     }
 
-    AddResult Add(const std::wstring& folder, Id& id, std::wstring& error) override {
+    Expected<Id> Add(const std::wstring& folder) override {
         const std::optional<std::string> narrow = WideToUtf8(folder);
-        if (!narrow || narrow->find('\0') != std::string::npos) {
-            error = L"the path cannot be handed to the system";
-            return AddResult::kFailed;
-        }
+        if (!narrow || narrow->find('\0') != std::string::npos)
+            return Status::Failure(qv::status::kInvalidParameter, L"the path cannot be handed to the system");
         const int descriptor = ::inotify_add_watch(inotify_, narrow->c_str(), kMask);
         if (descriptor < 0) {
             const int cause = errno;
-            error = ErrorText("inotify_add_watch", cause);
-            return cause == ENOENT || cause == ENOTDIR ? AddResult::kMissing : AddResult::kFailed;
+            const bool missing = cause == ENOENT || cause == ENOTDIR;
+            return Status::Failure(missing ? kFolderMissing : cause, ErrorText("inotify_add_watch", cause));
         }
         struct statfs info;
         if (::statfs(narrow->c_str(), &info) == 0 && IsRemoteFileSystem(info.f_type)) {
             // Two names of one folder share the descriptor; drop it only
             // when no other watch uses it.
             if (!owners_.count(descriptor)) ::inotify_rm_watch(inotify_, descriptor);
-            error = L"the folder lies on a network file system";
-            return AddResult::kFailed;
+            return Status::Failure(qv::status::kNotSupported, L"the folder lies on a network file system");
         }
-        id = ++lastId_;
+        const Id id = ++lastId_;
         descriptors_[id] = descriptor;
         owners_[descriptor].push_back(id);
-        return AddResult::kWatching;
+        return id;
     }
 
     void Remove(Id id) override {

@@ -13,8 +13,12 @@ constexpr DWORD kBufferBytes = 16 * 1024;
 // The completion key of a Wake; watches use their (non-zero) id.
 constexpr ULONG_PTR kWakeKey = 0;
 
-std::wstring ErrorText(const wchar_t* what, DWORD error) {
-    return std::wstring(what) + L" failed with error " + std::to_wstring(error);
+// The failure of the system call `what` with `error`; a `missing` folder
+// has the code kFolderMissing.
+enum class Missing { kNo, kYes };
+Status Failed(const wchar_t* what, DWORD error, Missing missing = Missing::kNo) {
+    const int32_t code = missing == Missing::kYes ? FolderWatch::kFolderMissing : static_cast<int32_t>(error);
+    return Status::Failure(code, std::wstring(what) + L" failed with error " + std::to_wstring(error));
 }
 
 // One watched folder: its handle and the read request in flight.
@@ -56,15 +60,13 @@ public:
         ::CloseHandle(port_);
     }
 
-    AddResult Add(const std::wstring& folder, Id& id, std::wstring& error) override {
+    Expected<Id> Add(const std::wstring& folder) override {
         const DWORD attributes = ::GetFileAttributesW(folder.c_str());
         if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY)) {
             const DWORD cause = attributes == INVALID_FILE_ATTRIBUTES ? ::GetLastError() : ERROR_DIRECTORY;
-            error = ErrorText(L"GetFileAttributesW", cause);
-            return cause == ERROR_FILE_NOT_FOUND || cause == ERROR_PATH_NOT_FOUND || cause == ERROR_DIRECTORY ||
-                           cause == ERROR_INVALID_NAME
-                       ? AddResult::kMissing
-                       : AddResult::kFailed;
+            const bool missing = cause == ERROR_FILE_NOT_FOUND || cause == ERROR_PATH_NOT_FOUND ||
+                                 cause == ERROR_DIRECTORY || cause == ERROR_INVALID_NAME;
+            return Failed(L"GetFileAttributesW", cause, missing ? Missing::kYes : Missing::kNo);
         }
         auto record = std::make_unique<Folder>();
         record->handle =
@@ -72,24 +74,23 @@ public:
                           nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr);
         if (record->handle == INVALID_HANDLE_VALUE) {
             const DWORD cause = ::GetLastError();
-            error = ErrorText(L"CreateFileW", cause);
-            return cause == ERROR_FILE_NOT_FOUND || cause == ERROR_PATH_NOT_FOUND ? AddResult::kMissing
-                                                                                  : AddResult::kFailed;
+            const bool missing = cause == ERROR_FILE_NOT_FOUND || cause == ERROR_PATH_NOT_FOUND;
+            return Failed(L"CreateFileW", cause, missing ? Missing::kYes : Missing::kNo);
         }
         const Id next = lastId_ + 1;
         if (!::CreateIoCompletionPort(record->handle, port_, static_cast<ULONG_PTR>(next), 0)) {
-            error = ErrorText(L"CreateIoCompletionPort", ::GetLastError());
+            const DWORD cause = ::GetLastError();
             ::CloseHandle(record->handle);
-            return AddResult::kFailed;
+            return Failed(L"CreateIoCompletionPort", cause);
         }
         if (!Read(*record)) {
-            error = ErrorText(L"ReadDirectoryChangesW", ::GetLastError());
+            const DWORD cause = ::GetLastError();
             ::CloseHandle(record->handle);
-            return AddResult::kFailed;
+            return Failed(L"ReadDirectoryChangesW", cause);
         }
-        id = lastId_ = next;
-        folders_[id] = std::move(record);
-        return AddResult::kWatching;
+        lastId_ = next;
+        folders_[next] = std::move(record);
+        return next;
     }
 
     void Remove(Id id) override {

@@ -2,22 +2,18 @@
 
 #include <utility>
 
+#include "qv/status.h"
+
 namespace os {
 
 LoadedModule::LoadedModule(LoadedModule&& other) noexcept
-    : handle_(std::exchange(other.handle_, nullptr)),
-      error_(std::move(other.error_)),
-      errorCode_(std::exchange(other.errorCode_, 0)) {
-    other.error_.clear();
-}
+    : handle_(std::exchange(other.handle_, nullptr)), status_(std::exchange(other.status_, Status::Ok())) {}
 
 LoadedModule& LoadedModule::operator=(LoadedModule&& other) noexcept {
     if (this != &other) {
         Reset();
         handle_ = std::exchange(other.handle_, nullptr);
-        error_ = std::move(other.error_);
-        other.error_.clear();
-        errorCode_ = std::exchange(other.errorCode_, 0);
+        status_ = std::exchange(other.status_, Status::Ok());
     }
     return *this;
 }
@@ -25,8 +21,9 @@ LoadedModule& LoadedModule::operator=(LoadedModule&& other) noexcept {
 LoadedModule LoadedModule::FromLoad(ModuleHandle handle) {
     LoadedModule loaded(handle);
     if (!handle) {
-        loaded.error_ = LastModuleError();
-        loaded.errorCode_ = LastModuleErrorCode();
+        const uint32_t code = LastModuleErrorCode();
+        loaded.status_ =
+            Status::Failure(code != 0 ? static_cast<int32_t>(code) : qv::status::kFunctionFailed, LastModuleError());
     }
     return loaded;
 }
@@ -41,8 +38,7 @@ LoadedModule LoadedModule::FindLoaded(const std::wstring& fileName) { return Loa
 
 void LoadedModule::Reset() noexcept {
     ReleaseModule(std::exchange(handle_, nullptr));
-    error_.clear();
-    errorCode_ = 0;
+    status_ = Status::Ok();
 }
 
 }  // namespace os

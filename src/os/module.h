@@ -4,6 +4,7 @@
 #include <string>
 
 #include "os/path.h"
+#include "os/status.h"
 
 namespace os {
 
@@ -67,12 +68,12 @@ public:
     Fn Function(const char* name) const noexcept {
         return reinterpret_cast<Fn>(FindSymbol(handle_, name));
     }
-    // Why the load failed, in the system's words, and the system's code (0
-    // where it gives none); "" and 0 when it did not fail.
-    const std::wstring& error() const noexcept { return error_; }
-    uint32_t errorCode() const noexcept { return errorCode_; }
+    // Why the load failed: the message is the system's words, the code the
+    // system's error, or kFunctionFailed where it gives none (Linux). Success
+    // when it did not fail.
+    const Status& status() const noexcept { return status_; }
 
-    // Releases the library now (nothing when empty) and forgets any error.
+    // Releases the library now (nothing when empty) and forgets any failure.
     void Reset() noexcept;
 
 private:
@@ -81,8 +82,7 @@ private:
     static LoadedModule FromLoad(ModuleHandle handle);
 
     ModuleHandle handle_ = nullptr;
-    std::wstring error_;
-    uint32_t errorCode_ = 0;
+    Status status_;
 };
 
 // Full path of the binary (executable or library) that contains `address`.

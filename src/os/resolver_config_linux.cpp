@@ -49,9 +49,9 @@ ResolverConfiguration ParseResolverConfiguration(std::string_view text) {
 }
 
 ResolverConfiguration ReadResolverConfiguration() {
-    std::string text;
-    if (ReadWholeFile(L"/etc/resolv.conf", text) != ReadResult::kRead) return {};
-    return ParseResolverConfiguration(text);
+    const Expected<std::string> text = ReadWholeFile(L"/etc/resolv.conf");
+    if (!text) return {};
+    return ParseResolverConfiguration(*text);
 }
 
 }  // namespace os

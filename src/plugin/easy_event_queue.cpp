@@ -14,21 +14,21 @@ namespace qv {
 class EasyEventQueue::detailEq::Tracker {
 public:
     void Add(const WorkItem* item) {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         items_.insert(item);
     }
     void Remove(const WorkItem* item) {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         items_.erase(item);
     }
     size_t Count() const {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         return items_.size();
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::set<const WorkItem*> items_;
+    mutable os::Mutex mutex_;
+    std::set<const WorkItem*> items_ CR_GUARDED_BY(mutex_);
 };
 
 // One posted callable. The host runs it at most once and then releases it,
@@ -73,7 +73,7 @@ EasyEventQueue::~EasyEventQueue() { Shutdown(); }
 
 int32_t EasyEventQueue::Init(IEventQueue* queue, std::wstring name) {
     if (!queue) return status::kInvalidParameter;
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     if (queue_) return status::kAlreadyExists;
     EqGroupHandle group = 0;
     const int32_t result = queue->CreateGroup(&group);
@@ -86,7 +86,7 @@ int32_t EasyEventQueue::Init(IEventQueue* queue, std::wstring name) {
 
 int32_t EasyEventQueue::Post(std::function<void()> fn, uint32_t delayMs, std::optional<uint32_t> second, EqItemId* id) {
     if (id) *id = 0;
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     if (!queue_) return status::kNotReady;
     auto* item = new detailEq::WorkItem(std::move(fn), pending_);
     // The host owns the item from here on, also when it refuses it.
@@ -97,7 +97,7 @@ void EasyEventQueue::Shutdown() {
     IEventQueue* queue = nullptr;
     EqGroupHandle group = 0;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         queue = std::exchange(queue_, nullptr);
         group = std::exchange(group_, 0);
     }
@@ -112,7 +112,7 @@ size_t EasyEventQueue::PendingCount() const { return pending_->Count(); }
 const std::wstring& EasyEventQueue::name() const { return name_; }
 
 bool EasyEventQueue::Initialized() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return queue_ != nullptr;
 }
 

@@ -15,10 +15,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "os/thread_annotations.h"
 #include "qv/event_queue.h"
 
 namespace qv {
@@ -54,16 +54,16 @@ public:
     bool Initialized() const;
 
 private:
-    std::wstring name_;
-    IEventQueue* queue_ = nullptr;
-    EqGroupHandle group_ = 0;
-    // The set of posted items still pending; shared with the items so that an
-    // item finishing after the client is gone touches nothing freed.
-    std::shared_ptr<detailEq::Tracker> pending_;
+    std::wstring name_;  // set by Init (the owner), before any Post
     // Guards queue_ and group_; held across a post so that Shutdown cannot
     // release the group while an item is being added to it. Never held while
     // the host releases items.
-    mutable std::mutex mutex_;
+    mutable os::Mutex mutex_;
+    IEventQueue* queue_ CR_GUARDED_BY(mutex_) = nullptr;
+    EqGroupHandle group_ CR_GUARDED_BY(mutex_) = 0;
+    // The set of posted items still pending; shared with the items so that an
+    // item finishing after the client is gone touches nothing freed.
+    std::shared_ptr<detailEq::Tracker> pending_;
 };
 
 }  // namespace qv

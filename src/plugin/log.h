@@ -46,7 +46,7 @@ public:
     // Why loading the library from the directory failed, in the system's
     // words; "" when it loaded, was already loaded or was not looked for.
     // Nothing can be logged about it, the library being the log.
-    const std::wstring& LoadError() const noexcept { return module_.error(); }
+    const std::wstring& LoadError() const noexcept { return module_.status().message(); }
     // True when "LogWrite" came from the library rather than the silent stand-in.
     bool WriterBound() const noexcept { return writeBound_; }
     // Number of the library's optional entry points that were found.

@@ -55,7 +55,10 @@ int32_t ConditionalRunnerAL::Init(IServMain* main) {
         logging::Log(logging::kError, kInit, L"EPSettings plugin not found. Cannot continue.");
         return qv::status::kDependencyNotFound;
     }
-    store_ = RunnerStore(settingsPlugin_.get());
+    {
+        os::RecursiveMutexLock lock(lock_);
+        store_ = RunnerStore(settingsPlugin_.get());
+    }
     if (!conditionManager_.GetPlugin(components)) {
         logging::Log(logging::kError, kInit, L"ConditionManager plugin not found. Cannot continue.");
         return qv::status::kDependencyNotFound;
@@ -90,7 +93,7 @@ int32_t ConditionalRunnerAL::Uninit() {
     eventQueue_.Close();
     std::list<RuleEntry> discarded;
     {
-        std::lock_guard lock(lock_);
+        os::RecursiveMutexLock lock(lock_);
         DetachFrom(rules_);
         discarded.swap(rules_);
         store_ = RunnerStore(nullptr);
@@ -106,7 +109,7 @@ int32_t ConditionalRunnerAL::Uninit() {
 
 int32_t ConditionalRunnerAL::LoadSettings() {
     logging::CallTrace trace(kLoadSettings);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     if (!conditionManager_) {
         logging::Log(logging::kError, kLoadSettings, L"Invalid ConditionManager ");
         return qv::status::kDependencyNotFound;
@@ -145,7 +148,7 @@ int32_t ConditionalRunnerAL::Start() {
     else
         signals_.RequestEvaluation(EvaluationTrigger::kStart);  // a first evaluation
     {
-        std::lock_guard lock(lock_);
+        os::RecursiveMutexLock lock(lock_);
         qv::List<Rule> lastRun;
         if (const int32_t status = store_.ReadLastRunRules(lastRun); status != 0) return status;
         std::vector<RulePtr> installed;
@@ -207,13 +210,13 @@ int32_t ConditionalRunnerAL::Stop() {
     }
     bool enabled = true;
     {
-        std::lock_guard lock(lock_);
+        os::RecursiveMutexLock lock(lock_);
         DetachFrom(rules_);
         enabled = !isDisabled_;
     }
     for (EndpointService::IControl* control : serviceControls_)
         static_cast<void>(control->UnregisterControl(this));  // refused only when never registered
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     return store_.SaveEnabled(enabled);
 }
 
@@ -250,7 +253,7 @@ int32_t ConditionalRunnerAL::UnregisterControl(EndpointService::IControl*) { ret
 
 int32_t ConditionalRunnerAL::GetSettings(Settings& settings) {
     logging::CallTrace trace(kGetSettings);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     settings.minEvalTime = postpone_.minEvalTime;
     settings.maxPostponeTime = postpone_.maxPostponeTime;
     return 0;
@@ -258,7 +261,7 @@ int32_t ConditionalRunnerAL::GetSettings(Settings& settings) {
 
 int32_t ConditionalRunnerAL::SetSettings(const Settings& settings) {
     logging::CallTrace trace(kSetSettings);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     postpone_.minEvalTime = settings.minEvalTime;
     postpone_.maxPostponeTime = settings.maxPostponeTime;
     return 0;

@@ -34,6 +34,7 @@
 #include "conditions/condition_queue.h"
 #include "conditions/manager_interface.h"
 #include "model/conditional_runner.h"
+#include "os/thread_annotations.h"
 #include "plugin/event_adaptor.h"
 #include "plugin/module_names.h"
 #include "plugin/serv_plugin.h"
@@ -155,12 +156,12 @@ private:
     int32_t SetRulesLocked(NewRules rules, qv::IList<RuleError>& errors, int32_t& remembered);
     int32_t SetRules(NewRules rules, qv::IList<RuleError>& errors);
     // Stores every method set that can be stored, in order; the first error.
-    int32_t SetMethodsLocked(const qv::IList<Method>& methodSets);
+    int32_t SetMethodsLocked(const qv::IList<Method>& methodSets) CR_REQUIRES(lock_);
     // Saves `lastRun_` as it is now; the error, logged by the store.
-    int32_t SaveLastRun();
+    int32_t SaveLastRun() CR_REQUIRES(lock_);
     int32_t LoadSettings();
     // Numbers `entries` and attaches the runner to their conditions.
-    void Install(std::list<RuleEntry>& entries);
+    void Install(std::list<RuleEntry>& entries) CR_REQUIRES(lock_);
     void AttachTo(std::list<RuleEntry>& entries);
     void DetachFrom(std::list<RuleEntry>& entries);
     // Asks for an evaluation and wakes a runner paused by a console update
@@ -172,22 +173,24 @@ private:
     // is unknown are counted in `unknownCount`, the first of them (as many as
     // the history lists) go to `unknownMethodSet`.
     std::vector<TrueRule> CollectTrueRules(bool invalidateCache, std::vector<std::wstring>& unknownMethodSet,
-                                           size_t& unknownCount);
+                                           size_t& unknownCount) CR_REQUIRES(lock_);
     // The ids of the rules whose condition says true now (cached), for a
     // pass that runs nothing.
-    std::vector<std::wstring> TrueRuleIds();
+    std::vector<std::wstring> TrueRuleIds() CR_REQUIRES(lock_);
     // The ids of the rules of `trueEntries`, shared with the last pass that
     // found the same rules true.
-    std::shared_ptr<const std::vector<std::wstring>> TrueIds(const std::vector<LastRun::Installed>& trueEntries);
+    std::shared_ptr<const std::vector<std::wstring>> TrueIds(const std::vector<LastRun::Installed>& trueEntries)
+        CR_REQUIRES(lock_);
     // Keeps `record` in the history, notRun filled with `reason` for each of `ids`.
-    void Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids, NotRunReason reason);
+    void Remember(EvaluationRecord& record, const std::vector<std::wstring>& ids, NotRunReason reason)
+        CR_REQUIRES(lock_);
     // Runs the method sets of `toRun` in order, all on one run thread, and
     // fills each run's status, response and output.
     // The rules of each run are those of runGroups_.
-    PassEnd RunAll(qv::List<MethodRunData>& toRun, bool& leftUnapplied);
+    PassEnd RunAll(qv::List<MethodRunData>& toRun, bool& leftUnapplied) CR_REQUIRES(lock_);
     // The policy runner's request for a method set, built from its stored
     // node; the reading's error when that cannot be read.
-    int32_t MakeRequest(const std::wstring& methodSetId, std::wstring& request);
+    int32_t MakeRequest(const std::wstring& methodSetId, std::wstring& request) CR_REQUIRES(lock_);
     void RunEvaluationThread();
     void ReleaseServiceControls();
 
@@ -197,17 +200,17 @@ private:
     qv::ServPlugin<Framework::IGroupsManager> groups_;
     std::vector<EndpointService::IControl*> serviceControls_;  // members of the group, held through groups_
 
-    std::recursive_mutex lock_;  // guards everything below but the subscribers and the atomics
-    std::list<RuleEntry> rules_;
-    MethodSets methodSets_;
-    LastRun lastRun_;
-    uint64_t nextSerial_ = 1;
-    uint64_t methodSetsVersion_ = 1;  // changes with every change of methodSets_
-    RunRequests requests_;            // valid for methodSets_ as of requestsVersion_
-    uint64_t requestsVersion_ = 0;
-    RunGroups runGroups_;  // the runs of the pass under way, the id lists of the last
-    bool isDisabled_ = false;
-    RunnerStore store_{nullptr};
+    os::RecursiveMutex lock_;  // guards the members marked so
+    std::list<RuleEntry> rules_ CR_GUARDED_BY(lock_);
+    MethodSets methodSets_ CR_GUARDED_BY(lock_);
+    LastRun lastRun_ CR_GUARDED_BY(lock_);
+    uint64_t nextSerial_ CR_GUARDED_BY(lock_) = 1;
+    uint64_t methodSetsVersion_ CR_GUARDED_BY(lock_) = 1;  // changes with every change of methodSets_
+    RunRequests requests_ CR_GUARDED_BY(lock_);            // valid for methodSets_ as of requestsVersion_
+    uint64_t requestsVersion_ CR_GUARDED_BY(lock_) = 0;
+    RunGroups runGroups_ CR_GUARDED_BY(lock_);  // the runs of the pass under way, the id lists of the last
+    bool isDisabled_ CR_GUARDED_BY(lock_) = false;
+    RunnerStore store_ CR_GUARDED_BY(lock_){nullptr};
 
     qv::SynchronyzedObjectContainer<IEvents*> subscribers_;
     OnMethodSetsRunEvent onMethodSetsRun_{subscribers_};
@@ -224,8 +227,8 @@ private:
     ConditionManager::ConditionQueue eventQueue_;
     EvaluationHistory history_;  // written by passes; read from any thread (its own mutex)
     // TrueIds' cache, used by passes only (the evaluation thread, under lock_).
-    std::vector<uint64_t> trueSerials_;                         // the serials TrueIds last listed
-    std::shared_ptr<const std::vector<std::wstring>> trueIds_;  // their ids
+    std::vector<uint64_t> trueSerials_ CR_GUARDED_BY(lock_);                         // the serials TrueIds last listed
+    std::shared_ptr<const std::vector<std::wstring>> trueIds_ CR_GUARDED_BY(lock_);  // their ids
     // Wall-clock ms of a retry scheduled; 0: none. Set by a pass, cleared by
     // the retry's pass, read by EvaluationStatus on any thread.
     std::atomic<int64_t> retryAtMs_{0};

@@ -91,7 +91,7 @@ const char* NotRunReasonText(NotRunReason reason) noexcept {
 }
 
 void EvaluationHistory::Record(EvaluationRecord record) {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     if (records_.size() == kCapacity) records_.pop_front();
     records_.push_back(std::move(record));
 }
@@ -99,7 +99,7 @@ void EvaluationHistory::Record(EvaluationRecord record) {
 Json::Value EvaluationHistory::ToJson() const {
     std::deque<EvaluationRecord> copy;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         copy = records_;
     }
     Json::Value list(Json::arrayValue);
@@ -108,13 +108,13 @@ Json::Value EvaluationHistory::ToJson() const {
 }
 
 std::optional<EvaluationRecord> EvaluationHistory::Last() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     if (records_.empty()) return std::nullopt;
     return records_.back();
 }
 
 size_t EvaluationHistory::size() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return records_.size();
 }
 

@@ -16,12 +16,13 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <json/value.h>
+
+#include "os/thread_annotations.h"
 
 namespace Product::Integration::ConditionalRunner {
 
@@ -91,8 +92,8 @@ public:
     size_t size() const;
 
 private:
-    mutable std::mutex mutex_;
-    std::deque<EvaluationRecord> records_;
+    mutable os::Mutex mutex_;
+    std::deque<EvaluationRecord> records_ CR_GUARDED_BY(mutex_);
 };
 
 }  // namespace Product::Integration::ConditionalRunner

@@ -177,7 +177,7 @@ void ConditionalRunnerAL::Remember(EvaluationRecord& record, const std::vector<s
 
 int32_t ConditionalRunnerAL::ReEvalRules() {
     logging::CallTrace trace(kReEvalRules);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     // A stopping runner starts nothing new, and a disabled one runs nothing,
     // also when the pass was already waiting for the lock as it changed.
     if (stopping_) return 0;

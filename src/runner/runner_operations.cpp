@@ -54,7 +54,7 @@ int32_t BuildCondition(ConditionManager::IManager& manager, const Rule& rule, in
 
 int32_t ConditionalRunnerAL::SetRulesLocked(NewRules rules, qv::IList<RuleError>& errors, int32_t& remembered) {
     logging::CallTrace trace(kSetRulesLocked);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     remembered = 0;
     if (!conditionManager_) return qv::status::kDependencyNotFound;
     // Every condition is built first. A rule whose condition cannot be built
@@ -110,7 +110,7 @@ int32_t ConditionalRunnerAL::TakeRules(qv::IList<Rule>& rules, qv::IList<RuleErr
 
 int32_t ConditionalRunnerAL::SetRules(NewRules rules, qv::IList<RuleError>& errors) {
     logging::CallTrace trace(kSetRules);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     int32_t remembered = 0;
     const int32_t status = SetRulesLocked(rules, errors, remembered);
     if (!transactionInProgress_) SignalEvaluation();
@@ -119,14 +119,14 @@ int32_t ConditionalRunnerAL::SetRules(NewRules rules, qv::IList<RuleError>& erro
 
 int32_t ConditionalRunnerAL::GetRules(qv::IList<Rule>& rules) {
     logging::CallTrace trace(kGetRules);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     for (const RuleEntry& entry : rules_)
         if (const int32_t status = rules.AddTail(entry.rule->rule()); status != 0) return status;
     return 0;
 }
 
 void ConditionalRunnerAL::SignalEvaluation() {
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     signals_.RequestEvaluation(EvaluationTrigger::kConsole);
     if (isDisabled_) {
         // A console update resumes a disabled runner, in memory only: the
@@ -140,7 +140,7 @@ int32_t ConditionalRunnerAL::SaveLastRun() { return store_.SaveRules(RunnerStore
 
 int32_t ConditionalRunnerAL::SetMethod(const Method& methodSet, bool signal) {
     logging::CallTrace trace(kSetMethod);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     if (!IsStorableMethodSetId(methodSet.id)) return qv::status::kInvalidParameter;
     // A changed method set runs again at the next pass in which one of its
     // rules is true, though the rules themselves did not change. The shorter
@@ -174,14 +174,14 @@ int32_t ConditionalRunnerAL::SetMethodsLocked(const qv::IList<Method>& methodSet
 
 int32_t ConditionalRunnerAL::GetMethodSet(const std::wstring& id, Method& methodSet) {
     logging::CallTrace trace(kGetMethodSet);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     if (methodSets_.find(id) == methodSets_.end()) return qv::status::kNotFound;
     return store_.ReadMethod(id, methodSet);
 }
 
 int32_t ConditionalRunnerAL::DeleteMethodSet(const std::wstring& id) {
     logging::CallTrace trace(kDeleteMethodSet);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     // Such an id was never stored, and its node name would be another's.
     if (!IsStorableMethodSetId(id)) return qv::status::kInvalidParameter;
     if (const int32_t status = store_.DeleteMethod(id); status != 0) return status;
@@ -192,7 +192,7 @@ int32_t ConditionalRunnerAL::DeleteMethodSet(const std::wstring& id) {
 
 int32_t ConditionalRunnerAL::DeleteAllMethodSets() {
     logging::CallTrace trace(kDeleteAllMethodSets);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     std::vector<std::wstring> removed;
     if (const int32_t status = store_.DeleteAllMethods(removed); status != 0) return status;
     // Memory follows the store: a set whose node could not be removed stays.
@@ -206,7 +206,7 @@ int32_t ConditionalRunnerAL::DeleteAllMethodSets() {
 
 int32_t ConditionalRunnerAL::GetMethodSetIds(qv::IList<std::wstring>& ids) {
     logging::CallTrace trace(kGetMethodSetIds);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     for (const auto& [id, methodSet] : methodSets_)
         if (const int32_t status = ids.AddTail(id); status != 0) return status;
     return 0;
@@ -215,7 +215,7 @@ int32_t ConditionalRunnerAL::GetMethodSetIds(qv::IList<std::wstring>& ids) {
 int32_t ConditionalRunnerAL::UpdateRulesAndMethods(const qv::IList<Rule>& rules, const qv::IList<Method>& methodSets,
                                                    qv::IList<RuleError>& errors) {
     logging::CallTrace trace(kUpdateRulesAndMethods);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     int32_t remembered = 0;
     int32_t status = SetRulesLocked(NewRules{.copyFrom = &rules}, errors, remembered);
     // Rules left out do not hold back the method sets; rules that could not
@@ -235,7 +235,7 @@ int32_t ConditionalRunnerAL::UpdateRulesAndMethods(const qv::IList<Rule>& rules,
 
 int32_t ConditionalRunnerAL::UpdateMethods(const qv::IList<Method>& methodSets) {
     logging::CallTrace trace(kUpdateMethods);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     const int32_t status = SetMethodsLocked(methodSets);
     if (!transactionInProgress_) SignalEvaluation();
     return status;
@@ -243,14 +243,14 @@ int32_t ConditionalRunnerAL::UpdateMethods(const qv::IList<Method>& methodSets) 
 
 int32_t ConditionalRunnerAL::BeginTransaction() {
     logging::CallTrace trace(kBeginTransaction);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     transactionInProgress_ = true;
     return 0;
 }
 
 int32_t ConditionalRunnerAL::EndTransaction() {
     logging::CallTrace trace(kEndTransaction);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     transactionInProgress_ = false;
     SignalEvaluation();
     return 0;
@@ -258,7 +258,7 @@ int32_t ConditionalRunnerAL::EndTransaction() {
 
 int32_t ConditionalRunnerAL::SetEnabled(bool enabled) {
     logging::CallTrace trace(kSetEnabled);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     // Stored before memory changes: a save that fails leaves the runner as
     // it was, and a crash right after the answer keeps what it told.
     if (enabled && isDisabled_) {
@@ -289,14 +289,14 @@ int32_t ConditionalRunnerAL::SetEnabled(bool enabled) {
 
 int32_t ConditionalRunnerAL::IsEnabled(bool& enabled) {
     logging::CallTrace trace(kIsEnabled);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     enabled = !isDisabled_;
     return 0;
 }
 
 int32_t ConditionalRunnerAL::NavigateRulesById(const std::wstring& id, IRuleVisitor& visitor) {
     logging::CallTrace trace(kNavigateRulesById);
-    std::lock_guard lock(lock_);
+    os::RecursiveMutexLock lock(lock_);
     for (const RuleEntry& entry : rules_) {
         if (entry.rule->rule().id != id) continue;
         visitor.Visit(entry.rule->rule());

@@ -507,9 +507,9 @@ TEST_F(CrHostConsole, CommandLineAndStartFailuresHaveTheirExitStatus) {
         HostProcess host(Arguments());
         EXPECT_EQ(host.Finish(), 3);
         EXPECT_TRUE(ErrorMentions(host, "state.json")) << host.ErrorText();
-        std::string bytes;
-        ASSERT_EQ(os::ReadWholeFile(state_, bytes), os::ReadResult::kRead);
-        EXPECT_EQ(bytes, garbage);
+        const os::Expected<std::string> bytes = os::ReadWholeFile(state_);
+        ASSERT_TRUE(bytes);
+        EXPECT_EQ(*bytes, garbage);
     }
 }
 

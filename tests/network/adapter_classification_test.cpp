@@ -108,12 +108,7 @@ TEST(AdapterClassification, EverySnapshotRefreshesTheMacTableFirst) {
     os::AdapterRecord wireless = Adapter(L"Radio", V4(192, 168, 8, 20));
     wireless.ifType = os::if_type::kIeee80211;
     wireless.physicalAddress = kNetworkBytes;
-    options.readAdapters = [&] {
-        os::AdapterList list;
-        list.result = os::AdapterList::Result::kRead;
-        list.adapters = {wireless};
-        return list;
-    };
+    options.readAdapters = [&] { return os::Expected<os::Adapters>(os::Adapters{wireless}); };
     NetworkProvider provider(std::move(options));
     const Journal snapshot{L"Ovra.Network refresh", L"Ovra.OSInfo physical? 71 020000000002",
                            L"Ovra.Network mac? 020000000002"};

@@ -37,13 +37,10 @@ public:
         std::lock_guard lock(mutex_);
         adapters_ = std::move(adapters);
     }
-    os::AdapterList Read() {
+    os::Expected<os::Adapters> Read() {
         std::lock_guard lock(mutex_);
         ++reads_;
-        os::AdapterList list;
-        list.result = os::AdapterList::Result::kRead;
-        list.adapters = adapters_;
-        return list;
+        return adapters_;
     }
     int reads() {
         std::lock_guard lock(mutex_);
@@ -241,7 +238,9 @@ TEST(NetworkProvider, AFailedRegistrationOrWaitEndsTheListenerSaysSoAndKeepsTheS
 TEST(NetworkProvider, InitReportsTheSystemsErrorForEventsItCouldNotCreate) {
     testing_support::LogCapture log;
     NetworkProvider::Options options;
-    options.readAdapters = [] { return os::AdapterList{}; };
+    options.readAdapters = [] {
+        return os::Expected<os::Adapters>(os::Status::Failure(qv::status::kNoData, L"no adapters"));
+    };
     options.components = {};
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);

@@ -128,10 +128,11 @@ TEST(SystemSnapshot, TheListenerRunsItsTimedPassWithTheSystemsChangeSource) {
     NetworkProvider::Options options = SystemOptions(NoComponents());
     options.periodMs = 10;
     options.readAdapters = [&] {
-        os::AdapterList list = os::ReadAdapters();
+        os::Expected<os::Adapters> list = os::ReadAdapters();
+        if (!list) return list;
         std::lock_guard lock(mutex);
-        list.adapters.push_back(Adapter(L"Injected", V4(10, 99, 0, 1)));
-        list.adapters.back().dnsSuffix = suffix;
+        list->push_back(Adapter(L"Injected", V4(10, 99, 0, 1)));
+        list->back().dnsSuffix = suffix;
         return list;
     };
     NetworkProvider provider(std::move(options));

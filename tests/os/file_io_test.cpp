@@ -20,15 +20,15 @@ size_t EntriesIn(const std::wstring& folder) {
 TEST(FileIo, AtomicWriteCreatesThenReplacesAndLeavesOnlyTheFile) {
     testing_support::TempDir dir;
     const std::wstring path = dir.File(L"data.json");
-    std::string bytes;
-    EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kMissing);
+    EXPECT_EQ(os::ReadWholeFile(path).status().code(), os::kFileMissing);
     // Binary content of more than one read buffer, then shorter content.
     std::string large(size_t{200} * 1024, '\0');
     for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7);
     for (const std::string& content : {std::string("first"), large, std::string()}) {
         ASSERT_TRUE(os::WriteFileAtomically(path, content));
-        EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kRead);
-        EXPECT_EQ(bytes, content);
+        const os::Expected<std::string> bytes = os::ReadWholeFile(path);
+        ASSERT_TRUE(bytes) << os::WideToUtf8Lossy(bytes.status().message());
+        EXPECT_EQ(*bytes, content);
     }
     EXPECT_EQ(EntriesIn(dir.path()), 1u);
 }
@@ -38,11 +38,11 @@ TEST(FileIo, FailuresNameThePathAndLeaveNothingBehind) {
     const std::wstring inMissingFolder = dir.File(L"absent") + L"/data.json";
     const std::wstring folder = dir.File(L"folder");  // a folder where the file should be
     std::filesystem::create_directory(std::filesystem::path(folder));
-    std::string bytes;
-    std::wstring error;
-    EXPECT_EQ(os::ReadWholeFile(inMissingFolder, bytes), os::ReadResult::kMissing);
-    EXPECT_EQ(os::ReadWholeFile(folder, bytes, &error), os::ReadResult::kFailed);
-    EXPECT_NE(error.find(folder), std::wstring::npos) << error;
+    EXPECT_EQ(os::ReadWholeFile(inMissingFolder).status().code(), os::kFileMissing);
+    const os::Status unreadable = os::ReadWholeFile(folder).status();
+    EXPECT_FALSE(unreadable);
+    EXPECT_NE(unreadable.code(), os::kFileMissing);
+    EXPECT_NE(unreadable.message().find(folder), std::wstring::npos) << os::WideToUtf8Lossy(unreadable.message());
     for (const std::wstring& path : {inMissingFolder, folder}) {
         const os::Status written = os::WriteFileAtomically(path, "x");
         EXPECT_FALSE(written);
@@ -65,9 +65,9 @@ TEST(FileIo, AReadOnlyFileIsNeitherReplacedNorAppendedTo) {
     EXPECT_EQ(replaced.code(), qv::status::kAccessDenied);
     EXPECT_EQ(replaced.message(), L"writing " + path + L": the file is read-only");
     EXPECT_EQ(os::AppendDurably(path, "more\n"), replaced);
-    std::string bytes;
-    EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kRead);
-    EXPECT_EQ(bytes, "kept\n");
+    const os::Expected<std::string> bytes = os::ReadWholeFile(path);
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(*bytes, "kept\n");
     EXPECT_EQ(fs::status(fs::path(path)).permissions(), readOnly);
     EXPECT_EQ(EntriesIn(dir.path()), 1u);
     // The folder can still be emptied.

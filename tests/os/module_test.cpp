@@ -4,6 +4,7 @@
 
 #include "os/environment.h"
 #include "os/module.h"
+#include "os/utf8.h"
 #include "support/log_capture.h"
 
 TEST(Module, NeverSearchesForABareNameAndReportsMissingFiles) {
@@ -33,16 +34,16 @@ TEST(LoadedModule, HoldsTheLibraryUntilItsLastHandleGoesAndKeepsTheReasonOfAFail
     testing_support::TempDir empty;
     const os::LoadedModule missing = os::LoadedModule::Load(empty.File(name));
     EXPECT_FALSE(missing);
-    EXPECT_FALSE(missing.error().empty());
+    EXPECT_FALSE(missing.status());
+    EXPECT_FALSE(missing.status().message().empty());
     EXPECT_EQ(missing.Function<void (*)()>("LogWrite"), nullptr);
-    const std::wstring reason = missing.error();
+    const os::Status reason = missing.status();
     {
         os::LoadedModule loaded = os::LoadedModule::Load(os::JoinPath(testing_support::ProgramDirectory(), name));
-        ASSERT_TRUE(loaded) << loaded.error();
-        EXPECT_EQ(loaded.error(), L"");
-        EXPECT_EQ(loaded.errorCode(), 0u);
+        ASSERT_TRUE(loaded) << os::WideToUtf8Lossy(loaded.status().message());
+        EXPECT_EQ(loaded.status(), os::Status::Ok());
         // A later load on the thread leaves what the failed one carries.
-        EXPECT_EQ(missing.error(), reason);
+        EXPECT_EQ(missing.status(), reason);
         EXPECT_NE(loaded.Function<void (*)()>("LogWrite"), nullptr);
         const os::LoadedModule moved = std::move(loaded);
         EXPECT_FALSE(loaded);  // NOLINT(bugprone-use-after-move): the moved-from state is tested
@@ -52,7 +53,7 @@ TEST(LoadedModule, HoldsTheLibraryUntilItsLastHandleGoesAndKeepsTheReasonOfAFail
     // Given back with its last handle.
     const os::LoadedModule after = os::LoadedModule::FindLoaded(name);
     EXPECT_FALSE(after);
-    EXPECT_EQ(after.error(), L"");
+    EXPECT_EQ(after.status(), os::Status::Ok());
 }
 
 TEST(Module, KnowsWhereTheRunningBinaryLives) {

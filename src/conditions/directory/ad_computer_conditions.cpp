@@ -55,20 +55,20 @@ void ConditionADComputerGroupsBase::Uninit() {
 
 int32_t ConditionADComputerGroupsBase::GetState(bool* state, bool) {
     if (!state) return qv::status::kInvalidParameter;
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     *state = state_;
     return 0;
 }
 
 uint64_t ConditionADComputerGroupsBase::ReportsSeen() {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return reports_;
 }
 
 void ConditionADComputerGroupsBase::ApplyRead(bool result, uint64_t reportsBefore, bool notify) {
     bool changed = false;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         if (reports_ != reportsBefore) return;  // a newer report has decided
         changed = state_ != result;
         state_ = result;
@@ -79,7 +79,7 @@ void ConditionADComputerGroupsBase::ApplyRead(bool result, uint64_t reportsBefor
 void ConditionADComputerGroupsBase::ApplyReport(bool result) {
     bool changed = false;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         ++reports_;
         changed = state_ != result;
         state_ = result;

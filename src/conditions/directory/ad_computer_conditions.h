@@ -16,11 +16,11 @@
 // sent after it is released. Nothing thrown leaves a report's callback.
 // Uninit unregisters from the computer manager.
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "conditions/condition_base.h"
+#include "os/thread_annotations.h"
 #include "qv/computer_manager.h"
 
 namespace Product::Integration::ConditionManager {
@@ -69,10 +69,10 @@ protected:
     static int32_t LoadTarget(const Json::Value& json, const wchar_t* name, std::wstring& out);
 
 private:
-    bool state_ = false;
-    uint64_t reports_ = 0;  // change reports applied; guarded by mutex_
-    std::mutex mutex_;
-    bool registered_ = false;  // owner's thread only
+    os::Mutex mutex_;
+    bool state_ CR_GUARDED_BY(mutex_) = false;
+    uint64_t reports_ CR_GUARDED_BY(mutex_) = 0;  // change reports applied
+    bool registered_ = false;                     // owner's thread only
 };
 
 class ConditionADComputerGroup final : public ConditionADComputerGroupsBase {

@@ -83,24 +83,24 @@ void ConditionADBase::Uninit() {
 
 int32_t ConditionADBase::GetState(bool* state, bool) {
     if (!state) return qv::status::kInvalidParameter;
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     *state = state_;
     return 0;
 }
 
 bool ConditionADBase::CurrentState() {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return state_;
 }
 
 void ConditionADBase::ComputeState(bool reload) {
     logging::CallTrace trace(kComputeState);
     if (!reload) {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         return;
     }
     const uint64_t reportsBefore = [this] {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         return reports_;
     }();
     // The users are asked for only to be logged: without logging the list
@@ -114,7 +114,7 @@ void ConditionADBase::ComputeState(bool reload) {
     for (const UserInfo& user : users) anyMatch = Matches(user, Event::kLogOn) || anyMatch;
     if (!anyMatch) return;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         if (reports_ != reportsBefore) return;  // a newer report has decided
         if (state_) return;
         state_ = true;
@@ -125,7 +125,7 @@ void ConditionADBase::ComputeState(bool reload) {
 bool ConditionADBase::ApplyReport(bool newState) {
     bool changed = false;
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         ++reports_;
         changed = state_ != newState;
         state_ = newState;
@@ -192,7 +192,7 @@ int32_t ConditionADUserOU::LoadConditionData(const Json::Value& json) {
 bool ConditionADUserOU::Matches(const UserInfo& user, Event event) {
     const std::wstring key = os::UpperCase(user.sid);
     if (event == Event::kLogOff) {
-        std::lock_guard lock(loggedOnMutex_);
+        os::MutexLock lock(loggedOnMutex_);
         if (auto found = loggedOn_.find(key); found != loggedOn_.end()) {
             const bool below = found->second;
             loggedOn_.erase(found);
@@ -201,7 +201,7 @@ bool ConditionADUserOU::Matches(const UserInfo& user, Event event) {
     }
     const bool below = IsUserPartOfOU(user);
     if (event == Event::kLogOn) {
-        std::lock_guard lock(loggedOnMutex_);
+        os::MutexLock lock(loggedOnMutex_);
         loggedOn_[key] = below;
     }
     return below;

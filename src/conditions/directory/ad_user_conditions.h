@@ -26,11 +26,11 @@
 // computation in progress).
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "conditions/condition_base.h"
 #include "conditions/condition_queue.h"
+#include "os/thread_annotations.h"
 #include "qv/user_manager.h"
 
 namespace Product::Integration::ConditionManager {
@@ -84,10 +84,10 @@ private:
     bool ApplyReport(bool newState);
     bool CurrentState();
 
-    bool state_ = false;
-    uint64_t reports_ = 0;  // matching reports applied; guarded by mutex_
-    std::mutex mutex_;
-    bool subscribed_ = false;  // owner's thread only
+    os::Mutex mutex_;
+    bool state_ CR_GUARDED_BY(mutex_) = false;
+    uint64_t reports_ CR_GUARDED_BY(mutex_) = 0;  // matching reports applied
+    bool subscribed_ = false;                     // owner's thread only
 };
 
 class ConditionADUser final : public ConditionADBase {
@@ -138,8 +138,8 @@ protected:
 
 private:
     std::wstring ouDn_;
-    std::mutex loggedOnMutex_;
-    std::map<std::wstring, bool> loggedOn_;  // upper-case SID -> below the OU; guarded by loggedOnMutex_
+    os::Mutex loggedOnMutex_;
+    std::map<std::wstring, bool> loggedOn_ CR_GUARDED_BY(loggedOnMutex_);  // upper-case SID -> below the OU
 };
 
 }  // namespace Product::Integration::ConditionManager

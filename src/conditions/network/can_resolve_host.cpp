@@ -64,7 +64,7 @@ int32_t ConditionCanResolveHost::GetState(bool* state, bool recompute) {
     logging::CallTrace trace(kGetState);
     if (!state) return qv::status::kInvalidParameter;
     if (recompute) resolver_.Refresh(this, SharedResolver::Reason::kValueRequest);
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     *state = value_;
     return 0;
 }
@@ -78,7 +78,7 @@ int32_t ConditionCanResolveHost::OnNetworkStateChanged() {
 void ConditionCanResolveHost::OnResolved(const SharedResolver::Resolution& resolution) {
     const bool resolves = resolution.resolves();
     {
-        std::lock_guard lock(mutex_);
+        os::MutexLock lock(mutex_);
         last_ = resolution;
         if (value_ == resolves) return;
         value_ = resolves;
@@ -89,7 +89,7 @@ void ConditionCanResolveHost::OnResolved(const SharedResolver::Resolution& resol
 }
 
 Json::Value ConditionCanResolveHost::Observed() {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     Json::Value observed(Json::objectValue);
     observed["name"] = os::WideToUtf8Lossy(hostName_);
     observed["resolves"] = value_;

@@ -23,7 +23,6 @@
 // notification in progress) and releases its start; it must not run on the
 // provider's listener thread.
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -31,6 +30,7 @@
 #include "conditions/dependencies.h"
 #include "conditions/network/shared_resolver.h"
 #include "network/network_provider_interface.h"
+#include "os/thread_annotations.h"
 
 namespace Product::Integration::ConditionManager {
 
@@ -70,9 +70,9 @@ private:
 
     SharedResolver& resolver_;
     std::wstring hostName_;
-    std::mutex mutex_;  // guards value_ and last_
-    bool value_ = false;
-    std::optional<SharedResolver::Resolution> last_;  // the last answer
+    os::Mutex mutex_;
+    bool value_ CR_GUARDED_BY(mutex_) = false;
+    std::optional<SharedResolver::Resolution> last_ CR_GUARDED_BY(mutex_);  // the last answer
     bool started_ = false;
     bool subscribed_ = false;
     bool asking_ = false;  // subscribed to the resolver

@@ -28,18 +28,18 @@ SharedResolver::SharedResolver(Options options)
       maxThreads_(std::max<size_t>(1, options.maxThreads)) {}
 
 SharedResolver::~SharedResolver() {
-    std::unique_lock lock(mutex_);
+    os::UniqueLock lock(mutex_);
     ++generation_;
     free_ = 0;
     changed_.notify_all();
     std::unordered_map<std::thread::id, std::thread> threads = std::move(live_);
     live_.clear();
     JoinEnded();
-    lock.unlock();
+    lock.Unlock();
     for (auto& [id, thread] : threads) thread.join();
-    lock.lock();
+    lock.Lock();
     // Threads let go earlier may still be on their way out.
-    changed_.wait(lock, [this] { return threads_ == 0; });
+    while (threads_ != 0) lock.Wait(changed_);
     JoinEnded();
 }
 
@@ -70,7 +70,7 @@ SharedResolver& SharedResolver::Shared() {
 
 bool SharedResolver::Subscribe(Subscriber* subscriber, const std::wstring& name) {
     if (!subscriber) return false;
-    std::unique_lock lock(mutex_);
+    os::MutexLock lock(mutex_);
     if (nameOf_.count(subscriber)) return false;
     const auto [entry, added] = names_.try_emplace(name);
     Name& asked = entry->second;
@@ -92,7 +92,7 @@ bool SharedResolver::Subscribe(Subscriber* subscriber, const std::wstring& name)
 }
 
 void SharedResolver::Unsubscribe(Subscriber* subscriber) {
-    std::unique_lock lock(mutex_);
+    os::UniqueLock lock(mutex_);
     const auto found = nameOf_.find(subscriber);
     if (found == nameOf_.end()) return;
     const auto entry = names_.find(found->second);
@@ -103,14 +103,18 @@ void SharedResolver::Unsubscribe(Subscriber* subscriber) {
     if (asked.subscribers.empty() && !asked.inFlight) names_.erase(entry);
     if (calledHere != subscriber && calling_.count(subscriber)) {
         ++waiting_;
-        changed_.wait(lock, [&] { return calling_.count(subscriber) == 0; });
+        while (calling_.count(subscriber) != 0) lock.Wait(changed_);
         --waiting_;
     }
-    if (nameOf_.empty()) Release(lock);
+    if (nameOf_.empty()) {
+        Released released = ReleaseLocked();
+        lock.Unlock();
+        FinishRelease(std::move(released));
+    }
 }
 
 void SharedResolver::Refresh(Subscriber* subscriber, Reason reason) {
-    std::unique_lock lock(mutex_);
+    os::MutexLock lock(mutex_);
     const auto found = nameOf_.find(subscriber);
     if (found == nameOf_.end()) return;
     Name& asked = names_.at(found->second);
@@ -127,7 +131,7 @@ void SharedResolver::Refresh(Subscriber* subscriber, Reason reason) {
 }
 
 size_t SharedResolver::Threads() const {
-    std::lock_guard lock(mutex_);
+    os::MutexLock lock(mutex_);
     return threads_;
 }
 
@@ -152,7 +156,7 @@ bool SharedResolver::Staff() {
 }
 
 void SharedResolver::Run(uint64_t generation) {
-    std::unique_lock lock(mutex_);
+    os::UniqueLock lock(mutex_);
     while (generation_ == generation) {
         const auto entry = FindDue(std::chrono::steady_clock::now());
         if (entry != names_.end()) {
@@ -161,7 +165,7 @@ void SharedResolver::Run(uint64_t generation) {
             entry->second.again = false;
             // Someone else watches the clock and takes the next name meanwhile.
             static_cast<void>(Staff());
-            Ask(lock, entry);
+            Ask(entry);
             if (generation_ != generation) break;
             ++free_;
             continue;
@@ -173,9 +177,9 @@ void SharedResolver::Run(uint64_t generation) {
         }
         const auto next = NextDue();
         if (next == std::chrono::steady_clock::time_point::max())
-            changed_.wait(lock);
+            lock.Wait(changed_);
         else
-            changed_.wait_until(lock, next);
+            static_cast<void>(lock.WaitUntil(changed_, next));
     }
     --threads_;
     // A place under the limit is free again, for a name waiting for one.
@@ -189,15 +193,16 @@ void SharedResolver::Run(uint64_t generation) {
     changed_.notify_all();
 }
 
-void SharedResolver::Ask(std::unique_lock<std::mutex>& lock, Names::iterator entry) {
+void SharedResolver::Ask(Names::iterator entry) {
     // The entry stays while it is in flight: nothing else erases it.
     const std::wstring& name = entry->first;
     Name& asked = entry->second;
-    lock.unlock();
     Resolution resolution;
-    resolution.askedAt = std::chrono::system_clock::now();
-    resolution.answer = resolve_(name);
-    lock.lock();
+    {
+        const os::MutexUnlock unlocked(mutex_);
+        resolution.askedAt = std::chrono::system_clock::now();
+        resolution.answer = resolve_(name);
+    }
     asked.delivering = true;
     const std::vector<Subscriber*> receivers = asked.subscribers;
     for (Subscriber* subscriber : receivers) {
@@ -205,11 +210,12 @@ void SharedResolver::Ask(std::unique_lock<std::mutex>& lock, Names::iterator ent
         if (std::find(asked.subscribers.begin(), asked.subscribers.end(), subscriber) == asked.subscribers.end())
             continue;
         calling_.insert(subscriber);
-        lock.unlock();
-        calledHere = subscriber;
-        subscriber->OnResolved(resolution);
-        calledHere = nullptr;
-        lock.lock();
+        {
+            const os::MutexUnlock unlocked(mutex_);
+            calledHere = subscriber;
+            subscriber->OnResolved(resolution);
+            calledHere = nullptr;
+        }
         calling_.erase(subscriber);
         if (waiting_ > 0) changed_.notify_all();
     }
@@ -241,42 +247,47 @@ std::chrono::steady_clock::time_point SharedResolver::NextDue() const {
     return next;
 }
 
-void SharedResolver::Release(std::unique_lock<std::mutex>& lock) {
+SharedResolver::Released SharedResolver::ReleaseLocked() {
     ++generation_;
     free_ = 0;
     changed_.notify_all();
+    Released released;
     // What is left are names still in flight, none of them subscribed.
     if (!names_.empty()) {
-        const size_t asking = names_.size();
+        released.asking = names_.size();
         for (auto& [id, thread] : live_) thread.detach();
         live_.clear();
         JoinEnded();
-        lock.unlock();
+        return released;
+    }
+    // Every thread is idle: each ends as soon as it sees the new generation.
+    released.idle = std::move(live_);
+    live_.clear();
+    JoinEnded();
+    return released;
+}
+
+void SharedResolver::FinishRelease(Released released) {
+    if (released.asking > 0) {
         const bool pinned = os::PinModuleOf(&kInThisModule);
         logging::Log(logging::kDetail, kRelease,
                      L"%u DNS question(s) still in progress: their threads end on their own (module %s)",
-                     static_cast<unsigned>(asking), pinned ? L"kept loaded" : L"not pinned");
+                     static_cast<unsigned>(released.asking), pinned ? L"kept loaded" : L"not pinned");
         return;
     }
-    // Every thread is idle: each ends as soon as it sees the new generation.
-    std::unordered_map<std::thread::id, std::thread> threads = std::move(live_);
-    live_.clear();
-    JoinEnded();
-    lock.unlock();
-    for (auto& [id, thread] : threads) {
+    for (auto& [id, thread] : released.idle) {
         if (id == std::this_thread::get_id())
             thread.detach();
         else
             thread.join();
     }
     // Idle now: give back the tables' memory (clear() keeps their buckets).
-    lock.lock();
+    os::MutexLock lock(mutex_);
     if (nameOf_.empty() && names_.empty()) {
         decltype(nameOf_)().swap(nameOf_);
         decltype(calling_)().swap(calling_);
         decltype(ended_)().swap(ended_);
     }
-    lock.unlock();
 }
 
 void SharedResolver::JoinEnded() {

@@ -58,12 +58,13 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
+
+#include "os/thread_annotations.h"
 
 namespace Product::Integration::ConditionManager {
 
@@ -144,35 +145,48 @@ private:
     };
     using Names = std::map<std::wstring, Name>;
 
-    void Run(uint64_t generation);
-    // Asks `entry`'s name and delivers the answer; called and returns with `lock` held.
-    void Ask(std::unique_lock<std::mutex>& lock, Names::iterator entry);
+    // The threads the last subscriber's leaving ends: to join, or let go
+    // with their questions.
+    struct Released {
+        std::unordered_map<std::thread::id, std::thread> idle;  // to join
+        size_t asking = 0;                                      // names still in flight, their threads let go
+    };
+
+    void Run(uint64_t generation) CR_EXCLUDES(mutex_);
+    // Asks `entry`'s name and delivers the answer; lets the lock go while it
+    // asks and while a subscriber is called.
+    void Ask(Names::iterator entry) CR_REQUIRES(mutex_);
     // A name whose question is due and not in flight, or end().
-    Names::iterator FindDue(std::chrono::steady_clock::time_point now);
-    std::chrono::steady_clock::time_point NextDue() const;
+    Names::iterator FindDue(std::chrono::steady_clock::time_point now) CR_REQUIRES(mutex_);
+    std::chrono::steady_clock::time_point NextDue() const CR_REQUIRES(mutex_);
     // Starts a thread when no thread of the current generation is free to
     // take the next question and the limit allows. False when none could start.
-    bool Staff();
-    // The last subscriber left: ends the current threads (see above).
-    void Release(std::unique_lock<std::mutex>& lock);
-    // Joins the threads that left their loop; under the lock.
-    void JoinEnded();
+    bool Staff() CR_REQUIRES(mutex_);
+    // The last subscriber left: tells the current threads to end (see above)
+    // and hands over the ones to join once the lock is let go...
+    Released ReleaseLocked() CR_REQUIRES(mutex_);
+    // ... which this does, without the lock.
+    void FinishRelease(Released released) CR_EXCLUDES(mutex_);
+    // Joins the threads that left their loop.
+    void JoinEnded() CR_REQUIRES(mutex_);
 
     const ResolveFunction resolve_;
     const std::chrono::milliseconds period_;
     const size_t maxThreads_;
 
-    mutable std::mutex mutex_;
+    mutable os::Mutex mutex_;
     std::condition_variable changed_;  // work came due, a call ended, a thread ended or is to end
-    Names names_;
-    std::unordered_map<Subscriber*, std::wstring> nameOf_;
-    std::unordered_set<Subscriber*> calling_;                // whose OnResolved runs now
-    std::unordered_map<std::thread::id, std::thread> live_;  // joinable threads of this object
-    std::vector<std::thread> ended_;                         // threads that left their loop, to join
-    uint64_t generation_ = 0;                                // changes whenever the current threads are told to end
-    size_t threads_ = 0;                                     // threads running, of every generation
-    size_t free_ = 0;                                        // threads of the current generation not in a question
-    size_t waiting_ = 0;                                     // Unsubscribe calls waiting for a call to end
+    Names names_ CR_GUARDED_BY(mutex_);
+    std::unordered_map<Subscriber*, std::wstring> nameOf_ CR_GUARDED_BY(mutex_);
+    std::unordered_set<Subscriber*> calling_ CR_GUARDED_BY(mutex_);  // whose OnResolved runs now
+    // Joinable threads of this object.
+    std::unordered_map<std::thread::id, std::thread> live_ CR_GUARDED_BY(mutex_);
+    std::vector<std::thread> ended_ CR_GUARDED_BY(mutex_);  // threads that left their loop, to join
+    // Changes whenever the current threads are told to end.
+    uint64_t generation_ CR_GUARDED_BY(mutex_) = 0;
+    size_t threads_ CR_GUARDED_BY(mutex_) = 0;  // threads running, of every generation
+    size_t free_ CR_GUARDED_BY(mutex_) = 0;     // threads of the current generation not in a question
+    size_t waiting_ CR_GUARDED_BY(mutex_) = 0;  // Unsubscribe calls waiting for a call to end
 };
 
 }  // namespace Product::Integration::ConditionManager

@@ -8,6 +8,8 @@
 
 #include "host/settings/journal.h"
 #include "host/settings/value_entry.h"
+#include "os/utf8.h"
+#include "qv/status.h"
 
 namespace {
 
@@ -37,6 +39,8 @@ std::map<std::wstring, std::string> Entries(const Changes& changes) {
 
 std::string WithoutBreak(const std::string& line) { return line.substr(0, line.size() - 1); }
 
+std::string Narrow(const std::wstring& text) { return os::WideToUtf8Lossy(text); }
+
 }  // namespace
 
 TEST(SettingsJournal, ARecordDecodesToTheCommitItEncodes) {
@@ -48,18 +52,17 @@ TEST(SettingsJournal, ARecordDecodesToTheCommitItEncodes) {
     EXPECT_EQ(line.find('\n'), line.size() - 1);
     EXPECT_EQ(FindJournal(line), 0u);
 
-    Segments segments{L"stale"};
-    Changes decoded;
-    std::wstring why;
-    ASSERT_TRUE(DecodeRecord(WithoutBreak(line), segments, decoded, why)) << why;
-    EXPECT_EQ(segments, at);
-    EXPECT_EQ(Entries(decoded), Entries(changes));
-    EXPECT_EQ(decoded.removed, changes.removed);
+    const os::Expected<Record> decoded = DecodeRecord(WithoutBreak(line));
+    ASSERT_TRUE(decoded) << Narrow(decoded.status().message());
+    EXPECT_EQ(decoded->segments, at);
+    EXPECT_EQ(Entries(decoded->changes), Entries(changes));
+    EXPECT_EQ(decoded->changes.removed, changes.removed);
 
     // The root itself, with nothing changed.
-    ASSERT_TRUE(DecodeRecord(WithoutBreak(EncodeRecord({}, Changes())), segments, decoded = Changes(), why)) << why;
-    EXPECT_TRUE(segments.empty());
-    EXPECT_TRUE(decoded.values.empty());
+    const os::Expected<Record> root = DecodeRecord(WithoutBreak(EncodeRecord({}, Changes())));
+    ASSERT_TRUE(root) << Narrow(root.status().message());
+    EXPECT_TRUE(root->segments.empty());
+    EXPECT_TRUE(root->changes.values.empty());
 }
 
 TEST(SettingsJournal, ARecordWhoseChecksumDoesNotMatchIsRefusedWithTheReason) {
@@ -68,15 +71,11 @@ TEST(SettingsJournal, ARecordWhoseChecksumDoesNotMatchIsRefusedWithTheReason) {
     const size_t at = line.find("gone");
     ASSERT_NE(at, std::string::npos);
     line[at + 1] = 'i';
-    Segments segments;
-    Changes changes;
-    std::wstring why;
-    EXPECT_FALSE(DecodeRecord(line, segments, changes, why));
-    EXPECT_EQ(why, L"its checksum does not match");
+    const os::Status mismatch = DecodeRecord(line).status();
+    EXPECT_EQ(mismatch.code(), qv::status::kInvalidDataType);
+    EXPECT_EQ(mismatch.message(), L"its checksum does not match");
 
-    why.clear();
-    EXPECT_FALSE(DecodeRecord("{\"values\":{}}", segments, changes, why));
-    EXPECT_EQ(why, L"not a journal line");
+    EXPECT_EQ(DecodeRecord("{\"values\":{}}").status().message(), L"not a journal line");
 }
 
 TEST(SettingsJournal, ARecordCutAtAnyByteIsNeverTakenAndOnlyALastLineIsDropped) {
@@ -88,16 +87,13 @@ TEST(SettingsJournal, ARecordCutAtAnyByteIsNeverTakenAndOnlyALastLineIsDropped) 
     for (size_t cut = 0; cut < line.size(); ++cut) {
         const std::string part = line.substr(0, cut);
         const bool whole = cut + 1 == line.size();
-        Segments segments;
-        Changes changes;
-        std::wstring why;
-        EXPECT_EQ(DecodeRecord(part, segments, changes, why), whole) << cut;
+        EXPECT_EQ(DecodeRecord(part).ok(), whole) << cut;
 
         // At the end of the journal: dropped, the commits before it applied.
         NodePtr root = std::make_shared<Node>();
-        const JournalRead tail = ReadJournal(first + part, 0, root, why);
-        EXPECT_FALSE(tail.damaged) << cut;
-        EXPECT_EQ(tail.droppedTail, !part.empty()) << cut;
+        const os::Expected<JournalRead> tail = ReadJournal(first + part, 0, root);
+        ASSERT_TRUE(tail) << cut;
+        EXPECT_EQ(tail->droppedTail, !part.empty()) << cut;
         ASSERT_TRUE(root->children.contains(L"A")) << cut;
         EXPECT_TRUE(root->children.at(L"A")->values.contains(L"text"));
         EXPECT_FALSE(root->children.at(L"A")->children.contains(L"B"));
@@ -105,14 +101,13 @@ TEST(SettingsJournal, ARecordCutAtAnyByteIsNeverTakenAndOnlyALastLineIsDropped) 
         // Followed by another line: damage, named by its line number.
         if (part.empty() || whole) continue;
         root = std::make_shared<Node>();
-        why.clear();
-        const JournalRead middle = ReadJournal(part + "\n" + first, 3, root, why);
-        EXPECT_TRUE(middle.damaged) << cut;
-        EXPECT_EQ(why.rfind(L"line 4: ", 0), 0u) << why;
+        const os::Status middle = ReadJournal(part + "\n" + first, 3, root).status();
+        EXPECT_FALSE(middle) << cut;
+        EXPECT_EQ(middle.message().rfind(L"line 4: ", 0), 0u) << Narrow(middle.message());
     }
     NodePtr root = std::make_shared<Node>();
-    std::wstring why;
-    const JournalRead whole = ReadJournal(first + line, 0, root, why);
-    EXPECT_FALSE(whole.damaged || whole.droppedTail) << why;
+    const os::Expected<JournalRead> whole = ReadJournal(first + line, 0, root);
+    ASSERT_TRUE(whole) << Narrow(whole.status().message());
+    EXPECT_FALSE(whole->droppedTail);
     EXPECT_EQ(root->children.at(L"A")->children.at(L"B")->values.count(L"v"), 1u);
 }

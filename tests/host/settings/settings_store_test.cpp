@@ -68,9 +68,9 @@ Names ChildrenOf(IEPSettingsNode& node) {
 }
 
 std::string Bytes(const std::wstring& path) {
-    std::string bytes;
-    EXPECT_EQ(os::ReadWholeFile(path, bytes), os::ReadResult::kRead);
-    return bytes;
+    os::Expected<std::string> bytes = os::ReadWholeFile(path);
+    EXPECT_TRUE(bytes);
+    return bytes ? std::move(*bytes) : std::string();
 }
 
 }  // namespace
