@@ -111,6 +111,7 @@ void WaitUntilSettled(FileWatcher& watcher, const TempDir& dir) {
     CreateFile(path);
     ASSERT_TRUE(sentinel.WaitForFlips(3));
     watcher.Unregister(&sentinel);
+    fs::remove(fs::path(path));  // ready for the next time
 }
 
 FileWatcher::Options Polling() {

@@ -11,7 +11,8 @@
 namespace {
 
 // Whether another thread could take `mutex` now (and gives it back at once).
-bool FreeForAnotherThread(os::Mutex& mutex) {
+template <class Mutex>
+bool FreeForAnotherThread(Mutex& mutex) {
     bool taken = false;
     std::thread([&] {
         if (!mutex.try_lock()) return;
@@ -73,15 +74,7 @@ TEST(Locks, AMutexUnlockLetsTheHeldMutexGoForItsScopeOnly) {
 
 TEST(Locks, ARecursiveMutexIsTakenAgainByItsHolderAndFreedByTheLastLock) {
     os::RecursiveMutex mutex;
-    auto freeForAnotherThread = [&] {
-        bool taken = false;
-        std::thread([&] {
-            if (!mutex.try_lock()) return;
-            taken = true;
-            mutex.unlock();
-        }).join();
-        return taken;
-    };
+    auto freeForAnotherThread = [&] { return FreeForAnotherThread(mutex); };
     // A function of its own, as a second lock within one function is what
     // the analysis reports.
     auto again = [&] {
