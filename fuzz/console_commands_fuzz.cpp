@@ -233,6 +233,22 @@ Json::Value SetJson(const SetItem& set) {
     return json;
 }
 
+// The items read from the first kMaxItems arguments, and the request
+// {key: [their JSON, ...]} that sends them.
+template <class Item>
+std::pair<std::vector<Item>, Json::Value> ItemsRequest(const char* key, const std::vector<std::wstring>& args,
+                                                       Item (*read)(const std::wstring&),
+                                                       Json::Value (*toJson)(const Item&)) {
+    std::pair<std::vector<Item>, Json::Value> out{{}, Json::Value(Json::objectValue)};
+    auto& [items, request] = out;
+    request[key] = Json::Value(Json::arrayValue);
+    for (size_t i = 0; i < args.size() && i < kMaxItems; ++i) {
+        items.push_back(read(args[i]));
+        request[key].append(toJson(items.back()));
+    }
+    return out;
+}
+
 // The host, the condition manager and a scratch folder, made once for the
 // whole run; a store, runner and agent made anew for every input.
 class Bench {
@@ -475,13 +491,7 @@ private:
     }
 
     void SetRules(const std::vector<std::wstring>& args) {
-        std::vector<RuleItem> rules;
-        Json::Value request(Json::objectValue);
-        request["rules"] = Json::Value(Json::arrayValue);
-        for (size_t i = 0; i < args.size() && i < kMaxItems; ++i) {
-            rules.push_back(ReadRuleItem(args[i]));
-            request["rules"].append(RuleJson(rules.back()));
-        }
+        const auto [rules, request] = ItemsRequest("rules", args, ReadRuleItem, RuleJson);
         Json::Value response;
         const int32_t got = bench_.Command(L"SetRules", request, response);
         const int32_t expected = ApplyRules(rules, response, "SetRules");
@@ -540,13 +550,7 @@ private:
     }
 
     void UpdateMethods(const std::vector<std::wstring>& args) {
-        std::vector<SetItem> sets;
-        Json::Value request(Json::objectValue);
-        request["methods"] = Json::Value(Json::arrayValue);
-        for (size_t i = 0; i < args.size() && i < kMaxItems; ++i) {
-            sets.push_back(ReadSetItem(args[i]));
-            request["methods"].append(SetJson(sets.back()));
-        }
+        const auto [sets, request] = ItemsRequest("methods", args, ReadSetItem, SetJson);
         Json::Value response;
         const int32_t got = bench_.Command(L"UpdateMethods", request, response);
         int32_t expected = status::kBadArguments;

@@ -29,9 +29,7 @@ class CrashSoak:
     def __init__(self, crhost, folder, rng, report, start_bound=60.0, answer_bound=30.0):
         self.crhost = crhost
         self.folder = folder
-        self.state = os.path.join(folder, "state.json")
-        self.files = os.path.join(folder, "files")
-        os.makedirs(self.files, exist_ok=True)
+        self.state, self.files = workload.scratch(folder)
         self.rng = rng
         self.report = report  # called with the text of each violation
         self.start_bound = start_bound

@@ -37,8 +37,14 @@ def elapsed(since):
     return f"{seconds // 60}m{seconds % 60:02d}s"
 
 
+def seed_of(args):
+    """The run's seed: the one given, or a new one (printed with the figures,
+    so that the run can be repeated)."""
+    return args.seed if args.seed is not None else random.randrange(1 << 32)
+
+
 def run_crash(args, folder):
-    seed = args.seed if args.seed is not None else random.randrange(1 << 32)
+    seed = seed_of(args)
     began = time.monotonic()
     f = crash.CrashSoak(args.crhost, folder, random.Random(seed), report).run(args.rounds)
     print(f"soak crash ({args.label}, seed {seed}): {f['rounds']} rounds "
@@ -53,7 +59,7 @@ def run_crash(args, folder):
 def run_storage(args, folder):
     import storage
     began = time.monotonic()
-    seed = args.seed if args.seed is not None else random.randrange(1 << 32)
+    seed = seed_of(args)
     f = storage.StorageSoak(args.crhost, folder, report).run(random.Random(seed))
     print(f"soak storage ({args.label}, seed {seed}): full disk {f['full_failed']} failed saves / {f['full_ok']} that fit, "
           f"immutable file {f['immutable_failed']} failed saves, read-only mount {f['readonly_failed']} "
@@ -65,7 +71,7 @@ def run_storage(args, folder):
 def run_stress(args, folder):
     import stress
     began = time.monotonic()
-    seed = args.seed if args.seed is not None else random.randrange(1 << 32)
+    seed = seed_of(args)
     f = stress.StressSoak(args.crhost, folder, report, clients=args.clients,
                           bound=args.bound_ms / 1000.0).run(args.minutes * 60, random.Random(seed))
     print(f"soak stress ({args.label}, seed {seed}): {f['clients']} clients, {f['answers']} answers in {elapsed(began)}, "

@@ -120,8 +120,10 @@ class StorageSoak:
         memory and file. Returns how many failed. A command may still
         answer 0 when it had nothing to store (SetEnabled(true) while
         enabled) or, on a full disk, when its bytes fitted in the space
-        left in the file's last page; its change must then be in the file."""
-        failed = 0
+        left in the file's last page; its change must then be in the file.
+        Returns (failed, saved): the commands that failed and those that
+        answered 0."""
+        failed = saved = 0
         for big in (False, True):
             for name, request in self.commands(rng, big):
                 before_memory = self.memory(host)
@@ -129,11 +131,11 @@ class StorageSoak:
                 answer, _ = host.method(name, request, ANSWER_BOUND)
                 if answer is None:
                     self.fail(f"{figure}: {name} got no answer within {ANSWER_BOUND} s: {host.error_text()[-300:]}")
-                    return failed
+                    return failed, saved
                 after_memory = self.memory(host)
                 if after_memory is None:
                     self.fail(f"{figure}: no answer after {name}")
-                    return failed
+                    return failed, saved
                 if answer["status"] != 0:
                     failed += 1
                     if answer["status"] != 1627:
@@ -145,6 +147,7 @@ class StorageSoak:
                     if now != before_file and self.stored_differs(before_file, now):
                         self.fail(f"{figure}: {name} failed but the file's state changed")
                 else:
+                    saved += 1
                     # The enabled flag in memory may run ahead of the stored
                     # one (a console update resumes the runner in memory only).
                     stored = self.comparable(self.stored(state))
@@ -152,7 +155,7 @@ class StorageSoak:
                     if stored is None or (stored["rules"], stored["methodSets"]) != (held["rules"], held["methodSets"]) \
                             or (name == "SetEnabled" and stored["enabled"] != held["enabled"]):
                         self.fail(f"{figure}: {name} answered 0 but the file holds {stored}, memory {held}")
-        return failed
+        return failed, saved
 
     def stored_differs(self, before, after):
         try:
@@ -203,59 +206,45 @@ class StorageSoak:
 
     # --- the faults ---------------------------------------------------------------
 
-    def full_disk(self, rng):
-        point = self.mount_tmpfs("full")
+    def under_fault(self, rng, name, figure, inject, undo):
+        """cr-host on a fresh tmpfs with its state set up; then saves while
+        `inject(point, state)` holds a fault, until `undo(point, state)`
+        lifts it: some save must fail, each as a save may, and all must work
+        again afterwards. Adds the failed saves to `figure`; returns how many
+        saves succeeded all the same."""
+        point = self.mount_tmpfs(figure)
         state = os.path.join(point, "state.json")
         host = self.start(state)
         try:
             self.prepare(host, rng)
-            filler = os.path.join(point, "filler")
-            fill_up(filler)
-            failed = self.faulty_saves(host, state, rng, "full disk")
-            self.figures["full_failed"] += failed
-            self.figures["full_ok"] += 10 - failed
+            inject(point, state)
+            try:
+                failed, saved = self.faulty_saves(host, state, rng, name)
+            finally:
+                undo(point, state)
+            self.figures[figure] += failed
             if failed == 0:
-                self.fail("full disk: no save failed")
-            os.remove(filler)
-            self.settle(host, rng, "full disk")
+                self.fail(f"{name}: no save failed")
+            self.settle(host, rng, name)
+            return saved
         finally:
             host.close()
+
+    def full_disk(self, rng):
+        filler = lambda point: os.path.join(point, "filler")  # noqa: E731
+        self.figures["full_ok"] += self.under_fault(rng, "full disk", "full_failed",
+                                                    lambda point, state: fill_up(filler(point)),
+                                                    lambda point, state: os.remove(filler(point)))
 
     def immutable(self, rng):
-        point = self.mount_tmpfs("immutable")
-        state = os.path.join(point, "state.json")
-        host = self.start(state)
-        try:
-            self.prepare(host, rng)
-            subprocess.run(["chattr", "+i", state], check=True)
-            try:
-                failed = self.faulty_saves(host, state, rng, "immutable file")
-            finally:
-                subprocess.run(["chattr", "-i", state], check=True)
-            self.figures["immutable_failed"] += failed
-            if failed == 0:
-                self.fail("immutable file: no save failed")
-            self.settle(host, rng, "immutable file")
-        finally:
-            host.close()
+        self.under_fault(rng, "immutable file", "immutable_failed",
+                         lambda point, state: subprocess.run(["chattr", "+i", state], check=True),
+                         lambda point, state: subprocess.run(["chattr", "-i", state], check=True))
 
     def read_only(self, rng):
-        point = self.mount_tmpfs("readonly")
-        state = os.path.join(point, "state.json")
-        host = self.start(state)
-        try:
-            self.prepare(host, rng)
-            subprocess.run(["mount", "-o", "remount,ro", point], check=True)
-            try:
-                failed = self.faulty_saves(host, state, rng, "read-only mount")
-            finally:
-                subprocess.run(["mount", "-o", "remount,rw", point], check=True)
-            self.figures["readonly_failed"] += failed
-            if failed == 0:
-                self.fail("read-only mount: no save failed")
-            self.settle(host, rng, "read-only mount")
-        finally:
-            host.close()
+        self.under_fault(rng, "read-only mount", "readonly_failed",
+                         lambda point, state: subprocess.run(["mount", "-o", "remount,ro", point], check=True),
+                         lambda point, state: subprocess.run(["mount", "-o", "remount,rw", point], check=True))
 
     def cut_files(self, rng):
         """A session's file, then a start on every cut of it."""

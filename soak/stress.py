@@ -50,9 +50,7 @@ class StressSoak:
     def __init__(self, crhost, folder, report, clients=6, bound=5.0):
         self.crhost = crhost
         self.folder = folder
-        self.state = os.path.join(folder, "state.json")
-        self.files = os.path.join(folder, "files")
-        os.makedirs(self.files, exist_ok=True)
+        self.state, self.files = workload.scratch(folder)
         self.report = report
         self.clients = clients
         self.bound = bound

@@ -16,6 +16,14 @@ METHODS = ["m1", "m2", "m3", "m4", "m5"]
 FILE_COUNT = 4
 
 
+def scratch(folder):
+    """(state file, folder of the watched files) of a run in `folder`; the
+    latter is made."""
+    files = os.path.join(folder, "files")
+    os.makedirs(files, exist_ok=True)
+    return os.path.join(folder, "state.json"), files
+
+
 def file_path(folder, k):
     return os.path.join(folder, f"flag{k}")
 

@@ -21,16 +21,8 @@ const std::string& TextOf(const Node& node);
 template <class Members, class TextOfMember>
 void AppendMembers(const char* key, const Members& members, TextOfMember textOf, std::string& out) {
     AppendQuoted(key, out);
-    out += ":{";
-    bool first = true;
-    for (const auto& [name, member] : members) {
-        if (!first) out += ',';
-        first = false;
-        AppendQuoted(name, out);
-        out += ':';
-        out += textOf(*member);
-    }
-    out += '}';
+    out += ':';
+    AppendObject(members, textOf, out);
 }
 
 // The node's text, made the first time it is asked for (and kept only when

@@ -48,28 +48,13 @@ std::string EncodeRecord(const std::vector<std::wstring>& segments, const Change
     line.append(kCheckDigits, '0');  // filled in once the commit is written
     line += kRecordMiddle;
     const size_t commitStart = line.size();
-    line += "{\"at\":[";
-    for (size_t i = 0; i < segments.size(); ++i) {
-        if (i) line += ',';
-        AppendQuoted(segments[i], line);
-    }
-    line += "],\"values\":{";
-    bool first = true;
-    for (const auto& [name, value] : changes.values) {
-        if (!first) line += ',';
-        first = false;
-        AppendQuoted(name, line);
-        line += ':';
-        line += EntryText(*value);
-    }
-    line += "},\"removed\":[";
-    first = true;
-    for (const auto& name : changes.removed) {
-        if (!first) line += ',';
-        first = false;
-        AppendQuoted(name, line);
-    }
-    line += "]}";
+    line += "{\"at\":";
+    AppendQuotedArray(segments, line);
+    line += ",\"values\":";
+    AppendObject(changes.values, EntryText, line);
+    line += ",\"removed\":";
+    AppendQuotedArray(changes.removed, line);
+    line += '}';
     line.replace(kRecordStart.size(), kCheckDigits, CheckOf(std::string_view(line).substr(commitStart)));
     line += "}\n";
     return line;

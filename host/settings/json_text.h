@@ -27,4 +27,33 @@ void AppendQuoted(const std::wstring& text, std::string& out);
 // value could not be read back. `out` then holds part of the value.
 [[nodiscard]] bool AppendJson(const Json::Value& value, int depth, std::string& out);
 
+// Appends the names in `names` as a JSON array of strings.
+template <class Names>
+void AppendQuotedArray(const Names& names, std::string& out) {
+    out += '[';
+    bool first = true;
+    for (const auto& name : names) {
+        if (!first) out += ',';
+        first = false;
+        AppendQuoted(name, out);
+    }
+    out += ']';
+}
+
+// Appends {name: textOf(*member), ...} for the (name, member pointer) pairs
+// of `members`, where textOf gives a member's JSON text ready made.
+template <class Members, class TextOfMember>
+void AppendObject(const Members& members, TextOfMember textOf, std::string& out) {
+    out += '{';
+    bool first = true;
+    for (const auto& [name, member] : members) {
+        if (!first) out += ',';
+        first = false;
+        AppendQuoted(name, out);
+        out += ':';
+        out += textOf(*member);
+    }
+    out += '}';
+}
+
 }  // namespace host::settings
